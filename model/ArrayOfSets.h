@@ -1,0 +1,50 @@
+// ArrayOfSets: many small int sets stored back to back with per-set offsets.
+#pragma once
+
+#include <vector>
+
+#include "qyGeom/qyGeomExport.h"
+
+namespace qyGeom
+{
+
+/// Set i is the contiguous run getSet(i)[0 .. getSetSize(i)). Members are stored in one array
+/// and located by an offsets array of numSets + 1 entries (set i spans
+/// [offsets[i], offsets[i + 1])), which builders may fill directly.
+class QYGEOM_API ArrayOfSets
+{
+public:
+    ArrayOfSets() = default;
+    /// numSets empty sets with room for totalSize members; a builder writes getOffsets()
+    /// (numSets + 1 non-decreasing entries from 0, at most totalSize) and getMembers().
+    ArrayOfSets(int numSets, int totalSize);
+
+    int getNumSets() const { return m_numSets; }
+    int getSetSize(int i) const { return m_offsets[i + 1] - m_offsets[i]; }
+    int* getSet(int i) { return m_members.data() + m_offsets[i]; }
+    const int* getSet(int i) const { return m_members.data() + m_offsets[i]; }
+    /// Total number of members over all sets.
+    int getTotalSize() const { return m_numSets ? m_offsets[m_numSets] : 0; }
+
+    int* getOffsets() { return m_offsets.data(); }
+    const int* getOffsets() const { return m_offsets.data(); }
+    int* getMembers() { return m_members.data(); }
+    const int* getMembers() const { return m_members.data(); }
+
+    /// Builds numSets sets from numPairs (set, member) couples given as 2 * numPairs ints;
+    /// each set lists its members in pair order. @pre 0 <= set < numSets
+    void assignFromPairs(int numSets, int numPairs, const int* pairs);
+    /// Set j of the result lists every i whose set in `other` contains j, in increasing i
+    /// (twice if it contains j twice). @pre members of other in [0, numSets)
+    void assignInverse(int numSets, const ArrayOfSets& other);
+
+    void swap(ArrayOfSets& other) noexcept;
+    bool operator==(const ArrayOfSets& other) const;
+
+private:
+    std::vector<int> m_offsets; // numSets + 1 entries once sized
+    std::vector<int> m_members;
+    int m_numSets = 0;
+};
+
+} // namespace qyGeom
