@@ -1,0 +1,37 @@
+#!/usr/bin/env bash
+# Builds and runs every test: a Release build with warnings as errors (benchmarks compiled
+# too), a Debug build under AddressSanitizer + UndefinedBehaviorSanitizer, and a program
+# built against the installed package. Run from anywhere: bash .ci/test.sh
+set -euo pipefail
+cd "$(dirname "$0")/.."
+jobs=${QYGEOM_JOBS:-$(nproc)}
+
+# Build dependencies, from Debian's packages, when missing.
+missing=()
+for pkg in cmake g++ libgtest-dev libbenchmark-dev; do
+    dpkg -s "$pkg" >/dev/null 2>&1 || missing+=("$pkg")
+done
+if [ ${#missing[@]} -gt 0 ]; then
+    echo "== installing ${missing[*]}"
+    apt-get update -qq && DEBIAN_FRONTEND=noninteractive apt-get install -y -qq "${missing[@]}"
+fi
+
+echo "== Release build, warnings as errors"
+cmake -S . -B build/ci-release -DCMAKE_BUILD_TYPE=Release -DQYGEOM_WERROR=ON \
+      -DQYGEOM_BUILD_TESTS=ON -DQYGEOM_BUILD_BENCHMARKS=ON
+cmake --build build/ci-release -j"$jobs"
+ctest --test-dir build/ci-release --output-on-failure -j"$jobs"
+
+echo "== Install and build a consumer of the installed package"
+rm -rf build/ci-install build/ci-consumer
+cmake --install build/ci-release --prefix build/ci-install
+cmake -S tests/consumer -B build/ci-consumer -DCMAKE_PREFIX_PATH="$PWD/build/ci-install"
+cmake --build build/ci-consumer -j"$jobs"
+LD_LIBRARY_PATH="$PWD/build/ci-install/lib:${LD_LIBRARY_PATH:-}" build/ci-consumer/consumer
+
+echo "== Debug build under AddressSanitizer + UndefinedBehaviorSanitizer"
+cmake -S . -B build/ci-sanitize -DCMAKE_BUILD_TYPE=Debug -DQYGEOM_WERROR=ON \
+      -DQYGEOM_BUILD_TESTS=ON -DQYGEOM_SANITIZE=ON
+cmake --build build/ci-sanitize -j"$jobs"
+ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+    ctest --test-dir build/ci-sanitize --output-on-failure -j"$jobs"
