@@ -14,6 +14,18 @@ Normal::Normal(const Vector& v)
     {
         m_v = v / len;
         m_valid = true;
+        return;
+    }
+    // The squared length under- or overflowed: divide by the largest component first, so a
+    // finite non-zero vector keeps its direction whatever its magnitude.
+    if (!std::isfinite(v.x) || !std::isfinite(v.y) || !std::isfinite(v.z))
+        return;
+    const double largest = std::max({std::abs(v.x), std::abs(v.y), std::abs(v.z)});
+    if (largest > 0.0)
+    {
+        const Vector scaled = v / largest;
+        m_v = scaled / scaled.length();
+        m_valid = true;
     }
 }
 
@@ -59,6 +71,8 @@ void Range1d::makeEmpty()
 
 void Range1d::extend(double v)
 {
+    if (std::isnan(v))
+        return;
     if (isEmpty())
     {
         m_lo = m_hi = v;

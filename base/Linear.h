@@ -347,10 +347,15 @@ public:
     double size() const { return isEmpty() ? 0.0 : m_hi - m_lo; }
     double center() const { return 0.5 * (m_lo + m_hi); }
     void makeEmpty();
+    /// Grows the range to hold v; NaN is ignored.
     void extend(double v);
     void extend(const Range1d& r);
     bool contains(double v) const { return v >= m_lo && v <= m_hi; }
-    bool intersects(const Range1d& r) const { return m_lo <= r.m_hi && r.m_lo <= m_hi; }
+    /// True when the two share a value; an empty range intersects nothing.
+    bool intersects(const Range1d& r) const
+    {
+        return !isEmpty() && !r.isEmpty() && m_lo <= r.m_hi && r.m_lo <= m_hi;
+    }
 
 private:
     double m_lo = 1.0, m_hi = 0.0;

@@ -59,7 +59,9 @@ void Progress::set(double fraction)
 
 void Progress::subPhase(double share, Progress& child)
 {
-    share = share > 0.0 ? share : 0.0;
+    // A share beyond the rest of this object's range is cut to that rest, so the overall
+    // fraction never passes 1.
+    share = share > 0.0 ? std::min(share, 1.0 - m_nextPhase) : 0.0;
     child.m_parent = this;
     child.m_base = m_nextPhase;
     child.m_share = share;

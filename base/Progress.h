@@ -42,8 +42,9 @@ public:
     void setCaption(const char* caption);
     /// Sets this object's own fraction (clamped to [0, 1]; NaN counts as 0).
     void set(double fraction);
-    /// Binds `child` to the next `share` of this object's range and sets this object's
-    /// fraction to where that share begins. The child's fraction restarts at 0.
+    /// Binds `child` to the next `share` of this object's range (at most what is left of it)
+    /// and sets this object's fraction to where that share begins. The child's fraction
+    /// restarts at 0.
     void subPhase(double share, Progress& child);
     /// True once cancellation was requested anywhere up the tree; stays true.
     bool cancelled();

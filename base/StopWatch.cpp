@@ -6,6 +6,9 @@ namespace qyOS
 
 void StopWatch::start()
 {
+    // A running watch folds the time of its current run into the total, so that check()
+    // never goes back.
+    m_accumulated = check();
     m_start = Clock::now();
     m_running = true;
 }

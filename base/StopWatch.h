@@ -12,7 +12,7 @@ namespace qyOS
 class QYGEOM_API StopWatch
 {
 public:
-    /// Starts (or restarts) counting from the time accumulated so far.
+    /// Starts counting from the time accumulated so far (on a running watch: keeps counting).
     void start();
     /// Stops counting; returns the elapsed seconds.
     double stop();

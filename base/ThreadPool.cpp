@@ -57,6 +57,16 @@ void ThreadedAlgBase::partDone(int part)
         m_fractions[part].store(1.0f, std::memory_order_relaxed);
 }
 
+void ThreadedAlgBase::endRun()
+{
+    // Reports skipped while another part held the progress object may include the last
+    // ones: a job that ran to the end reports its completion once more, on the caller.
+    if (!m_progress || m_stop.load(std::memory_order_relaxed))
+        return;
+    std::lock_guard<std::mutex> lock(m_progressMutex);
+    m_progress->set(1.0);
+}
+
 bool ThreadedAlgBase::cancelled(int)
 {
     if (m_stop.load(std::memory_order_relaxed))
@@ -135,9 +145,10 @@ struct ThreadPool::Impl
         insidePart = false;
     }
 
-    void workerLoop()
+    // `seen` is the generation current when the worker starts: a worker added by a resize
+    // must not take the last job before the resize for a new one.
+    void workerLoop(unsigned long long seen)
     {
-        unsigned long long seen = 0;
         for (;;)
         {
             {
@@ -157,8 +168,9 @@ struct ThreadPool::Impl
     void start(int numThreads)
     {
         quit = false;
+        const unsigned long long current = generation;
         for (int i = 1; i < numThreads; ++i)
-            workers.emplace_back([this] { workerLoop(); });
+            workers.emplace_back([this, current] { workerLoop(current); });
     }
 
     void stop()
@@ -215,7 +227,8 @@ ThreadPool::~ThreadPool()
 
 void ThreadPool::setNumThreads(int n)
 {
-    if (m_fixed)
+    // Resizing from inside a running part would wait for the job it is part of.
+    if (m_fixed || insidePart)
         return;
     if (n <= 0)
         n = defaultNumThreads();
@@ -283,6 +296,7 @@ template <class Fn> void ThreadPool::runParts(ThreadedAlgBase& alg, int numParts
     for (const std::exception_ptr& e : failures)
         if (e)
             std::rethrow_exception(e);
+    alg.endRun();
 }
 
 void ThreadPool::run(ThreadedAlg& alg)

@@ -30,7 +30,7 @@ public:
     Progress* getProgress() const { return m_progress; }
 
     /// Part `part` has done `fraction` (0..1) of its own work. The job's fraction is the mean
-    /// over its parts.
+    /// over its parts; a job that finished without being cancelled ends at 1.
     void updateProgress(int part, double fraction);
     /// True when the progress object was cancelled or another part of the job failed; the
     /// part should stop.
@@ -43,6 +43,7 @@ private:
     friend class ThreadPool;
     void beginRun(int numParts);
     void partDone(int part);
+    void endRun();
     void stopAll() { m_stop.store(true, std::memory_order_relaxed); }
 
     Progress* m_progress = nullptr;

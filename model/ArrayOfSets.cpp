@@ -13,6 +13,24 @@ ArrayOfSets::ArrayOfSets(int numSets, int totalSize)
 {
 }
 
+// The implicit moves would empty the arrays but copy the set count, leaving the source
+// claiming sets it has no offsets for.
+ArrayOfSets::ArrayOfSets(ArrayOfSets&& other) noexcept
+{
+    swap(other);
+}
+
+ArrayOfSets& ArrayOfSets::operator=(ArrayOfSets&& other) noexcept
+{
+    if (this != &other)
+    {
+        ArrayOfSets moved;
+        moved.swap(other);
+        swap(moved);
+    }
+    return *this;
+}
+
 void ArrayOfSets::assignFromPairs(int numSets, int numPairs, const int* pairs)
 {
     ArrayOfSets result(numSets, numPairs);
@@ -23,7 +41,8 @@ void ArrayOfSets::assignFromPairs(int numSets, int numPairs, const int* pairs)
         offsets[s + 1] += offsets[s];
     std::vector<int> fill(offsets, offsets + numSets);
     for (int p = 0; p < numPairs; ++p)
-        result.m_members[std::size_t(fill[pairs[2 * std::size_t(p)]]++)] = pairs[2 * std::size_t(p) + 1];
+        result.m_members[std::size_t(fill[pairs[2 * std::size_t(p)]]++)] =
+            pairs[2 * std::size_t(p) + 1];
     swap(result);
 }
 

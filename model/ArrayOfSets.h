@@ -18,6 +18,11 @@ public:
     /// numSets empty sets with room for totalSize members; a builder writes getOffsets()
     /// (numSets + 1 non-decreasing entries from 0, at most totalSize) and getMembers().
     ArrayOfSets(int numSets, int totalSize);
+    ArrayOfSets(const ArrayOfSets&) = default;
+    ArrayOfSets& operator=(const ArrayOfSets&) = default;
+    /// The source is left with no sets.
+    ArrayOfSets(ArrayOfSets&& other) noexcept;
+    ArrayOfSets& operator=(ArrayOfSets&& other) noexcept;
 
     int getNumSets() const { return m_numSets; }
     int getSetSize(int i) const { return m_offsets[i + 1] - m_offsets[i]; }

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <bit>
+#include <utility>
 
 namespace qyGeom
 {
@@ -15,6 +16,25 @@ std::size_t wordsFor(int n)
 } // namespace
 
 BitVector::BitVector(int n) : m_words(wordsFor(n), 0), m_size(std::max(n, 0)) {}
+
+// The implicit moves would empty the words but copy the size, leaving the source with bits
+// it has no storage for.
+BitVector::BitVector(BitVector&& other) noexcept
+    : m_words(std::move(other.m_words)), m_size(std::exchange(other.m_size, 0))
+{
+    other.m_words.clear();
+}
+
+BitVector& BitVector::operator=(BitVector&& other) noexcept
+{
+    if (this != &other)
+    {
+        m_words = std::move(other.m_words);
+        m_size = std::exchange(other.m_size, 0);
+        other.m_words.clear();
+    }
+    return *this;
+}
 
 void BitVector::clearTail()
 {

@@ -21,6 +21,11 @@ public:
     BitVector() = default;
     /// n clear bits.
     explicit BitVector(int n);
+    BitVector(const BitVector&) = default;
+    BitVector& operator=(const BitVector&) = default;
+    /// The source is left empty (size 0).
+    BitVector(BitVector&& other) noexcept;
+    BitVector& operator=(BitVector&& other) noexcept;
 
     int size() const { return m_size; }
     int getNumWords() const { return int(m_words.size()); }

@@ -75,6 +75,7 @@ CompactMesh::CompactMesh(CompactMesh&& other) noexcept : CompactMesh()
 {
     swapVertexData(other);
     swapFaceData(other);
+    other.notifyReplaced(); // it is empty now
 }
 
 CompactMesh& CompactMesh::operator=(const CompactMesh& other)
@@ -82,6 +83,7 @@ CompactMesh& CompactMesh::operator=(const CompactMesh& other)
     if (this != &other)
     {
         CompactMesh copy(other);
+        copy.setArrayAllocator(getArrayAllocator()); // the target keeps its own allocator
         swapVertexData(copy);
         swapFaceData(copy);
         notifyReplaced();
@@ -93,8 +95,9 @@ CompactMesh& CompactMesh::operator=(CompactMesh&& other) noexcept
 {
     if (this != &other)
     {
-        swapVertexData(other);
-        swapFaceData(other);
+        CompactMesh taken(std::move(other));
+        swapVertexData(taken);
+        swapFaceData(taken);
         notifyReplaced();
     }
     return *this;

@@ -28,8 +28,10 @@ public:
     CompactMesh(int n, const MeshVertex* vertices, const MeshNormal* normals = nullptr,
                 const MeshUV* uvs = nullptr, const MeshColour* colours = nullptr);
     CompactMesh(const CompactMesh& other);
+    /// Takes the other's contents, leaving it empty; observers of both are told.
     CompactMesh(CompactMesh&& other) noexcept;
-    /// Whole-mesh copy; observers are told the contents were replaced.
+    /// Whole-mesh copy, kept in this mesh's own allocator; observers are told the contents
+    /// were replaced.
     CompactMesh& operator=(const CompactMesh& other);
     CompactMesh& operator=(CompactMesh&& other) noexcept;
     ~CompactMesh() override;

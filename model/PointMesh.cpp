@@ -74,6 +74,7 @@ PointMesh& PointMesh::operator=(const PointMesh& other)
     if (this != &other)
     {
         PointMesh copy(other);
+        copy.setArrayAllocator(getArrayAllocator()); // the target keeps its own allocator
         swapVertexData(copy);
         notifyReplaced();
     }

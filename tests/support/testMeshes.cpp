@@ -4,7 +4,11 @@
 #include <cmath>
 #include <map>
 #include <numbers>
+#include <stdexcept>
 #include <utility>
+
+#include "base/ThreadPool.h"
+#include "model/debugChannel.h"
 
 namespace qyTest
 {
@@ -79,22 +83,23 @@ CompactMesh makeIcosphere(int levels)
 {
     const double t = (1.0 + std::sqrt(5.0)) / 2.0;
     Builder b;
-    const double base[12][3] = {{-1, t, 0}, {1, t, 0},  {-1, -t, 0}, {1, -t, 0},
-                                {0, -1, t}, {0, 1, t},  {0, -1, -t}, {0, 1, -t},
-                                {t, 0, -1}, {t, 0, 1},  {-t, 0, -1}, {-t, 0, 1}};
+    const double base[12][3] = {{-1, t, 0}, {1, t, 0}, {-1, -t, 0}, {1, -t, 0},
+                                {0, -1, t}, {0, 1, t}, {0, -1, -t}, {0, 1, -t},
+                                {t, 0, -1}, {t, 0, 1}, {-t, 0, -1}, {-t, 0, 1}};
     std::vector<double> p; // unit positions in double while subdividing
     for (const auto& v : base)
     {
         const double l = std::sqrt(v[0] * v[0] + v[1] * v[1] + v[2] * v[2]);
         p.insert(p.end(), {v[0] / l, v[1] / l, v[2] / l});
     }
-    std::vector<int> tris = {0, 11, 5, 0, 5,  1,  0, 1, 7, 0, 7,  10, 0, 10, 11, 1, 5, 9, 5, 11,
+    std::vector<int> tris = {0, 11, 5,  0, 5,  1, 0, 1, 7, 0, 7,  10, 0, 10, 11, 1, 5, 9, 5, 11,
                              4, 11, 10, 2, 10, 7, 6, 7, 1, 8, 3,  9,  4, 3,  4,  2, 3, 2, 6, 3,
                              6, 8,  3,  8, 9,  4, 9, 5, 2, 4, 11, 6,  2, 10, 8,  6, 7, 9, 8, 1};
     for (int level = 0; level < levels; ++level)
     {
         std::map<std::pair<int, int>, int> midpoints;
-        auto mid = [&](int a, int c) {
+        auto mid = [&](int a, int c)
+        {
             const auto key = std::minmax(a, c);
             auto it = midpoints.find(key);
             if (it != midpoints.end())
@@ -135,7 +140,8 @@ CompactMesh makeUVSphere(int rings, int segments)
         for (int s = 0; s < segments; ++s)
         {
             const double phi = 2 * pi * s / segments;
-            b.vertex(std::sin(theta) * std::cos(phi), std::sin(theta) * std::sin(phi), std::cos(theta));
+            b.vertex(std::sin(theta) * std::cos(phi), std::sin(theta) * std::sin(phi),
+                     std::cos(theta));
         }
     }
     const int south = b.vertex(0, 0, -1);
@@ -218,20 +224,31 @@ std::vector<TestMesh> all()
     std::vector<TestMesh> out;
     out.push_back({"empty", CompactMesh()});
     out.push_back({"one triangle", makeMesh({0, 0, 0, 1, 0, 0, 0, 1, 0}, {0, 1, 2})});
-    out.push_back({"tetrahedron",
-                   makeMesh({0, 0, 0, 1, 0, 0, 0, 1, 0, 0, 0, 1}, {0, 2, 1, 0, 1, 3, 1, 2, 3, 0, 3, 2})});
-    out.push_back({"open quad", makeMesh({0, 0, 0, 1, 0, 0, 1, 1, 0, 0, 1, 0}, {0, 1, 2, 0, 2, 3})});
-    out.push_back({"two components",
-                   makeMesh({0, 0, 0, 1, 0, 0, 0, 1, 0, 5, 0, 0, 6, 0, 0, 5, 1, 0}, {0, 1, 2, 3, 4, 5})});
+    out.push_back({"tetrahedron", makeMesh({0, 0, 0, 1, 0, 0, 0, 1, 0, 0, 0, 1},
+                                           {0, 2, 1, 0, 1, 3, 1, 2, 3, 0, 3, 2})});
+    out.push_back(
+        {"open quad", makeMesh({0, 0, 0, 1, 0, 0, 1, 1, 0, 0, 1, 0}, {0, 1, 2, 0, 2, 3})});
+    out.push_back(
+        {"two components",
+         makeMesh({0, 0, 0, 1, 0, 0, 0, 1, 0, 5, 0, 0, 6, 0, 0, 5, 1, 0}, {0, 1, 2, 3, 4, 5})});
     out.push_back({"cube", makeCube()});
-    out.push_back({"non-manifold edge",
-                   makeMesh({0, 0, 0, 1, 0, 0, 0, 1, 0, 0, -1, 0, 0, 0, 1}, {0, 1, 2, 1, 0, 3, 0, 1, 4})});
+    out.push_back({"non-manifold edge", makeMesh({0, 0, 0, 1, 0, 0, 0, 1, 0, 0, -1, 0, 0, 0, 1},
+                                                 {0, 1, 2, 1, 0, 3, 0, 1, 4})});
     out.push_back({"zero-area triangle", makeMesh({0, 0, 0, 1, 0, 0, 2, 0, 0}, {0, 1, 2})});
-    out.push_back({"repeated-index triangle", makeMesh({0, 0, 0, 1, 0, 0, 0, 1, 0}, {0, 1, 2, 0, 0, 1})});
-    out.push_back({"flipped face",
-                   makeMesh({0, 0, 0, 1, 0, 0, 1, 1, 0, 0, 1, 0}, {0, 1, 2, 0, 3, 2})});
+    out.push_back(
+        {"repeated-index triangle", makeMesh({0, 0, 0, 1, 0, 0, 0, 1, 0}, {0, 1, 2, 0, 0, 1})});
+    out.push_back(
+        {"flipped face", makeMesh({0, 0, 0, 1, 0, 0, 1, 1, 0, 0, 1, 0}, {0, 1, 2, 0, 3, 2})});
     out.push_back({"isolated vertex", makeMesh({0, 0, 0, 1, 0, 0, 0, 1, 0, 7, 7, 7}, {0, 1, 2})});
     return out;
+}
+
+CompactMesh get(const std::string& name)
+{
+    for (TestMesh& t : all())
+        if (t.name == name)
+            return std::move(t.mesh);
+    throw std::out_of_range("no test mesh named " + name);
 }
 } // namespace testMeshes
 
@@ -255,6 +272,29 @@ qyUtil::Progress& quietProgress()
 {
     static qyUtil::Progress progress;
     return progress;
+}
+
+DebugCapture::DebugCapture() : m_wasEnabled(qyGeom::debugChannel().isEnabled())
+{
+    qyGeom::debugChannel().setSink([this](const char* text) { m_text += text; });
+    qyGeom::debugChannel().setEnabled(true);
+}
+
+DebugCapture::~DebugCapture()
+{
+    qyGeom::debugChannel().setEnabled(m_wasEnabled);
+    qyGeom::debugChannel().setSink({});
+}
+
+ScopedThreadCount::ScopedThreadCount(int numThreads)
+    : m_saved(qyUtil::ThreadPool::get().getNumThreads())
+{
+    qyUtil::ThreadPool::get().setNumThreads(numThreads);
+}
+
+ScopedThreadCount::~ScopedThreadCount()
+{
+    qyUtil::ThreadPool::get().setNumThreads(m_saved);
 }
 
 } // namespace qyTest

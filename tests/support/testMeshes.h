@@ -2,12 +2,45 @@
 // Not part of the shipped library.
 #pragma once
 
+#include <ostream>
 #include <string>
 #include <vector>
 
+#include "base/Linear.h"
 #include "base/Progress.h"
+#include "model/BoundingBox.h"
 #include "model/CompactMesh.h"
 #include "model/MeshModification.h"
+
+namespace qyLinear
+{
+// Readable values in test failure messages.
+template <class T> void PrintTo(const PointT<T>& p, std::ostream* os)
+{
+    *os << "(" << p.x << ", " << p.y << ", " << p.z << ")";
+}
+template <class T> void PrintTo(const VectorT<T>& v, std::ostream* os)
+{
+    *os << "(" << v.x << ", " << v.y << ", " << v.z << ")";
+}
+inline void PrintTo(const Normal& n, std::ostream* os)
+{
+    PrintTo(n.asVector(), os);
+    *os << (n.isValid() ? "" : " invalid");
+}
+} // namespace qyLinear
+
+namespace qyGeom
+{
+inline void PrintTo(const BoundingBox& box, std::ostream* os)
+{
+    *os << "[";
+    qyLinear::PrintTo(box.minPt(), os);
+    *os << " .. ";
+    qyLinear::PrintTo(box.maxPt(), os);
+    *os << "]";
+}
+} // namespace qyGeom
 
 namespace qyTest
 {
@@ -45,6 +78,8 @@ namespace testMeshes
 /// empty, one triangle, tetrahedron, open quad, two components, cube, non-manifold edge,
 /// zero-area triangle, repeated-index triangle, flipped face, isolated vertex.
 std::vector<TestMesh> all();
+/// The mesh of that name from all(); throws std::out_of_range for an unknown name.
+CompactMesh get(const std::string& name);
 } // namespace testMeshes
 
 /// A CompactMesh that records every record handed to modified() (type and flags), then lets
@@ -76,5 +111,36 @@ private:
 
 /// A progress object that reports nowhere and is never cancelled.
 qyUtil::Progress& quietProgress();
+
+/// Switches qyGeom::debugChannel() on and collects the text printed to it while alive; the
+/// destructor puts the channel back to its previous on/off state and to standard error.
+class DebugCapture
+{
+public:
+    DebugCapture();
+    ~DebugCapture();
+    DebugCapture(const DebugCapture&) = delete;
+    DebugCapture& operator=(const DebugCapture&) = delete;
+
+    const std::string& text() const { return m_text; }
+    void clear() { m_text.clear(); }
+
+private:
+    bool m_wasEnabled;
+    std::string m_text;
+};
+
+/// Sets the shared pool's thread count for a scope; the destructor restores the previous one.
+class ScopedThreadCount
+{
+public:
+    explicit ScopedThreadCount(int numThreads);
+    ~ScopedThreadCount();
+    ScopedThreadCount(const ScopedThreadCount&) = delete;
+    ScopedThreadCount& operator=(const ScopedThreadCount&) = delete;
+
+private:
+    int m_saved;
+};
 
 } // namespace qyTest
