@@ -6,6 +6,7 @@
 #include <cmath>
 #include <cstddef>
 #include <cstring>
+#include <vector>
 
 #include "base/StopWatch.h"
 #include "base/ThreadPool.h"
@@ -59,6 +60,9 @@ private:
     float* m_normals;
     int m_n;
 };
+
+// Below this many triangles a pool job costs more than it saves.
+constexpr int parallelTriangles = 20000;
 
 inline bool inRange(const int* tri, int numVertices)
 {
@@ -122,17 +126,16 @@ void meshComputeNormals(CompactMesh& mesh)
     float* normals = mesh.getNormalsRaw();
     std::memset(normals, 0, sizeof(float) * 3 * std::size_t(numVerts));
 
-    // Corners of different triangles coincide, so the sums are made on this thread. A
-    // triangle with an index outside the vertex array adds nothing.
+    // Corners of different triangles coincide, so the sums are made on this thread, in
+    // triangle order. With several threads the triangle normals, the costly part, are computed
+    // first by the pool into a buffer; the sums then add the same floats in the same order as
+    // the one-pass loop, so the result does not depend on the thread count. A triangle with an
+    // index outside the vertex array adds nothing.
     const float* verts = mesh.getVerticesRaw();
     const int* tris = mesh.getTrianglesRaw();
-    for (std::ptrdiff_t t = 0; t < numTris; ++t)
+    auto accumulate = [&](std::ptrdiff_t t, float nx, float ny, float nz)
     {
         const int* tri = tris + 3 * t;
-        if (!inRange(tri, numVerts))
-            continue;
-        const qyLinear::Normal n = meshTriNormal(verts, tri);
-        const float nx = float(n.x()), ny = float(n.y()), nz = float(n.z());
         for (int k = 0; k < 3; ++k)
         {
             float* vn = normals + 3 * std::ptrdiff_t(tri[k]);
@@ -140,6 +143,32 @@ void meshComputeNormals(CompactMesh& mesh)
             vn[1] += ny;
             vn[2] += nz;
         }
+    };
+    qyUtil::ThreadPool& pool = qyUtil::ThreadPool::get();
+    if (pool.getNumThreads() == 1 || numTris < parallelTriangles)
+    {
+        for (std::ptrdiff_t t = 0; t < numTris; ++t)
+        {
+            if (!inRange(tris + 3 * t, numVerts))
+                continue;
+            const qyLinear::Normal n = meshTriNormal(verts, tris + 3 * t);
+            accumulate(t, float(n.x()), float(n.y()), float(n.z()));
+        }
+    }
+    else
+    {
+        std::vector<MeshNormal> triNormals(static_cast<std::size_t>(numTris));
+        qyUtil::runChunks(pool, numTris, [&](qyUtil::ThreadedChunkAlg&, int, int begin, int end) {
+            for (std::ptrdiff_t t = begin; t < end; ++t)
+                if (inRange(tris + 3 * t, numVerts))
+                    triNormals[std::size_t(t)].set(meshTriNormal(verts, tris + 3 * t));
+        });
+        for (std::ptrdiff_t t = 0; t < numTris; ++t)
+            if (inRange(tris + 3 * t, numVerts))
+            {
+                const MeshNormal& n = triNormals[std::size_t(t)];
+                accumulate(t, n.x, n.y, n.z);
+            }
     }
     meshNormalize(normals, numVerts);
 

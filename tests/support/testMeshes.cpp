@@ -240,6 +240,7 @@ std::vector<TestMesh> all()
     out.push_back(
         {"flipped face", makeMesh({0, 0, 0, 1, 0, 0, 1, 1, 0, 0, 1, 0}, {0, 1, 2, 0, 3, 2})});
     out.push_back({"isolated vertex", makeMesh({0, 0, 0, 1, 0, 0, 0, 1, 0, 7, 7, 7}, {0, 1, 2})});
+    out.push_back({"vertices only", makeMesh({0, 0, 0, 1, 0, 0, 3, 3, 3}, {})});
     return out;
 }
 
@@ -254,18 +255,8 @@ CompactMesh get(const std::string& name)
 
 void RecordingMesh::modified(qyGeom::MeshModification& modification)
 {
-    m_entries.push_back({modification.getType(), modification.getFlags(),
-                         modification.getVertexRemap() != nullptr,
-                         modification.getTriangleRemap() != nullptr});
+    m_entries.push_back({modification.getType(), modification.getFlags()});
     CompactMesh::modified(modification);
-}
-
-int RecordingMesh::count(qyGeom::MeshModification::Type type) const
-{
-    int n = 0;
-    for (const Entry& e : m_entries)
-        n += e.type == type ? 1 : 0;
-    return n;
 }
 
 qyUtil::Progress& quietProgress()

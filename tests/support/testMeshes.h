@@ -23,11 +23,6 @@ template <class T> void PrintTo(const VectorT<T>& v, std::ostream* os)
 {
     *os << "(" << v.x << ", " << v.y << ", " << v.z << ")";
 }
-inline void PrintTo(const Normal& n, std::ostream* os)
-{
-    PrintTo(n.asVector(), os);
-    *os << (n.isValid() ? "" : " invalid");
-}
 } // namespace qyLinear
 
 namespace qyGeom
@@ -76,7 +71,7 @@ struct TestMesh
 namespace testMeshes
 {
 /// empty, one triangle, tetrahedron, open quad, two components, cube, non-manifold edge,
-/// zero-area triangle, repeated-index triangle, flipped face, isolated vertex.
+/// zero-area triangle, repeated-index triangle, flipped face, isolated vertex, vertices only.
 std::vector<TestMesh> all();
 /// The mesh of that name from all(); throws std::out_of_range for an unknown name.
 CompactMesh get(const std::string& name);
@@ -91,8 +86,6 @@ public:
     {
         qyGeom::MeshModification::Type type;
         unsigned flags;
-        bool hasVertexRemap;
-        bool hasTriangleRemap;
     };
 
     RecordingMesh() = default;
@@ -102,8 +95,6 @@ public:
 
     const std::vector<Entry>& entries() const { return m_entries; }
     int count() const { return int(m_entries.size()); }
-    int count(qyGeom::MeshModification::Type type) const;
-    void clearEntries() { m_entries.clear(); }
 
 private:
     std::vector<Entry> m_entries;
@@ -123,7 +114,6 @@ public:
     DebugCapture& operator=(const DebugCapture&) = delete;
 
     const std::string& text() const { return m_text; }
-    void clear() { m_text.clear(); }
 
 private:
     bool m_wasEnabled;
