@@ -269,7 +269,7 @@ void PointMesh::applyModification(const MeshModification& mod)
         else if (a.get() == m_colours)
             keep = !renumbered || mod.has(M::ColoursValid);
         else
-            keep = !renumbered || mod.isAttributeModified(a->getName());
+            keep = !moved || mod.isAttributeModified(a->getName());
         if (!keep)
             stale.push_back(a->getName());
     }

@@ -121,11 +121,13 @@ public:
     void deleteAttributes(const std::string& name);
 
     /// The notification entry point: keeps or drops derived data as the record says, then
-    /// emits the record on the modified signal. Derived data is what the geometry
-    /// determines: computed normals and other computed arrays (and, in CompactMesh, triangle
-    /// normals). It is dropped when the change affects it and the record neither marks it
-    /// rewritten nor asserts it still valid. On a vertex renumbering, the selection follows
-    /// the map (a new vertex is selected when any vertex merged into it was).
+    /// emits the record on the modified signal. Derived data is an array flagged computed
+    /// (and, in CompactMesh, the triangle normals); it is dropped when the change affects it
+    /// and the record neither marks it rewritten nor asserts it still valid. Computed normals
+    /// and computed named arrays are affected by moved positions and by any renumbering;
+    /// computed UVs, STs and colours only by a vertex renumbering. Explicit arrays are never
+    /// dropped. On a vertex renumbering, the selection follows the map (a new vertex is
+    /// selected when any vertex merged into it was).
     virtual void modified(MeshModification& modification);
 
     virtual int getSizeInBytes() const;

@@ -193,14 +193,23 @@ void meshComputeTriangleNormals(CompactMesh& mesh)
     MeshNormal* out = mesh.getTriangleNormals();
     const float* verts = mesh.getVerticesRaw();
     const int* tris = mesh.getTrianglesRaw();
-    for (std::ptrdiff_t t = 0; t < numTris; ++t)
+    // Each triangle writes only its own normal: chunks of the pool write disjoint ranges.
+    auto computeRange = [&](int begin, int end)
     {
-        const int* tri = tris + 3 * t;
-        // A triangle with an index outside the vertex array has no geometry: (0, 0, 1).
-        const qyLinear::Normal n =
-            inRange(tri, numVerts) ? meshTriNormal(verts, tri) : qyLinear::Normal(0.0, 0.0, 1.0);
-        out[t].set(float(n.x()), float(n.y()), float(n.z()));
-    }
+        for (std::ptrdiff_t t = begin; t < end; ++t)
+        {
+            const int* tri = tris + 3 * t;
+            // A triangle with an index outside the vertex array has no geometry: (0, 0, 1).
+            out[t].set(inRange(tri, numVerts) ? meshTriNormal(verts, tri)
+                                              : qyLinear::Normal(0.0, 0.0, 1.0));
+        }
+    };
+    qyUtil::ThreadPool& pool = qyUtil::ThreadPool::get();
+    if (pool.getNumThreads() == 1 || numTris < parallelTriangles)
+        computeRange(0, numTris);
+    else
+        qyUtil::runChunks(pool, numTris, [&](qyUtil::ThreadedChunkAlg&, int, int begin, int end)
+                          { computeRange(begin, end); });
     debugChannel().print("  normalized: %f s\n", watch.clear());
 
     MeshModification change(&mesh, MeshModification::AttributesChanged);
