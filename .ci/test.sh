@@ -16,6 +16,11 @@ if [ ${#missing[@]} -gt 0 ]; then
     apt-get update -qq && DEBIAN_FRONTEND=noninteractive apt-get install -y -qq "${missing[@]}"
 fi
 
+if command -v clang-format >/dev/null; then
+    echo "== Formatting (clang-format, .clang-format)"
+    git ls-files '*.cpp' '*.h' | xargs clang-format --dry-run -Werror
+fi
+
 echo "== Release build, warnings as errors"
 cmake -S . -B build/ci-release -DCMAKE_BUILD_TYPE=Release -DQYGEOM_WERROR=ON \
       -DQYGEOM_BUILD_TESTS=ON -DQYGEOM_BUILD_BENCHMARKS=ON

@@ -16,8 +16,7 @@ namespace qy
 template <class T> using vector = std::vector<T>;
 template <class T> using list = std::list<T>;
 template <class K, class V, class Less = std::less<K>> using map = std::map<K, V, Less>;
-template <class K, class V, class Less = std::less<K>>
-using multimap = std::multimap<K, V, Less>;
+template <class K, class V, class Less = std::less<K>> using multimap = std::multimap<K, V, Less>;
 template <class K, class Less = std::less<K>> using set = std::set<K, Less>;
 template <class K, class Hash = std::hash<K>, class Eq = std::equal_to<K>>
 using unordered_set = std::unordered_set<K, Hash, Eq>;

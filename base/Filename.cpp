@@ -43,7 +43,8 @@ qyString::CString Filename::getBaseName() const
 {
     const std::size_t start = nameStart(m_path);
     const std::size_t dot = extensionDot(m_path);
-    return m_path.substr(start, dot == qyString::CString::npos ? qyString::CString::npos : dot - start);
+    return m_path.substr(start,
+                         dot == qyString::CString::npos ? qyString::CString::npos : dot - start);
 }
 
 qyString::CString Filename::getExtension() const

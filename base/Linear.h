@@ -63,21 +63,49 @@ template <class T> struct VectorT
     T length() const { return std::sqrt(lengthSquared()); }
 
     VectorT operator-() const { return {-x, -y, -z}; }
-    VectorT& operator+=(const VectorT& v) { x += v.x; y += v.y; z += v.z; return *this; }
-    VectorT& operator-=(const VectorT& v) { x -= v.x; y -= v.y; z -= v.z; return *this; }
-    VectorT& operator*=(T s) { x *= s; y *= s; z *= s; return *this; }
-    VectorT& operator/=(T s) { x /= s; y /= s; z /= s; return *this; }
+    VectorT& operator+=(const VectorT& v)
+    {
+        x += v.x;
+        y += v.y;
+        z += v.z;
+        return *this;
+    }
+    VectorT& operator-=(const VectorT& v)
+    {
+        x -= v.x;
+        y -= v.y;
+        z -= v.z;
+        return *this;
+    }
+    VectorT& operator*=(T s)
+    {
+        x *= s;
+        y *= s;
+        z *= s;
+        return *this;
+    }
+    VectorT& operator/=(T s)
+    {
+        x /= s;
+        y /= s;
+        z /= s;
+        return *this;
+    }
     bool operator==(const VectorT&) const = default;
 };
 
 template <class T> PointT<T>& PointT<T>::operator+=(const VectorT<T>& v)
 {
-    x += v.x; y += v.y; z += v.z;
+    x += v.x;
+    y += v.y;
+    z += v.z;
     return *this;
 }
 template <class T> PointT<T>& PointT<T>::operator-=(const VectorT<T>& v)
 {
-    x -= v.x; y -= v.y; z -= v.z;
+    x -= v.x;
+    y -= v.y;
+    z -= v.z;
     return *this;
 }
 
@@ -85,13 +113,34 @@ template <class T> VectorT<T> operator-(const PointT<T>& a, const PointT<T>& b)
 {
     return {a.x - b.x, a.y - b.y, a.z - b.z};
 }
-template <class T> PointT<T> operator+(PointT<T> p, const VectorT<T>& v) { return p += v; }
-template <class T> PointT<T> operator-(PointT<T> p, const VectorT<T>& v) { return p -= v; }
-template <class T> VectorT<T> operator+(VectorT<T> a, const VectorT<T>& b) { return a += b; }
-template <class T> VectorT<T> operator-(VectorT<T> a, const VectorT<T>& b) { return a -= b; }
-template <class T> VectorT<T> operator*(VectorT<T> a, T s) { return a *= s; }
-template <class T> VectorT<T> operator*(T s, VectorT<T> a) { return a *= s; }
-template <class T> VectorT<T> operator/(VectorT<T> a, T s) { return a /= s; }
+template <class T> PointT<T> operator+(PointT<T> p, const VectorT<T>& v)
+{
+    return p += v;
+}
+template <class T> PointT<T> operator-(PointT<T> p, const VectorT<T>& v)
+{
+    return p -= v;
+}
+template <class T> VectorT<T> operator+(VectorT<T> a, const VectorT<T>& b)
+{
+    return a += b;
+}
+template <class T> VectorT<T> operator-(VectorT<T> a, const VectorT<T>& b)
+{
+    return a -= b;
+}
+template <class T> VectorT<T> operator*(VectorT<T> a, T s)
+{
+    return a *= s;
+}
+template <class T> VectorT<T> operator*(T s, VectorT<T> a)
+{
+    return a *= s;
+}
+template <class T> VectorT<T> operator/(VectorT<T> a, T s)
+{
+    return a /= s;
+}
 
 template <class T> T dot(const VectorT<T>& a, const VectorT<T>& b)
 {
@@ -101,7 +150,10 @@ template <class T> VectorT<T> cross(const VectorT<T>& a, const VectorT<T>& b)
 {
     return {a.y * b.z - a.z * b.y, a.z * b.x - a.x * b.z, a.x * b.y - a.y * b.x};
 }
-template <class T> T distance(const PointT<T>& a, const PointT<T>& b) { return (a - b).length(); }
+template <class T> T distance(const PointT<T>& a, const PointT<T>& b)
+{
+    return (a - b).length();
+}
 
 /// Position in the plane.
 template <class T> struct Point2T
@@ -202,13 +254,17 @@ public:
     static AffineMatrixT translation(const VectorT<T>& t)
     {
         AffineMatrixT m;
-        m.m_t[0] = t.x; m.m_t[1] = t.y; m.m_t[2] = t.z;
+        m.m_t[0] = t.x;
+        m.m_t[1] = t.y;
+        m.m_t[2] = t.z;
         return m;
     }
     static AffineMatrixT scaling(T sx, T sy, T sz)
     {
         AffineMatrixT m;
-        m.m_l[0] = sx; m.m_l[4] = sy; m.m_l[8] = sz;
+        m.m_l[0] = sx;
+        m.m_l[4] = sy;
+        m.m_l[8] = sz;
         return m;
     }
     /// Rotation by `radians` about the unit axis, right-handed.
@@ -284,15 +340,20 @@ private:
     T m_t[3];
 };
 
-template <class T>
-AffineMatrixT<T> AffineMatrixT<T>::rotation(const VectorT<T>& axis, T radians)
+template <class T> AffineMatrixT<T> AffineMatrixT<T>::rotation(const VectorT<T>& axis, T radians)
 {
     const T c = std::cos(radians), s = std::sin(radians), k = T(1) - c;
     const T x = axis.x, y = axis.y, z = axis.z;
     AffineMatrixT m;
-    m.m_l[0] = c + x * x * k;     m.m_l[1] = x * y * k - z * s; m.m_l[2] = x * z * k + y * s;
-    m.m_l[3] = y * x * k + z * s; m.m_l[4] = c + y * y * k;     m.m_l[5] = y * z * k - x * s;
-    m.m_l[6] = z * x * k - y * s; m.m_l[7] = z * y * k + x * s; m.m_l[8] = c + z * z * k;
+    m.m_l[0] = c + x * x * k;
+    m.m_l[1] = x * y * k - z * s;
+    m.m_l[2] = x * z * k + y * s;
+    m.m_l[3] = y * x * k + z * s;
+    m.m_l[4] = c + y * y * k;
+    m.m_l[5] = y * z * k - x * s;
+    m.m_l[6] = z * x * k - y * s;
+    m.m_l[7] = z * y * k + x * s;
+    m.m_l[8] = c + z * z * k;
     return m;
 }
 

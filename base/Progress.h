@@ -67,8 +67,8 @@ private:
     ReportFn m_report;
     CancelFn m_cancelFn;
     Progress* m_parent = nullptr;
-    double m_base = 0.0;     // where this object's range starts in the parent's
-    double m_share = 1.0;    // the size of that range
+    double m_base = 0.0;      // where this object's range starts in the parent's
+    double m_share = 1.0;     // the size of that range
     double m_nextPhase = 0.0; // where this object's next sub-phase starts
     double m_fraction = 0.0;
     qyString::CString m_caption;

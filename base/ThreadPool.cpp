@@ -206,7 +206,8 @@ ThreadPool& ThreadPool::get()
 
 ThreadPool& ThreadPool::getSingleThreadedPool()
 {
-    static ThreadPool& pool = []() -> ThreadPool& {
+    static ThreadPool& pool = []() -> ThreadPool&
+    {
         static ThreadPool single(1);
         single.m_fixed = true;
         return single;
@@ -279,7 +280,8 @@ template <class Fn> void ThreadPool::runParts(ThreadedAlgBase& alg, int numParts
         Fn* fn;
         std::exception_ptr* failures;
     } context{&alg, &fn, failures.data()};
-    auto call = [](void* c, int part) {
+    auto call = [](void* c, int part)
+    {
         Context& ctx = *static_cast<Context*>(c);
         try
         {
@@ -313,13 +315,15 @@ void ThreadPool::run(ThreadedChunkAlg& alg)
     const int numChunks = alg.getNumChunks();
     alg.beginRun(numChunks);
     alg.initialize(numChunks);
-    runParts(alg, numChunks, [&](int chunk) {
-        if (alg.cancelled(chunk))
-            return;
-        int begin, end;
-        alg.getChunkRange(chunk, begin, end);
-        alg.processChunk(chunk, begin, end);
-    });
+    runParts(alg, numChunks,
+             [&](int chunk)
+             {
+                 if (alg.cancelled(chunk))
+                     return;
+                 int begin, end;
+                 alg.getChunkRange(chunk, begin, end);
+                 alg.processChunk(chunk, begin, end);
+             });
     alg.finalize();
 }
 

@@ -159,7 +159,10 @@ void runChunks(ThreadPool& pool, int numItems, Fn&& fn, Progress* progress = nul
     {
     public:
         Job(int n, int size, Fn& f) : ThreadedChunkAlg(n, size), m_fn(f) {}
-        void processChunk(int chunk, int begin, int end) override { m_fn(*this, chunk, begin, end); }
+        void processChunk(int chunk, int begin, int end) override
+        {
+            m_fn(*this, chunk, begin, end);
+        }
 
     private:
         Fn& m_fn;

@@ -14,8 +14,8 @@ void BoundingBox::extend(const BoundingBox& b)
 
 bool BoundingBox::contains(const qyLinear::Point& p) const
 {
-    return p.x >= m_min.x && p.x <= m_max.x && p.y >= m_min.y && p.y <= m_max.y &&
-           p.z >= m_min.z && p.z <= m_max.z;
+    return p.x >= m_min.x && p.x <= m_max.x && p.y >= m_min.y && p.y <= m_max.y && p.z >= m_min.z &&
+           p.z <= m_max.z;
 }
 
 bool BoundingBox::intersects(const BoundingBox& b) const

@@ -31,12 +31,18 @@ public:
 
     void extend(double x, double y, double z)
     {
-        if (x < m_min.x) m_min.x = x;
-        if (x > m_max.x) m_max.x = x;
-        if (y < m_min.y) m_min.y = y;
-        if (y > m_max.y) m_max.y = y;
-        if (z < m_min.z) m_min.z = z;
-        if (z > m_max.z) m_max.z = z;
+        if (x < m_min.x)
+            m_min.x = x;
+        if (x > m_max.x)
+            m_max.x = x;
+        if (y < m_min.y)
+            m_min.y = y;
+        if (y > m_max.y)
+            m_max.y = y;
+        if (z < m_min.z)
+            m_min.z = z;
+        if (z > m_max.z)
+            m_max.z = z;
     }
     void extend(const qyLinear::Point& p) { extend(p.x, p.y, p.z); }
     /// Joins another box (an empty one changes nothing).

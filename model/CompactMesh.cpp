@@ -120,9 +120,9 @@ void CompactMesh::swapFaceData(CompactMesh& other) noexcept
     m_triangles.swap(other.m_triangles);
     m_triangleNormals.swap(other.m_triangleNormals);
     std::swap(m_hasTriangleNormals, other.m_hasTriangleNormals);
-    for (auto [mine, theirs] : {std::pair{&m_strips, &other.m_strips}, std::pair{&m_fans, &other.m_fans},
-                                std::pair{&m_lineStrips, &other.m_lineStrips},
-                                std::pair{&m_polys, &other.m_polys}})
+    for (auto [mine, theirs] :
+         {std::pair{&m_strips, &other.m_strips}, std::pair{&m_fans, &other.m_fans},
+          std::pair{&m_lineStrips, &other.m_lineStrips}, std::pair{&m_polys, &other.m_polys}})
     {
         mine->lengths.swap(theirs->lengths);
         mine->points.swap(theirs->points);
@@ -133,9 +133,9 @@ void CompactMesh::swapFaceData(CompactMesh& other) noexcept
 
 std::vector<MeshArray*> CompactMesh::faceArrays()
 {
-    return {&m_triangles,         &m_triangleNormals,   &m_strips.lengths, &m_strips.points,
-            &m_fans.lengths,      &m_fans.points,       &m_lines,          &m_lineStrips.lengths,
-            &m_lineStrips.points, &m_polys.lengths,     &m_polys.points};
+    return {&m_triangles,         &m_triangleNormals, &m_strips.lengths, &m_strips.points,
+            &m_fans.lengths,      &m_fans.points,     &m_lines,          &m_lineStrips.lengths,
+            &m_lineStrips.points, &m_polys.lengths,   &m_polys.points};
 }
 
 std::vector<const MeshArray*> CompactMesh::faceArrays() const
@@ -283,7 +283,8 @@ void CompactMesh::applyModification(const MeshModification& mod)
 
 int CompactMesh::getSizeInBytes() const
 {
-    std::size_t bytes = std::size_t(PointMesh::getSizeInBytes()) + sizeof(*this) - sizeof(PointMesh) +
+    std::size_t bytes = std::size_t(PointMesh::getSizeInBytes()) + sizeof(*this) -
+                        sizeof(PointMesh) +
                         sizeof(BitVector::Word) * std::size_t(m_selectedTriangles.getNumWords());
     for (const MeshArray* a : faceArrays())
         bytes += a->getSizeInBytes();

@@ -16,7 +16,12 @@ struct MeshVertex
 
     qyLinear::Point asPoint() const { return {x, y, z}; }
     qyLinear::PointFlt asPointFlt() const { return {x, y, z}; }
-    void set(float x_, float y_, float z_) { x = x_; y = y_; z = z_; }
+    void set(float x_, float y_, float z_)
+    {
+        x = x_;
+        y = y_;
+        z = z_;
+    }
     void set(const qyLinear::Point& p) { set(float(p.x), float(p.y), float(p.z)); }
     void set(const qyLinear::PointFlt& p) { set(p.x, p.y, p.z); }
     float& operator[](int i) { return (&x)[i]; }
@@ -30,7 +35,12 @@ struct MeshNormal
 
     qyLinear::Vector asVector() const { return {x, y, z}; }
     qyLinear::VectorFlt asVectorFlt() const { return {x, y, z}; }
-    void set(float x_, float y_, float z_) { x = x_; y = y_; z = z_; }
+    void set(float x_, float y_, float z_)
+    {
+        x = x_;
+        y = y_;
+        z = z_;
+    }
     void set(const qyLinear::Vector& v) { set(float(v.x), float(v.y), float(v.z)); }
     float& operator[](int i) { return (&x)[i]; }
     float operator[](int i) const { return (&x)[i]; }
@@ -41,7 +51,11 @@ struct MeshUV
 {
     float u, v;
 
-    void set(float u_, float v_) { u = u_; v = v_; }
+    void set(float u_, float v_)
+    {
+        u = u_;
+        v = v_;
+    }
     qyLinear::Point2Flt asPoint2Flt() const { return {u, v}; }
 };
 
@@ -73,7 +87,8 @@ static_assert(sizeof(MeshVertex) == 3 * sizeof(float) && std::is_standard_layout
 static_assert(sizeof(MeshNormal) == 3 * sizeof(float) && std::is_standard_layout_v<MeshNormal>);
 static_assert(sizeof(MeshUV) == 2 * sizeof(float) && std::is_standard_layout_v<MeshUV>);
 static_assert(sizeof(MeshColour) == 4 * sizeof(float));
-static_assert(sizeof(MeshTriangle) == 3 * sizeof(int) && std::is_trivially_copyable_v<MeshTriangle>);
+static_assert(sizeof(MeshTriangle) == 3 * sizeof(int) &&
+              std::is_trivially_copyable_v<MeshTriangle>);
 static_assert(sizeof(MeshLine) == 2 * sizeof(int));
 static_assert(sizeof(int) == 4 && sizeof(float) == 4);
 

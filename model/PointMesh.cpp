@@ -284,7 +284,8 @@ void PointMesh::applyModification(const MeshModification& mod)
 
 int PointMesh::getSizeInBytes() const
 {
-    std::size_t bytes = sizeof(*this) + sizeof(BitVector::Word) * std::size_t(m_selectedVertices.getNumWords());
+    std::size_t bytes =
+        sizeof(*this) + sizeof(BitVector::Word) * std::size_t(m_selectedVertices.getNumWords());
     for (const auto& a : m_attributes)
         bytes += sizeof(MeshAttributes) + a->storage().getSizeInBytes();
     return int(std::min<std::size_t>(bytes, INT_MAX));

@@ -62,8 +62,9 @@ QYGEOM_API void remapBits(BitVector& bits, const Remap& remap, int newSize);
 
 /// Moves per-element data through a remap: new[remap(i)] = old[i] for increasing i, through
 /// one temporary of the old size, so the last old element mapped to a slot supplies its data.
-/// Elements mapped to -1, and those past the map's domain, are dropped. On return data[0 .. min(n, range)) holds the new
-/// elements; the caller resizes the array. A sequential remap leaves data as it is.
+/// Elements mapped to -1, and those past the map's domain, are dropped. On return data[0 .. min(n,
+/// range)) holds the new elements; the caller resizes the array. A sequential remap leaves data as
+/// it is.
 /// @param data  n elements of a trivially copyable type.
 template <class T> void remapElements(const Remap& remap, T* data, int n)
 {

@@ -1,6 +1,8 @@
 // qygeom: the library's command-line program. Without arguments it runs the demo job on a
 // mesh built in the program: vertex and triangle normals and the bounding box, with the
 // library's statistics lines shown.
+#include "qyGeom/qyGeom.h"
+
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -8,8 +10,6 @@
 #include <numbers>
 #include <string>
 #include <vector>
-
-#include "qyGeom/qyGeom.h"
 
 namespace
 {
@@ -28,8 +28,8 @@ CompactMesh makeDefaultMesh(int nu, int nv)
         {
             const double u = 2 * pi * i / nu, v = 2 * pi * j / nv;
             const double ring = major + minor * std::cos(v);
-            vertices.push_back({float(ring * std::cos(u)), float(ring * std::sin(u)),
-                                float(minor * std::sin(v))});
+            vertices.push_back(
+                {float(ring * std::cos(u)), float(ring * std::sin(u)), float(minor * std::sin(v))});
         }
     std::vector<int> triangles;
     triangles.reserve(6 * std::size_t(nu) * std::size_t(nv));

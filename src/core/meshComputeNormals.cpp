@@ -158,11 +158,14 @@ void meshComputeNormals(CompactMesh& mesh)
     else
     {
         std::vector<MeshNormal> triNormals(static_cast<std::size_t>(numTris));
-        qyUtil::runChunks(pool, numTris, [&](qyUtil::ThreadedChunkAlg&, int, int begin, int end) {
-            for (std::ptrdiff_t t = begin; t < end; ++t)
-                if (inRange(tris + 3 * t, numVerts))
-                    triNormals[std::size_t(t)].set(meshTriNormal(verts, tris + 3 * t));
-        });
+        qyUtil::runChunks(pool, numTris,
+                          [&](qyUtil::ThreadedChunkAlg&, int, int begin, int end)
+                          {
+                              for (std::ptrdiff_t t = begin; t < end; ++t)
+                                  if (inRange(tris + 3 * t, numVerts))
+                                      triNormals[std::size_t(t)].set(
+                                          meshTriNormal(verts, tris + 3 * t));
+                          });
         for (std::ptrdiff_t t = 0; t < numTris; ++t)
             if (inRange(tris + 3 * t, numVerts))
             {
@@ -208,7 +211,8 @@ void meshComputeTriangleNormals(CompactMesh& mesh)
     if (pool.getNumThreads() == 1 || numTris < parallelTriangles)
         computeRange(0, numTris);
     else
-        qyUtil::runChunks(pool, numTris, [&](qyUtil::ThreadedChunkAlg&, int, int begin, int end)
+        qyUtil::runChunks(pool, numTris,
+                          [&](qyUtil::ThreadedChunkAlg&, int, int begin, int end)
                           { computeRange(begin, end); });
     debugChannel().print("  normalized: %f s\n", watch.clear());
 

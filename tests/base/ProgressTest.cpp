@@ -15,7 +15,11 @@ struct Dialog : Progress
     std::string caption;
     double fraction = -1.0;
     int polls = 0, cancelAt = 1000;
-    void report(const char* c, double f) override { caption = c; fraction = f; }
+    void report(const char* c, double f) override
+    {
+        caption = c;
+        fraction = f;
+    }
     bool cancelRequested() override { return ++polls >= cancelAt; }
 };
 } // namespace
@@ -37,7 +41,7 @@ TEST(Progress, SubPhasesMapChildrenOntoConsecutiveCappedSharesOfTheRoot)
     child.subPhase(0.5, grandchild);
     grandchild.set(0.5);
     EXPECT_DOUBLE_EQ(root.fraction, 0.95);
-    EXPECT_EQ(root.caption, "Copying Mesh"); // the last caption set anywhere
+    EXPECT_EQ(root.caption, "Copying Mesh");                  // the last caption set anywhere
     grandchild.set(std::numeric_limits<double>::quiet_NaN()); // counts as 0
     EXPECT_DOUBLE_EQ(root.fraction, 0.9);
     grandchild.set(7.0);

@@ -40,11 +40,33 @@ TEST(Signal, CallbacksMayDisconnectConnectAndStopDuringEmission)
     std::string log;
     Signal<> signal;
     Connection self, later;
-    self = signal.connect([&] { log += "s"; self.disconnect(); });
-    signal.connect([&] { log += "d"; later.disconnect(); });
+    self = signal.connect(
+        [&]
+        {
+            log += "s";
+            self.disconnect();
+        });
+    signal.connect(
+        [&]
+        {
+            log += "d";
+            later.disconnect();
+        });
     later = signal.connect([&] { log += "l"; });
-    signal.connect([&] { log += "c"; if (log.size() < 4) signal.connect([&] { log += "n"; }); });
-    signal.connect([&] { log += "x"; if (log.size() > 8) signal.stop(); });
+    signal.connect(
+        [&]
+        {
+            log += "c";
+            if (log.size() < 4)
+                signal.connect([&] { log += "n"; });
+        });
+    signal.connect(
+        [&]
+        {
+            log += "x";
+            if (log.size() > 8)
+                signal.stop();
+        });
     signal.connect([&] { log += "z"; });
     signal.emit(); // connections made now wait for the next emission
     EXPECT_EQ(log, "sdcxz");

@@ -54,7 +54,7 @@ TEST(ThreadedChunkAlg, EveryChunkRunsOnceWithBoundsIndependentOfThreadCount)
 {
     const std::thread::id caller = std::this_thread::get_id();
     ThreadPool& single = ThreadPool::getSingleThreadedPool();
-    single.setNumThreads(4); // ignored
+    single.setNumThreads(4);                 // ignored
     for (int round = 0; round < 20; ++round) // resizing between jobs once hung the pool
     {
         const int threads = 1 + round % 4;
@@ -64,15 +64,18 @@ TEST(ThreadedChunkAlg, EveryChunkRunsOnceWithBoundsIndependentOfThreadCount)
         std::vector<std::atomic<int>> covered(10500);
         std::vector<int> chunkOf(10500, -1);
         std::atomic<int> elsewhere{0};
-        qyUtil::runChunks(pool, 10500, [&](auto&, int chunk, int begin, int end)
-        {
-            elsewhere += std::this_thread::get_id() != caller;
-            for (int i = begin; i < end; ++i)
+        qyUtil::runChunks(
+            pool, 10500,
+            [&](auto&, int chunk, int begin, int end)
             {
-                ++covered[std::size_t(i)];
-                chunkOf[std::size_t(i)] = chunk;
-            }
-        }, nullptr, 1000);
+                elsewhere += std::this_thread::get_id() != caller;
+                for (int i = begin; i < end; ++i)
+                {
+                    ++covered[std::size_t(i)];
+                    chunkOf[std::size_t(i)] = chunk;
+                }
+            },
+            nullptr, 1000);
         for (int i = 0; i < 10500; ++i)
             ASSERT_TRUE(covered[std::size_t(i)] == 1 && chunkOf[std::size_t(i)] == i / 1000) << i;
         EXPECT_TRUE(threads > 1 || elsewhere == 0); // one thread: all on the calling thread
@@ -90,7 +93,11 @@ TEST(ThreadPool, LowestFailingPartThrowsAfterAllPartsStoppedWithoutFinalize)
         {
             ++started;
             ++running;
-            struct Leave { std::atomic<int>& n; ~Leave() { --n; } } leave{running};
+            struct Leave
+            {
+                std::atomic<int>& n;
+                ~Leave() { --n; }
+            } leave{running};
             if (chunk == 3)
                 throw std::runtime_error("chunk 3");
             if (chunk == 5)
@@ -109,11 +116,9 @@ TEST(ThreadPool, LowestFailingPartThrowsAfterAllPartsStoppedWithoutFinalize)
         EXPECT_EQ(alg.running.load(), 0);
         EXPECT_FALSE(alg.finalized);
         EXPECT_LT(alg.started.load(), 64); // the rest never started
-        std::atomic<int> after{0}; // the pool still works
-        qyUtil::runChunks(ThreadPool::get(), 3000, [&](auto&, int, int b, int e)
-        {
-            after += e - b;
-        });
+        std::atomic<int> after{0};         // the pool still works
+        qyUtil::runChunks(ThreadPool::get(), 3000,
+                          [&](auto&, int, int b, int e) { after += e - b; });
         EXPECT_EQ(after.load(), 3000);
     }
 }
@@ -122,16 +127,22 @@ TEST(ThreadPool, JobsStartedInsideAPartCompleteWithoutDeadlock)
 {
     PoolThreads scope(4);
     std::vector<long long> sums(8);
-    qyUtil::runChunks(ThreadPool::get(), 8, [&](auto&, int chunk, int, int)
-    {
-        std::atomic<long long> sum{0};
-        qyUtil::runChunks(ThreadPool::get(), 5000, [&](auto&, int, int b, int e)
+    qyUtil::runChunks(
+        ThreadPool::get(), 8,
+        [&](auto&, int chunk, int, int)
         {
-            for (int i = b; i < e; ++i)
-                sum += i;
-        }, nullptr, 100);
-        sums[std::size_t(chunk)] = sum;
-    }, nullptr, 1);
+            std::atomic<long long> sum{0};
+            qyUtil::runChunks(
+                ThreadPool::get(), 5000,
+                [&](auto&, int, int b, int e)
+                {
+                    for (int i = b; i < e; ++i)
+                        sum += i;
+                },
+                nullptr, 100);
+            sums[std::size_t(chunk)] = sum;
+        },
+        nullptr, 1);
     EXPECT_EQ(sums, std::vector<long long>(8, 5000LL * 4999 / 2));
 }
 

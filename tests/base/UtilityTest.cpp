@@ -1,11 +1,3 @@
-#include "base/AppOutput.h"
-#include "base/DebugChannel.h"
-#include "base/Error.h"
-#include "base/Filename.h"
-#include "base/Memory.h"
-#include "base/Reference.h"
-#include "base/String.h"
-
 #include <cstdlib>
 #include <limits>
 #include <new>
@@ -13,6 +5,14 @@
 #include <utility>
 
 #include <gtest/gtest.h>
+
+#include "base/AppOutput.h"
+#include "base/DebugChannel.h"
+#include "base/Error.h"
+#include "base/Filename.h"
+#include "base/Memory.h"
+#include "base/Reference.h"
+#include "base/String.h"
 
 namespace
 {
@@ -147,10 +147,9 @@ TEST(AppOutput, SinkReceivesInfoAndErrorsWithTheirKind)
 {
     qyOS::AppOutput& app = qyOS::AppOutput::getInstance();
     std::string out;
-    qyOS::AppOutput::Sink previous = app.setSink([&](qyOS::AppOutput::Kind kind, const char* text)
-    {
-        out += (kind == qyOS::AppOutput::Info ? "I:" : "E:") + std::string(text);
-    });
+    qyOS::AppOutput::Sink previous =
+        app.setSink([&](qyOS::AppOutput::Kind kind, const char* text)
+                    { out += (kind == qyOS::AppOutput::Info ? "I:" : "E:") + std::string(text); });
     app.info("Read %d vertices\n", 8);
     app.error("There must be a boundary for the disk, none found. No changes made.\n");
     app.setSink(std::move(previous));

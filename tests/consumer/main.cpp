@@ -1,7 +1,6 @@
 // Builds one triangle through the installed headers and library and checks its normal.
-#include <qyGeom/qyGeom.h>
-
 #include <cstdio>
+#include <qyGeom/qyGeom.h>
 
 int main()
 {

@@ -36,10 +36,14 @@ TEST(TriNormal, IsTheUnitNormalOfTheCounterClockwiseTriangleOrZAxisWithoutArea)
 {
     const Point o(0, 0, 0), x(1, 0, 0), y(0, 1, 0), z(0, 0, 1), p(1, 2, 3), q(2, 4, 6);
     const std::tuple<Point, Point, Point, Vector> cases[] = {
-        {o, x, y, {0, 0, 1}}, {o, y, x, {0, 0, -1}}, {y, z, o, {1, 0, 0}},
+        {o, x, y, {0, 0, 1}},
+        {o, y, x, {0, 0, -1}},
+        {y, z, o, {1, 0, 0}},
         {x, y, z, Vector(1, 1, 1) / std::sqrt(3.0)},
         // Zero area: collinear corners, two or three of them coinciding.
-        {p, q, Point(3, 6, 9), zAxis}, {p, p, q, zAxis}, {p, p, p, zAxis},
+        {p, q, Point(3, 6, 9), zAxis},
+        {p, p, q, zAxis},
+        {p, p, p, zAxis},
     };
     int i = 0;
     for (const auto& [p0, p1, p2, expected] : cases)
@@ -102,10 +106,12 @@ TEST(MeshComputeNormals, TrianglesCountEquallyAndDirectionlessVerticesGetZAxis)
                           {0, 1, 2, 0, 3, 4}),
          {xz, zAxis, zAxis, x, x}},
         // A +x triangle; vertex 3 is used by no triangle.
-        {"unused vertex", qyTest::makeMesh({0, 0, 0, 0, 1, 0, 0, 0, 1, 7, 7, 7}, {0, 1, 2}),
+        {"unused vertex",
+         qyTest::makeMesh({0, 0, 0, 0, 1, 0, 0, 0, 1, 7, 7, 7}, {0, 1, 2}),
          {x, x, x, zAxis}},
         // The same triangle both ways round: +x and -x cancel.
-        {"cancelling", qyTest::makeMesh({0, 0, 0, 0, 1, 0, 0, 0, 1}, {0, 1, 2, 0, 2, 1}),
+        {"cancelling",
+         qyTest::makeMesh({0, 0, 0, 0, 1, 0, 0, 0, 1}, {0, 1, 2, 0, 2, 1}),
          {zAxis, zAxis, zAxis}},
         // A +x triangle and a zero-area one at vertex 0, which adds +z there.
         {"zero-area neighbour",
@@ -182,9 +188,12 @@ TEST(MeshNormalize, MakesNormalsUnitLengthAndShortOrNaNOnesZAxis)
     // Zero, tiny (squared length 3e-22, below the squared tolerance 1e-20), NaN, short (3e-18,
     // above it) and long normals.
     const std::pair<Vector, Vector> cases[] = {
-        {{0, 0, 0}, zAxis},         {{1e-11, 1e-11, 1e-11}, zAxis},
-        {{0, 0, -1e-11}, zAxis},    {{nan, 0, 0}, zAxis},
-        {{1e-9, 1e-9, 1e-9}, {third, third, third}}, {{-3e3, 0, 4e3}, {-0.6, 0, 0.8}},
+        {{0, 0, 0}, zAxis},
+        {{1e-11, 1e-11, 1e-11}, zAxis},
+        {{0, 0, -1e-11}, zAxis},
+        {{nan, 0, 0}, zAxis},
+        {{1e-9, 1e-9, 1e-9}, {third, third, third}},
+        {{-3e3, 0, 4e3}, {-0.6, 0, 0.8}},
     };
     for (const auto& [in, out] : cases)
     {

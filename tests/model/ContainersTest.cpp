@@ -223,7 +223,7 @@ TEST(RemapBits, MergedElementIsSelectedWhenAnyOfItsSourcesWas)
     // Old 0 and 2 both go to 1: selecting either selects new 1. Old 3 is removed.
     using Case = std::pair<std::vector<int>, std::vector<int>>;
     for (const auto& [selected, expected] : {Case{{0}, {1}}, Case{{2}, {1}}, Case{{0, 2}, {1}},
-                                              Case{{3}, {}}, Case{{1, 3, 4}, {0, 2}}})
+                                             Case{{3}, {}}, Case{{1, 3, 4}, {0, 2}}})
     {
         SCOPED_TRACE(::testing::PrintToString(selected));
         BitVector bits(5);

@@ -55,8 +55,8 @@ std::vector<std::vector<double>> contents(const CompactMesh& m)
     for (int i = 0; i < m.getNumAttributes(); ++i)
     {
         const float* values = m.getAttributes(i)->getFloats();
-        out.emplace_back(values, values + m.getNumVertices() *
-                                              m.getAttributes(i)->getNumComponents());
+        out.emplace_back(values,
+                         values + m.getNumVertices() * m.getAttributes(i)->getNumComponents());
     }
     const float* n = m.getTriangleNormalsRaw();
     out.emplace_back(n, n ? n + 3 * m.getNumTriangles() : n);
@@ -119,10 +119,14 @@ CompactMesh fullMesh()
     mesh.resizePolyArrays(1, 4);
     const std::pair<int*, std::vector<int>> runs[] = {
         {&mesh.getLines()[0][0], {0, 1, 2, 3, 4, 5}},
-        {mesh.getLineStripLengths(), {3, 2, 2}}, {mesh.getLineStripPoints(), {0, 1, 3, 2, 4, 5, 4}},
-        {mesh.getTriStripLengths(), {4}},        {mesh.getTriStripPoints(), {0, 1, 4, 5}},
-        {mesh.getTriFanLengths(), {3, 3}},       {mesh.getTriFanPoints(), {2, 0, 1, 3, 4, 5}},
-        {mesh.getPolyLengths(), {4}},            {mesh.getPolyPoints(), {1, 3, 5, 4}}};
+        {mesh.getLineStripLengths(), {3, 2, 2}},
+        {mesh.getLineStripPoints(), {0, 1, 3, 2, 4, 5, 4}},
+        {mesh.getTriStripLengths(), {4}},
+        {mesh.getTriStripPoints(), {0, 1, 4, 5}},
+        {mesh.getTriFanLengths(), {3, 3}},
+        {mesh.getTriFanPoints(), {2, 0, 1, 3, 4, 5}},
+        {mesh.getPolyLengths(), {4}},
+        {mesh.getPolyPoints(), {1, 3, 5, 4}}};
     for (const auto& [to, values] : runs)
         std::copy(values.begin(), values.end(), to);
     const int tris[] = {0, 1, 2, 2, 1, 3, 3, 4, 5};
@@ -306,12 +310,16 @@ TEST(MeshModification, RemapRenumbersSelectionsAndRunsDroppingThoseThatLoseAVert
     EXPECT_EQ(setBits(mesh.getSelectedTriangles()), (std::vector<int>{0}));
     EXPECT_EQ(mesh.getSelectedTriangles().size(), 2);
     const std::vector<std::vector<int>> expected = {
-        {0, 1, 2, 2, 1, 3},            // triangles: the algorithm's business
-        {4},          {0, 1, 3, 0},    // triangle strip
-        {3},          {2, 3, 0},       // fans: the first one lost vertex 2
-        {3, 2},       {0, 1, 2, 0, 3}, // line strips: the second one lost vertex 2
-        {4},          {1, 2, 0, 3},    // polygon
-        {0, 1, 3, 0},                  // lines: (2, 3) lost vertex 2
+        {0, 1, 2, 2, 1, 3}, // triangles: the algorithm's business
+        {4},
+        {0, 1, 3, 0}, // triangle strip
+        {3},
+        {2, 3, 0}, // fans: the first one lost vertex 2
+        {3, 2},
+        {0, 1, 2, 0, 3}, // line strips: the second one lost vertex 2
+        {4},
+        {1, 2, 0, 3}, // polygon
+        {0, 1, 3, 0}, // lines: (2, 3) lost vertex 2
     };
     EXPECT_EQ(faceIndexArrays(mesh), expected);
     EXPECT_EQ(mesh.getLineStripStarts()[1], mesh.getLineStripPoints() + 3);
@@ -333,8 +341,8 @@ TEST(MeshModification, RemapRenumbersSelectionsAndRunsDroppingThoseThatLoseAVert
         }
         same.modified(record);
         EXPECT_EQ(faceIndexArrays(same), faceIndexArrays(fullMesh()));
-        const std::vector<int> selected = map == &identity ? std::vector<int>{1, 2, 5}
-                                                           : std::vector<int>{0, 1};
+        const std::vector<int> selected =
+            map == &identity ? std::vector<int>{1, 2, 5} : std::vector<int>{0, 1};
         EXPECT_EQ(setBits(same.getSelectedVertices()), selected);
     }
 }
