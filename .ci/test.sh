@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
 # Builds and runs every test: a Release build with warnings as errors (benchmarks compiled
-# too), a Debug build under AddressSanitizer + UndefinedBehaviorSanitizer, and a program
-# built against the installed package. Run from anywhere: bash .ci/test.sh
+# too), a program built against the installed package, a Debug build under
+# AddressSanitizer + UndefinedBehaviorSanitizer, and an optimised build under
+# ThreadSanitizer (every suite runs with 1 and with 4 pool threads). Run from anywhere:
+# bash .ci/test.sh
 set -euo pipefail
 cd "$(dirname "$0")/.."
 jobs=${QYGEOM_JOBS:-$(nproc)}
@@ -40,3 +42,9 @@ cmake -S . -B build/ci-sanitize -DCMAKE_BUILD_TYPE=Debug -DQYGEOM_WERROR=ON \
 cmake --build build/ci-sanitize -j"$jobs"
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
     ctest --test-dir build/ci-sanitize --output-on-failure -j"$jobs"
+
+echo "== Build under ThreadSanitizer"
+cmake -S . -B build/ci-tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQYGEOM_WERROR=ON \
+      -DQYGEOM_BUILD_TESTS=ON -DQYGEOM_TSAN=ON
+cmake --build build/ci-tsan -j"$jobs"
+TSAN_OPTIONS=halt_on_error=1 ctest --test-dir build/ci-tsan --output-on-failure -j"$jobs"
