@@ -70,6 +70,35 @@ inline bool inRange(const int* tri, int numVertices)
            unsigned(tri[2]) < unsigned(numVertices);
 }
 
+bool shareTriangles(const qyUtil::ThreadPool& pool, int numTris)
+{
+    return pool.getNumThreads() > 1 && numTris >= parallelTriangles;
+}
+
+// The unit normal of each triangle in single precision; (0, 0, 1) for a triangle with an index
+// outside the vertex array, which has no geometry. Each triangle writes only its own normal,
+// so the pool's chunks write disjoint ranges.
+void computeTriangleNormals(const float* verts, int numVerts, const int* tris, int numTris,
+                            MeshNormal* out)
+{
+    auto computeRange = [&](int begin, int end)
+    {
+        for (std::ptrdiff_t t = begin; t < end; ++t)
+        {
+            const int* tri = tris + 3 * t;
+            out[t].set(inRange(tri, numVerts) ? meshTriNormal(verts, tri)
+                                              : qyLinear::Normal(0.0, 0.0, 1.0));
+        }
+    };
+    qyUtil::ThreadPool& pool = qyUtil::ThreadPool::get();
+    if (shareTriangles(pool, numTris))
+        qyUtil::runChunks(pool, numTris,
+                          [&](qyUtil::ThreadedChunkAlg&, int, int begin, int end)
+                          { computeRange(begin, end); });
+    else
+        computeRange(0, numTris);
+}
+
 } // namespace
 
 qyLinear::Normal triNormal(const qyLinear::Point& p0, const qyLinear::Point& p1,
@@ -144,8 +173,7 @@ void meshComputeNormals(CompactMesh& mesh)
             vn[2] += nz;
         }
     };
-    qyUtil::ThreadPool& pool = qyUtil::ThreadPool::get();
-    if (pool.getNumThreads() == 1 || numTris < parallelTriangles)
+    if (!shareTriangles(qyUtil::ThreadPool::get(), numTris))
     {
         for (std::ptrdiff_t t = 0; t < numTris; ++t)
         {
@@ -158,14 +186,7 @@ void meshComputeNormals(CompactMesh& mesh)
     else
     {
         std::vector<MeshNormal> triNormals(static_cast<std::size_t>(numTris));
-        qyUtil::runChunks(pool, numTris,
-                          [&](qyUtil::ThreadedChunkAlg&, int, int begin, int end)
-                          {
-                              for (std::ptrdiff_t t = begin; t < end; ++t)
-                                  if (inRange(tris + 3 * t, numVerts))
-                                      triNormals[std::size_t(t)].set(
-                                          meshTriNormal(verts, tris + 3 * t));
-                          });
+        computeTriangleNormals(verts, numVerts, tris, numTris, triNormals.data());
         for (std::ptrdiff_t t = 0; t < numTris; ++t)
             if (inRange(tris + 3 * t, numVerts))
             {
@@ -193,27 +214,8 @@ void meshComputeTriangleNormals(CompactMesh& mesh)
     watch.start();
 
     mesh.allocTriangleNormalArray();
-    MeshNormal* out = mesh.getTriangleNormals();
-    const float* verts = mesh.getVerticesRaw();
-    const int* tris = mesh.getTrianglesRaw();
-    // Each triangle writes only its own normal: chunks of the pool write disjoint ranges.
-    auto computeRange = [&](int begin, int end)
-    {
-        for (std::ptrdiff_t t = begin; t < end; ++t)
-        {
-            const int* tri = tris + 3 * t;
-            // A triangle with an index outside the vertex array has no geometry: (0, 0, 1).
-            out[t].set(inRange(tri, numVerts) ? meshTriNormal(verts, tri)
-                                              : qyLinear::Normal(0.0, 0.0, 1.0));
-        }
-    };
-    qyUtil::ThreadPool& pool = qyUtil::ThreadPool::get();
-    if (pool.getNumThreads() == 1 || numTris < parallelTriangles)
-        computeRange(0, numTris);
-    else
-        qyUtil::runChunks(pool, numTris,
-                          [&](qyUtil::ThreadedChunkAlg&, int, int begin, int end)
-                          { computeRange(begin, end); });
+    computeTriangleNormals(mesh.getVerticesRaw(), numVerts, mesh.getTrianglesRaw(), numTris,
+                           mesh.getTriangleNormals());
     debugChannel().print("  normalized: %f s\n", watch.clear());
 
     MeshModification change(&mesh, MeshModification::AttributesChanged);
