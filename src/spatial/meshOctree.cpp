@@ -1,0 +1,1 @@
+#include "qyGeom/meshOctree.h"
