@@ -1,1 +1,128 @@
+// Vertex welding of a large triangle soup, and the two-task sort on its own, with 1 and 2
+// pool threads. Wall-clock time, as the pool's threads do part of the work.
+#include "qyGeom/meshCompact.h"
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <random>
+#include <string>
+#include <vector>
+
 #include <benchmark/benchmark.h>
+
+#include "base/ThreadPool.h"
+#include "model/CompactMesh.h"
+#include "model/Remap.h"
+#include "qyGeom/SMPSort.h"
+#include "testMeshes.h"
+
+namespace
+{
+
+using qyGeom::CompactMesh;
+
+// 1000 x 500 UV sphere as a soup: 2,994,000 vertices, 499,002 distinct positions, each
+// vertex repeated up to six times.
+const CompactMesh& soup()
+{
+    static const CompactMesh mesh = qyTest::makeTriangleSoup(qyTest::makeUVSphere(500, 1000));
+    return mesh;
+}
+
+// The same soup with explicit normals (the unit position), so that the key has six floats.
+const CompactMesh& soupWithNormals()
+{
+    static const CompactMesh mesh = []
+    {
+        CompactMesh m = soup();
+        m.allocNormalArray();
+        std::copy(m.getVerticesRaw(), m.getVerticesRaw() + 3 * std::size_t(m.getNumVertices()),
+                  m.getNormalsRaw());
+        return m;
+    }();
+    return mesh;
+}
+
+void setThreads(benchmark::State& state)
+{
+    const int threads = int(state.range(0));
+    qyUtil::ThreadPool::get().setNumThreads(threads);
+    state.SetLabel("threads:" + std::to_string(threads));
+}
+
+// Welds a fresh copy each time; the copy is not timed.
+void weld(benchmark::State& state, const CompactMesh& source,
+          qyGeom::IMeshVertexEqualityChecker& checker)
+{
+    setThreads(state);
+    CompactMesh mesh;
+    qyGeom::Remap remap;
+    for (auto _ : state)
+    {
+        state.PauseTiming();
+        mesh = source;
+        state.ResumeTiming();
+        qyGeom::meshCompact(mesh, qyTest::quietProgress(), remap, checker);
+        benchmark::DoNotOptimize(mesh.getVerticesRaw());
+        benchmark::ClobberMemory();
+    }
+    state.counters["vertices_out"] = mesh.getNumVertices();
+    state.SetItemsProcessed(state.iterations() * source.getNumVertices());
+}
+
+void BM_MeshCompactSoup(benchmark::State& state)
+{
+    qyGeom::DefaultMeshVertexEqualityChecker checker;
+    weld(state, soup(), checker);
+}
+
+void BM_MeshCompactSoupNormals(benchmark::State& state)
+{
+    qyGeom::DefaultMeshVertexEqualityChecker checker;
+    weld(state, soupWithNormals(), checker);
+}
+
+// A checker of the caller's own (here with the default test) takes the sort-and-scan route.
+class CallerChecker final : public qyGeom::DefaultMeshVertexEqualityChecker
+{
+};
+
+void BM_MeshCompactSoupCallerChecker(benchmark::State& state)
+{
+    CallerChecker checker;
+    weld(state, soup(), checker);
+}
+
+// 3M random ints with many duplicates, restored before each timed sort.
+void BM_SMPSortInts(benchmark::State& state)
+{
+    setThreads(state);
+    std::vector<int> input(3000000);
+    std::mt19937 rng(7);
+    std::uniform_int_distribution<int> value(0, 1 << 20);
+    for (int& v : input)
+        v = value(rng);
+    std::vector<int> data;
+    for (auto _ : state)
+    {
+        state.PauseTiming();
+        data = input;
+        state.ResumeTiming();
+        qyGeom::smpSort(data.data(), data.data() + data.size(), std::less<int>());
+        benchmark::DoNotOptimize(data.data());
+    }
+    state.SetItemsProcessed(state.iterations() * std::int64_t(input.size()));
+}
+
+BENCHMARK(BM_MeshCompactSoup)->Arg(1)->Arg(2)->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_MeshCompactSoupNormals)->Arg(1)->Arg(2)->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_MeshCompactSoupCallerChecker)
+    ->Arg(1)
+    ->Arg(2)
+    ->UseRealTime()
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_SMPSortInts)->Arg(1)->Arg(2)->UseRealTime()->Unit(benchmark::kMillisecond);
+
+} // namespace

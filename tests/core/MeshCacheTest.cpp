@@ -1,1 +1,123 @@
+#include "qyGeom/MeshCache.h"
+
+#include <memory>
+#include <string>
+
 #include <gtest/gtest.h>
+
+#include "model/CompactMesh.h"
+#include "model/MeshAdjacency.h"
+#include "model/MeshModification.h"
+#include "model/Octree.h"
+#include "model/OctreeTris.h"
+#include "testMeshes.h"
+
+using qyGeom::CompactMesh;
+using qyGeom::MeshModification;
+using qyGeom::SimpleMeshCache;
+
+namespace
+{
+
+int countOf(const std::string& text, const std::string& word)
+{
+    int n = 0;
+    for (std::size_t at = text.find(word); at != std::string::npos; at = text.find(word, at + 1))
+        ++n;
+    return n;
+}
+
+void touch(CompactMesh& mesh)
+{
+    MeshModification record(&mesh, MeshModification::AttributesChanged);
+    mesh.modified(record);
+}
+
+} // namespace
+
+TEST(MeshCache, BuildsOnceAndSharesUntilModified)
+{
+    CompactMesh mesh = qyTest::makeGrid(4, 3);
+    SimpleMeshCache cache;
+    qyTest::DebugCapture capture;
+
+    // The boundary request builds and keeps both adjacency kinds on the way.
+    auto boundaries = cache.getBoundaries(mesh);
+    ASSERT_TRUE(boundaries);
+    EXPECT_EQ(boundaries->size(), 1);
+    auto adjTris = cache.getAdjTris(mesh);
+    auto adjVertices = cache.getAdjVertices(mesh);
+    EXPECT_EQ(cache.getBoundaries(mesh), boundaries);
+    EXPECT_EQ(cache.getAdjTris(mesh), adjTris);
+    EXPECT_EQ(cache.getAdjVertices(mesh), adjVertices);
+    EXPECT_EQ(countOf(capture.text(), "MeshAdjTris:"), 1);
+    EXPECT_EQ(countOf(capture.text(), "MeshAdjVertices:"), 1);
+
+    // The octree kinds share one vertex octree; its depth is fixed by the first request.
+    auto octree = cache.getOctree(mesh, 3);
+    auto octreeTris = cache.getOctreeTris(mesh);
+    auto octreeLines = cache.getOctreeLines(mesh);
+    ASSERT_TRUE(octree && octreeTris && octreeLines);
+    EXPECT_EQ(cache.getOctree(mesh, 9), octree);
+    EXPECT_EQ(cache.getOctreeTris(mesh), octreeTris);
+    EXPECT_EQ(countOf(capture.text(), "OctreeTris:"), 1);
+    EXPECT_EQ(octreeTris->getData().getNumSets(), octree->getNumVoxels());
+
+    // Any modification drops every kind; handles held outside stay valid.
+    touch(mesh);
+    EXPECT_NE(cache.getAdjTris(mesh), adjTris);
+    EXPECT_NE(cache.getAdjVertices(mesh), adjVertices);
+    EXPECT_NE(cache.getBoundaries(mesh), boundaries);
+    EXPECT_NE(cache.getOctree(mesh, -1), octree);
+    EXPECT_NE(cache.getOctreeTris(mesh), octreeTris);
+    EXPECT_NE(cache.getOctreeLines(mesh), octreeLines);
+    EXPECT_EQ(countOf(capture.text(), "MeshAdjTris:"), 2);
+    EXPECT_EQ(adjTris->getRefCount(), 1);
+    EXPECT_EQ(adjTris->numTris(6), 6);
+    EXPECT_EQ(boundaries->getLength(0), 14);
+
+    // A rebuilt structure reflects the changed mesh.
+    mesh.resizeTriangleArray(2);
+    touch(mesh);
+    EXPECT_EQ(cache.getAdjTris(mesh)->numTris(6), 2);
+}
+
+TEST(MeshCache, MeshesAreKeptApartAndDestructionDropsTheirEntries)
+{
+    auto first = std::make_unique<CompactMesh>(qyTest::makeCube());
+    CompactMesh second = qyTest::makeGrid(2, 2);
+    SimpleMeshCache cache;
+
+    auto firstBoundaries = cache.getBoundaries(*first);
+    auto secondBoundaries = cache.getBoundaries(second);
+    EXPECT_EQ(firstBoundaries->size(), 0);
+    EXPECT_EQ(secondBoundaries->size(), 1);
+    EXPECT_EQ(cache.getNumMeshes(), 2);
+
+    // Modifying one mesh leaves the other's entry alone.
+    touch(second);
+    EXPECT_EQ(cache.getBoundaries(*first), firstBoundaries);
+    EXPECT_EQ(cache.getNumMeshes(), 1);
+
+    first.reset();
+    EXPECT_EQ(cache.getNumMeshes(), 0);
+    EXPECT_EQ(firstBoundaries->size(), 0); // still held here
+
+    cache.getAdjTris(second);
+    cache.clear();
+    EXPECT_EQ(cache.getNumMeshes(), 0);
+    touch(second); // no subscription is left behind by clear()
+}
+
+TEST(MeshCache, CacheMayDieBeforeItsMeshes)
+{
+    CompactMesh mesh = qyTest::makeCube();
+    qy::Reference<qyGeom::MeshAdjTris> kept;
+    {
+        SimpleMeshCache cache;
+        kept = cache.getAdjTris(mesh);
+        cache.getOctreeTris(mesh);
+    }
+    touch(mesh); // the dead cache's callbacks must be gone
+    EXPECT_EQ(kept->numTris(0), 6);
+}

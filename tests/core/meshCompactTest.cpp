@@ -1,1 +1,404 @@
+#include "qyGeom/meshCompact.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <limits>
+#include <map>
+#include <random>
+#include <regex>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
 #include <gtest/gtest.h>
+
+#include "base/ThreadPool.h"
+#include "model/CompactMesh.h"
+#include "model/MeshModification.h"
+#include "model/Remap.h"
+#include "qyGeom/SMPSort.h"
+#include "testMeshes.h"
+
+using qyGeom::CompactMesh;
+using qyGeom::MeshModification;
+using qyGeom::Remap;
+using qyTest::RecordingMesh;
+
+namespace
+{
+
+const float qnan = std::numeric_limits<float>::quiet_NaN();
+
+// The default test in a class of the caller's: meshCompact must not take the default
+// checker's own route for it, and the other route must give the same weld.
+class CallerChecker final : public qyGeom::DefaultMeshVertexEqualityChecker
+{
+};
+
+// Equal when x differs by at most 1 and y and z are equal.
+class TolerantChecker final : public qyGeom::IMeshVertexEqualityChecker
+{
+public:
+    bool equal(const float* a, const float* b) const override
+    {
+        return std::abs(a[0] - b[0]) <= 1 && a[1] == b[1] && a[2] == b[2];
+    }
+};
+
+Remap weld(CompactMesh& mesh, qyGeom::IMeshVertexEqualityChecker* checker = nullptr)
+{
+    Remap remap;
+    if (checker)
+        qyGeom::meshCompact(mesh, qyTest::quietProgress(), remap, *checker);
+    else
+        qyGeom::meshCompact(mesh, qyTest::quietProgress(), remap);
+    return remap;
+}
+
+template <class T> std::vector<T> values(const T* p, int n)
+{
+    return std::vector<T>(p, p + n);
+}
+
+std::vector<int> entries(const Remap& remap)
+{
+    std::vector<int> out;
+    for (int i = 0; i < remap.getDomainSize(); ++i)
+        out.push_back(remap(i));
+    return out;
+}
+
+// Both absent, or n floats with the same bits (NaN included).
+bool sameBits(const float* a, const float* b, int n)
+{
+    return a == b || (a && b && std::memcmp(a, b, sizeof(float) * std::size_t(n)) == 0);
+}
+
+// The header line, then one timed line per phase.
+std::regex debugLines(const std::string& header, const std::vector<std::string>& phases)
+{
+    std::string pattern = "meshCompact: " + header + "\n";
+    for (const std::string& phase : phases)
+        pattern += "  " + phase + ": [0-9]+\\.[0-9]{6} s\n";
+    return std::regex(pattern);
+}
+
+// The key of vertex i as the weld orders it: NaN after every number, +0 equal to -0.
+using Key = std::vector<std::pair<bool, float>>;
+Key key(const CompactMesh& m, int i, bool normals, bool uvs)
+{
+    Key k;
+    auto add = [&](const float* p, int n)
+    {
+        for (int c = 0; c < n; ++c)
+            k.emplace_back(std::isnan(p[c]), std::isnan(p[c]) ? 0.0f : p[c] + 0.0f);
+    };
+    add(m.getVerticesRaw() + 3 * i, 3);
+    if (normals)
+        add(m.getNormalsRaw() + 3 * i, 3);
+    if (normals && uvs)
+        add(m.getUVsRaw() + 2 * i, 2);
+    return k;
+}
+
+// Checks a weld against its definition: vertices with identical NaN-free keys, and only
+// those, share a new index; the new vertices are in ascending key order (identical NaN keys
+// by old index); each has the data of its highest old vertex; triangles follow the remap.
+void expectWeld(const CompactMesh& before, const CompactMesh& after, const Remap& remap)
+{
+    const int n = before.getNumVertices();
+    const bool normals = before.getNormalsRaw() && !before.getNormalsComputed();
+    const bool uvs = before.getUVsRaw() != nullptr;
+    const int count = remap.isSequential() ? n : remap.getRangeSize();
+    ASSERT_EQ(remap.getDomainSize(), n);
+    ASSERT_EQ(after.getNumVertices(), count);
+    std::map<Key, int> groups;
+    std::vector<int> source(std::size_t(count), -1);
+    int numNaN = 0;
+    for (int i = 0; i < n; ++i)
+    {
+        const int j = remap(i);
+        ASSERT_TRUE(j >= 0 && j < count) << i;
+        source[std::size_t(j)] = i;
+        const Key k = key(before, i, normals, uvs);
+        if (std::any_of(k.begin(), k.end(), [](const auto& c) { return c.first; }))
+            ++numNaN;
+        else
+            EXPECT_EQ(groups.emplace(k, j).first->second, j) << i;
+    }
+    EXPECT_EQ(int(groups.size()) + numNaN, count);
+    for (int j = 0; j < count; ++j)
+    {
+        const int i = source[std::size_t(j)];
+        auto same = [&](const float* a, const float* b, int size)
+        { return sameBits(a ? a + size * i : a, b ? b + size * j : b, size); };
+        EXPECT_TRUE(same(before.getVerticesRaw(), after.getVerticesRaw(), 3)) << j;
+        EXPECT_TRUE(!normals || same(before.getNormalsRaw(), after.getNormalsRaw(), 3)) << j;
+        EXPECT_TRUE(!uvs || same(before.getUVsRaw(), after.getUVsRaw(), 2)) << j;
+        const int prev = j > 0 && !remap.isSequential() ? source[std::size_t(j) - 1] : -1;
+        const Key k = key(before, i, normals, uvs);
+        EXPECT_TRUE(prev < 0 || key(before, prev, normals, uvs) < k ||
+                    (key(before, prev, normals, uvs) == k && prev < i))
+            << j;
+    }
+    ASSERT_EQ(after.getNumTriangles(), before.getNumTriangles());
+    for (int t = 0; t < 3 * before.getNumTriangles(); ++t)
+        EXPECT_EQ(after.getTrianglesRaw()[t], remap(before.getTrianglesRaw()[t]));
+}
+
+// n vertices drawn from few values (so most have twins), +0 and -0 among them, a little NaN;
+// normals and UVs mostly 1.
+CompactMesh randomMesh(int n, bool normals, bool computed, bool uvs)
+{
+    std::mt19937 rng(static_cast<unsigned>(n));
+    const float choices[] = {-1.0f, -0.0f, 0.0f, 0.5f, 1.0f, 2.0f};
+    auto fill = [&](int size, unsigned common)
+    {
+        std::vector<float> out(std::size_t(size), 0.0f);
+        for (float& c : out)
+            c = rng() % 64 == 0 ? qnan : rng() % 8 < common ? 1.0f : choices[rng() % 6];
+        return out;
+    };
+    const std::vector<float> xyz = fill(3 * n, 0), nrm = fill(3 * n, 7), uv = fill(2 * n, 7);
+    CompactMesh mesh(n, reinterpret_cast<const qyGeom::MeshVertex*>(xyz.data()),
+                     normals ? reinterpret_cast<const qyGeom::MeshNormal*>(nrm.data()) : nullptr,
+                     uvs ? reinterpret_cast<const qyGeom::MeshUV*>(uv.data()) : nullptr);
+    mesh.setNormalsComputed(computed);
+    std::vector<int> tris(3 * std::size_t(n / 2));
+    for (int& v : tris)
+        v = int(rng() % unsigned(n));
+    mesh.copyTriangles(n / 2, tris.data());
+    return mesh;
+}
+
+} // namespace
+
+TEST(SMPSort, SortsByKeyAndPutsTheFirstHalfFirstOnTies)
+{
+    qyUtil::ThreadPool three(3); // the third task must do nothing
+    std::mt19937 rng(5);
+    for (qyUtil::ThreadPool* pool : {&three, &qyUtil::ThreadPool::getSingleThreadedPool()})
+        for (int n : {0, 1, 2, 3, 4, 5, 17, 1000, 1001})
+        {
+            SCOPED_TRACE(testing::Message() << pool->getNumThreads() << " threads, n " << n);
+            std::vector<std::pair<int, int>> items; // (key, original position)
+            for (int i = 0; i < n; ++i)
+                items.emplace_back(int(rng() % 7), i);
+            auto byKey = [](const auto& a, const auto& b) { return a.first < b.first; };
+            std::vector<std::pair<int, int>> sorted = items, expected = items;
+            qyGeom::smpSort(sorted.data(), sorted.data() + n, byKey, *pool);
+            std::stable_sort(expected.begin(), expected.end(), byKey);
+            ASSERT_EQ(std::multiset(sorted.begin(), sorted.end()),
+                      std::multiset(items.begin(), items.end()));
+            for (int i = 0; i < n; ++i)
+            {
+                EXPECT_EQ(sorted[std::size_t(i)].first, expected[std::size_t(i)].first) << i;
+                // Among equal keys, no element of the second half before one of the first.
+                const bool tie = pool->getNumThreads() > 1 && i > 0 &&
+                                 sorted[std::size_t(i) - 1].first == sorted[std::size_t(i)].first;
+                EXPECT_FALSE(tie && sorted[std::size_t(i) - 1].second >= (n + 1) / 2 &&
+                             sorted[std::size_t(i)].second < (n + 1) / 2);
+            }
+        }
+}
+
+TEST(VertexCompare, OrdersComponentByComponentWithNaNATie)
+{
+    // Vertex 2 has a NaN x; vertex 3 has the position of vertex 0.
+    const float v[] = {0, 1, 2, 0, 1, 3, qnan, 1, 2.5f, 0, 1, 2};
+    const float n[] = {0, 0, 1, 0, 0, 0, 0, 0, 0, 0, 0, 2};
+    const float sameN[] = {0, 0, 1, 0, 0, 0, 0, 0, 0, 0, 0, 1};
+    const float uv[] = {0, 1, 0, 0, 0, 0, 0, 0.5f};
+    const qyGeom::VertexCompare byV(v);
+    EXPECT_TRUE(byV(0, 1) && !byV(1, 0));
+    EXPECT_TRUE(byV(2, 1) && byV(0, 2)); // x ties with NaN, z decides
+    EXPECT_TRUE(!byV(0, 3) && !byV(3, 0));
+    const qyGeom::VertexNormalCompare byVN(v, n);
+    EXPECT_TRUE(byVN(0, 3) && !byVN(3, 0) && byVN(0, 1));
+    const qyGeom::VertexNormalUVCompare byVNU(v, sameN, uv);
+    EXPECT_TRUE(byVNU(3, 0) && !byVNU(0, 3) && byVNU(0, 1));
+}
+
+TEST(MeshCompact, OneDuplicateRenumbersAllIntoAscendingOrderAndPrintsEachPhase)
+{
+    RecordingMesh mesh(qyTest::makeMesh({2, 0, 0, 1, 0, 0, 0, 0, 1, 1, 0, 0}, {0, 1, 2, 3, 2, 0}));
+    qyTest::DebugCapture capture;
+    const Remap remap = weld(mesh);
+    ASSERT_EQ(mesh.getNumVertices(), 3);
+    EXPECT_EQ(values(mesh.getVerticesRaw(), 9), std::vector<float>({0, 0, 1, 1, 0, 0, 2, 0, 0}));
+    EXPECT_EQ(entries(remap), std::vector<int>({2, 1, 0, 1}));
+    EXPECT_EQ(remap.getRangeSize(), 3);
+    EXPECT_EQ(values(mesh.getTrianglesRaw(), 6), std::vector<int>({2, 1, 0, 1, 0, 2}));
+    ASSERT_EQ(mesh.count(), 1);
+    EXPECT_EQ(mesh.entries()[0].type, MeshModification::Remapped);
+    EXPECT_EQ(mesh.entries()[0].flags, unsigned(MeshModification::TriangleNormalsValid));
+    EXPECT_TRUE(
+        std::regex_match(capture.text(), debugLines("4 vertices, 2 triangles",
+                                                    {"sorted vertices", "initialized remap",
+                                                     "remapped vertices", "remapped triangles"})))
+        << capture.text();
+}
+
+TEST(MeshCompact, NothingToWeldLeavesTheMeshAsItWasWithASequentialRemapAndNoNotification)
+{
+    for (const CompactMesh& source :
+         {CompactMesh(), qyTest::makeMesh({5, 5, 5}, {}),
+          qyTest::makeMesh({3, 0, 0, 1, 0, 0, qnan, 0, 0, qnan, 0, 0, 2, 1e30f, 0}, {4, 1, 0})})
+    {
+        const int n = source.getNumVertices();
+        RecordingMesh mesh(source);
+        qyTest::DebugCapture capture;
+        const Remap remap = weld(mesh);
+        EXPECT_TRUE(remap.isSequential());
+        EXPECT_EQ(remap.getDomainSize(), n);
+        ASSERT_EQ(mesh.getNumVertices(), n);
+        EXPECT_TRUE(sameBits(mesh.getVerticesRaw(), source.getVerticesRaw(), 3 * n));
+        EXPECT_EQ(mesh.count(), 0);
+        EXPECT_TRUE(
+            std::regex_match(capture.text(), debugLines("[0-9] vertices, [01] triangles",
+                                                        {"sorted vertices", "initialized remap"})))
+            << capture.text();
+    }
+}
+
+TEST(MeshCompact, NormalsAndUVsJoinTheKeyOnlyWhenTheNormalsAreExplicit)
+{
+    // One position; vertices 1 and 2 share a normal; UVs are equal or all differ.
+    const qyGeom::MeshVertex v[] = {{1, 1, 1}, {1, 1, 1}, {1, 1, 1}};
+    const qyGeom::MeshNormal nrm[] = {{1, 0, 0}, {0, 1, 0}, {0, 1, 0}};
+    const qyGeom::MeshUV uv[] = {{0, 0}, {0.5f, 0}, {0.5f, 0}};
+    const qyGeom::MeshUV uvDiffer[] = {{0, 0}, {0.25f, 0}, {0.5f, 0}};
+    struct Case
+    {
+        const qyGeom::MeshNormal* normals;
+        bool computed;
+        const qyGeom::MeshUV* uvs;
+        int count;
+    } cases[] = {{nrm, false, nullptr, 2}, {nrm, true, nullptr, 1},   {nullptr, false, uvDiffer, 1},
+                 {nrm, false, uv, 2},      {nrm, false, uvDiffer, 3}, {nrm, true, uvDiffer, 1}};
+    for (const Case& c : cases)
+    {
+        SCOPED_TRACE(testing::Message() << bool(c.normals) << c.computed << bool(c.uvs));
+        RecordingMesh mesh(CompactMesh(3, v, c.normals, c.uvs));
+        mesh.setNormalsComputed(c.computed);
+        const CompactMesh before = mesh;
+        qyTest::DebugCapture capture;
+        const Remap remap = weld(mesh);
+        expectWeld(before, mesh, remap);
+        ASSERT_EQ(mesh.getNumVertices(), c.count);
+        ASSERT_EQ(mesh.count(), c.count < 3 ? 1 : 0);
+        if (c.count == 3)
+            continue;
+        const bool explicitNormals = c.normals && !c.computed;
+        EXPECT_EQ(capture.text().find("remapped normals") != std::string::npos, explicitNormals);
+        // Computed normals are not moved; the mesh drops them on the notification.
+        EXPECT_EQ(mesh.getNormals() != nullptr, explicitNormals);
+        EXPECT_EQ(mesh.entries()[0].flags,
+                  MeshModification::TriangleNormalsValid |
+                      (explicitNormals ? MeshModification::NormalsModified : 0u) |
+                      (c.uvs ? MeshModification::UVsModified : 0u));
+    }
+}
+
+TEST(MeshCompact, SignedZerosWeldAndNaNNeverDoesEvenAmongManyEqualVertices)
+{
+    std::vector<float> xyz;
+    int numNaN = 0;
+    for (int i = 0; i < 20000; ++i)
+    {
+        const bool nanY = i % 7 == 3, nanZ = i % 5 == 0;
+        xyz.insert(xyz.end(), {1, nanY ? qnan : (i % 2 ? 0.0f : -0.0f), nanZ ? qnan : 1.0f});
+        numNaN += nanY || nanZ;
+    }
+    const CompactMesh before = qyTest::makeMesh(xyz, {0, 1, 2});
+    for (int threads : {1, 2, 4})
+    {
+        qyTest::ScopedThreadCount scope(threads);
+        CompactMesh mesh = before;
+        const Remap remap = weld(mesh);
+        expectWeld(before, mesh, remap);
+        ASSERT_EQ(mesh.getNumVertices(), 1 + numNaN);
+        // (1, 0, 1) sorts first and has the data of vertex 19999, whose y is +0.
+        EXPECT_FALSE(std::signbit(mesh.getVertices()[0].y));
+    }
+}
+
+TEST(MeshCompact, ATolerantCheckerComparesEachVertexWithItsRunsFirst)
+{
+    // Each within 1 of the next in x order; only 0 and 0.75 are within 1 of the first.
+    CompactMesh mesh = qyTest::makeMesh({1.5f, 0, 0, 0, 0, 0, 0.75f, 0, 0, 2.25f, 0, 0}, {});
+    TolerantChecker checker;
+    const Remap remap = weld(mesh, &checker);
+    ASSERT_EQ(mesh.getNumVertices(), 2);
+    EXPECT_EQ(entries(remap), std::vector<int>({1, 0, 0, 1}));
+    EXPECT_EQ(values(mesh.getVerticesRaw(), 6), std::vector<float>({0.75f, 0, 0, 2.25f, 0, 0}));
+}
+
+TEST(MeshCompact, RewritesStripsAndFansAndLeavesLinesAndPolygonsToTheMesh)
+{
+    RecordingMesh mesh(qyTest::makeMesh({1, 0, 0, 0, 0, 0, 1, 0, 0, 2, 0, 0}, {0, 1, 3}));
+    mesh.resizeTriStripArrays(4, 1);
+    mesh.resizeTriFanArrays(4, 1);
+    mesh.resizeLineStripArrays(3, 1);
+    mesh.resizePolyArrays(1, 3);
+    mesh.resizeLineArray(1);
+    *mesh.getTriStripLengths() = *mesh.getTriFanLengths() = 4;
+    *mesh.getLineStripLengths() = *mesh.getPolyLengths() = 3;
+    for (int k = 0; k < 4; ++k)
+        mesh.getTriStripPoints()[k] = mesh.getTriFanPoints()[k] = 3 - k;
+    for (int k = 0; k < 3; ++k)
+        mesh.getLineStripPoints()[k] = mesh.getPolyPoints()[k] = k + 1;
+    mesh.getLines()[0] = {{2, 3}};
+    weld(mesh); // new numbers 1, 0, 1, 2
+    EXPECT_EQ(values(mesh.getTriStripPoints(), 4), std::vector<int>({2, 1, 0, 1}));
+    EXPECT_EQ(values(mesh.getTriFanPoints(), 4), std::vector<int>({2, 1, 0, 1}));
+    ASSERT_EQ(mesh.count(), 1);
+    // Only strips and fans are marked rewritten; CompactMesh renumbers the others itself.
+    EXPECT_EQ(mesh.entries()[0].flags,
+              MeshModification::TriangleNormalsValid | MeshModification::StripsAndFansModified);
+    EXPECT_EQ(values(mesh.getLineStripPoints(), 3), std::vector<int>({0, 1, 2}));
+    EXPECT_EQ(values(mesh.getPolyPoints(), 3), std::vector<int>({0, 1, 2}));
+    EXPECT_EQ(values(mesh.getLines()[0].v, 2), std::vector<int>({1, 2}));
+}
+
+TEST(MeshCompact, BothRoutesAndAnyThreadCountGiveTheSameWeld)
+{
+    struct Mode
+    {
+        bool normals, computed, uvs;
+    } modes[] = {{false, false, false},
+                 {true, false, false},
+                 {true, false, true},
+                 {true, true, true},
+                 {false, false, true}};
+    CallerChecker caller;
+    const std::vector<qyGeom::IMeshVertexEqualityChecker*> checkers{nullptr, &caller};
+    for (const Mode& m : modes)
+        for (int n : {300, 6001}) // the larger one is split between two tasks
+        {
+            SCOPED_TRACE(testing::Message() << m.normals << m.computed << m.uvs << " " << n);
+            const CompactMesh before = randomMesh(n, m.normals, m.computed, m.uvs);
+            CompactMesh reference = before;
+            const Remap expected = weld(reference);
+            expectWeld(before, reference, expected);
+            for (int threads : {1, 2, 4})
+                for (qyGeom::IMeshVertexEqualityChecker* checker : checkers)
+                {
+                    qyTest::ScopedThreadCount scope(threads);
+                    CompactMesh mesh = before;
+                    const Remap remap = weld(mesh, checker);
+                    const int size = mesh.getNumVertices();
+                    ASSERT_EQ(size, reference.getNumVertices());
+                    EXPECT_EQ(entries(remap), entries(expected));
+                    EXPECT_TRUE(
+                        sameBits(mesh.getVerticesRaw(), reference.getVerticesRaw(), 3 * size));
+                    EXPECT_TRUE(
+                        sameBits(mesh.getNormalsRaw(), reference.getNormalsRaw(), 3 * size));
+                    EXPECT_TRUE(sameBits(mesh.getUVsRaw(), reference.getUVsRaw(), 2 * size));
+                    EXPECT_EQ(values(mesh.getTrianglesRaw(), n / 2 * 3),
+                              values(reference.getTrianglesRaw(), n / 2 * 3));
+                }
+        }
+}
