@@ -1,6 +1,8 @@
 #include "qyGeom/MeshCache.h"
 
+#include <limits>
 #include <memory>
+#include <random>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -10,6 +12,10 @@
 #include "model/MeshModification.h"
 #include "model/Octree.h"
 #include "model/OctreeTris.h"
+#include "model/Remap.h"
+#include "qyGeom/meshAdjacency.h"
+#include "qyGeom/meshCompact.h"
+#include "qyGeom/meshComponents.h"
 #include "testMeshes.h"
 
 using qyGeom::CompactMesh;
@@ -120,4 +126,43 @@ TEST(MeshCache, CacheMayDieBeforeItsMeshes)
     }
     touch(mesh); // the dead cache's callbacks must be gone
     EXPECT_EQ(kept->numTris(0), 6);
+}
+
+// Hostile meshes: indices out of range, repeated corners, NaN and infinite coordinates. Every
+// builder must finish without touching memory it does not own (the sanitizer builds check).
+TEST(MeshCache, BuildsEveryKindFromHostileMeshes)
+{
+    std::mt19937 random(7);
+    const float nan = std::numeric_limits<float>::quiet_NaN();
+    const float inf = std::numeric_limits<float>::infinity();
+    for (int round = 0; round < 40; ++round)
+    {
+        // The first round is large enough for the builders' parallel paths.
+        const int numVerts = round == 0 ? 6000 : 1 + int(random() % 60);
+        const int numTris = round == 0 ? 9000 : int(random() % 120);
+        std::vector<float> xyz(3 * std::size_t(numVerts));
+        for (float& c : xyz)
+        {
+            const unsigned pick = random() % 20;
+            c = pick == 0 ? nan : pick == 1 ? inf : float(random() % 5) - 2.0f;
+        }
+        std::vector<int> tris(3 * std::size_t(numTris));
+        for (int& i : tris)
+            i = int(random() % unsigned(numVerts + 4)) - 2;
+        CompactMesh mesh = qyTest::makeMesh(xyz, tris);
+        mesh.resizeLineArray(numTris / 2);
+        for (int i = 0; i < mesh.getNumLines(); ++i)
+            mesh.getLines()[i] = {{tris[std::size_t(2 * i)], tris[std::size_t(2 * i + 1)]}};
+
+        SimpleMeshCache cache;
+        EXPECT_GE(cache.getBoundaries(mesh)->size(), 0);
+        EXPECT_TRUE(cache.getOctreeTris(mesh));
+        EXPECT_TRUE(cache.getOctreeLines(mesh));
+        qyGeom::MeshTriAdjTris triAdjTris;
+        qyGeom::meshTriAdjTris(mesh, triAdjTris);
+        EXPECT_GE(qyGeom::meshComponents(mesh, *cache.getAdjTris(mesh), nullptr), 0);
+        qyGeom::Remap remap;
+        qyGeom::meshCompact(mesh, qyTest::quietProgress(), remap);
+        EXPECT_LE(mesh.getNumVertices(), numVerts);
+    }
 }
