@@ -49,18 +49,34 @@ public:
     /// and a negative one a NaN; neither is tested.
     explicit IncompleteCholeskyPreconditioner(const SparseMatrix& A);
     ~IncompleteCholeskyPreconditioner() override;
-    /// Solves U^T U z = r: forward through lower, then backward through upper.
+    /// Solves U^T U z = r: forward through lower, then backward through upper; each row
+    /// subtracts its off-diagonal terms in storage order, then divides by its pivot (0.0 when
+    /// the row has no diagonal entry). z may be r.
     void applyInverse(const NVector& r, NVector& z) const override;
-    double applyInverseDot(const NVector& r, NVector& z) const override;
 
     /// L = U^T by rows, the diagonal included (stored last in each row).
     const SparseMatrix& getLower() const { return m_lower; }
     /// U by rows.
     const SparseMatrix& getUpper() const { return m_upper; }
 
+    /// One triangular sweep, packed for solving: the rows in an order that keeps every row
+    /// after the rows it reads (rows of one dependency level run back to back, so their
+    /// divisions overlap instead of waiting on each other), each row's off-diagonal entries in
+    /// storage order, and its pivot. Any such order gives the same bits as the plain one.
+    struct Sweep
+    {
+        qy::vector<int> order;
+        qy::vector<int> starts; // entries of step s: [starts[s], starts[s + 1])
+        qy::vector<int> columns;
+        qy::vector<double> values;
+        qy::vector<double> pivots; // by step
+    };
+
 private:
     SparseMatrix m_lower;
     SparseMatrix m_upper;
+    Sweep m_forward;
+    Sweep m_backward;
 };
 
 /// Solves A x = b by preconditioned conjugate gradient, one step per iterate() call, so that the
@@ -107,8 +123,13 @@ public:
     ConjugateGradient& operator=(const ConjugateGradient&) = delete;
     ~ConjugateGradient();
 
-    /// The owned matrix, for filling.
-    SparseMatrix& A() { return m_A; }
+    /// The owned matrix, for filling. iterate() multiplies with a packed copy of it, made by
+    /// initialize() and made again by the next iterate() after any call of this accessor.
+    SparseMatrix& A()
+    {
+        m_packedValid = false;
+        return m_A;
+    }
     const SparseMatrix& A() const { return m_A; }
     /// The current iterate.
     const NVector& x() const { return m_x; }
@@ -155,6 +176,18 @@ private:
     double m_bNormSquared = 0.0;
     double m_rNormSquared = 0.0;
     std::unique_ptr<Preconditioner> m_preconditioner;
+    // The preconditioner again when it is one of the two kinds whose solve iterate() merges
+    // with its own vector sweeps; null otherwise.
+    const DiagonalPreconditioner* m_diagonal = nullptr;
+    const IncompleteCholeskyPreconditioner* m_incompleteCholesky = nullptr;
+    // A's rows back to back (entries of row i: [m_rowStarts[i], m_rowStarts[i + 1]), in
+    // storage order): the products read one stream instead of one list per row, with the same
+    // sums.
+    void packA();
+    qy::vector<int> m_rowStarts;
+    qy::vector<int> m_columns;
+    qy::vector<double> m_values;
+    bool m_packedValid = false;
 };
 
 } // namespace qyGeom

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
+#include <memory>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -302,4 +303,99 @@ TEST(ConjugateGradient, AgreesWithDenseSolveOnRandomSpdSystems)
             EXPECT_GE(exactAtFifty, 0.0); // the unpreconditioned solve reaches step 50
         }
     }
+}
+
+TEST(ConjugateGradient, FastPathsGiveTheBitsOfThePlainSteps)
+{
+    const int n = 90;
+    Lcg rng;
+    SparseMatrix A(n);
+    fillRandomSpd(A, rng);
+    NVector r(n);
+    for (int i = 0; i < n; ++i)
+        r[i] = rng.next();
+
+    // The preconditioner solve, row by row in index order, as the factor's rows read.
+    IncompleteCholeskyPreconditioner ic(A);
+    NVector plain(n);
+    for (int i = 0; i < n; ++i)
+    {
+        double zi = r[i], pivot = 0.0;
+        for (const SparseElement& e : ic.getLower().row(i))
+            e.column != i ? zi -= plain[e.column]* e.value : pivot = e.value;
+        plain[i] = zi / pivot;
+    }
+    for (int i = n - 1; i >= 0; --i)
+    {
+        double zi = plain[i], pivot = 0.0;
+        for (const SparseElement& e : ic.getUpper().row(i))
+            e.column != i ? zi -= plain[e.column]* e.value : pivot = e.value;
+        plain[i] = zi / pivot;
+    }
+    NVector z(n);
+    ic.applyInverse(r, z);
+    for (int i = 0; i < n; ++i)
+        ASSERT_EQ(z[i], plain[i]) << i;
+    NVector inPlace = r;
+    ic.applyInverse(inPlace, inPlace);
+    for (int i = 0; i < n; ++i)
+        ASSERT_EQ(inPlace[i], plain[i]) << i;
+
+    // The solver's merged sweeps against the steps written out with the vector operations.
+    for (int kind = 0; kind < 3; ++kind)
+    {
+        ConjugateGradient cg(n);
+        Lcg again;
+        fillRandomSpd(cg.A(), again);
+        std::unique_ptr<Preconditioner> M;
+        if (kind == 1)
+        {
+            cg.initDiagonalPreconditioner();
+            M = std::make_unique<DiagonalPreconditioner>(A);
+        }
+        else if (kind == 2)
+        {
+            cg.initIncompleteCholeskyPreconditioner();
+            M = std::make_unique<IncompleteCholeskyPreconditioner>(A);
+        }
+        const NVector b = r;
+        cg.initialize(b, NVector(n));
+        NVector x(n), res(n), p(n), q(n), zz(n);
+        A.getVectorMinusMatrixTimesVector(b, x, res);
+        if (M)
+            M->applyInverse(res, p);
+        else
+            p = res;
+        double rho = res.dot(p);
+        for (int step = 1; step <= 60; ++step)
+        {
+            ASSERT_EQ(cg.iterate(0.0, 0.0).code(), ConjugateGradient::Running);
+            A.getMatrixTimesVector(p, q);
+            const double alpha = rho / p.dot(q);
+            x.setToVectorPlusScalarTimesVector(x, alpha, p);
+            if (step % 50 == 0)
+                A.getVectorMinusMatrixTimesVector(b, x, res);
+            else
+                res.setToVectorPlusScalarTimesVector(res, -alpha, q);
+            ASSERT_EQ(cg.getResidualNormSquared(), res.dot(res)) << kind << " " << step;
+            double rhoNew = res.dot(res);
+            if (M)
+            {
+                M->applyInverse(res, zz);
+                rhoNew = res.dot(zz);
+            }
+            p.setToVectorPlusScalarTimesVector(M ? zz : res, rhoNew / rho, p);
+            rho = rhoNew;
+        }
+        for (int i = 0; i < n; ++i)
+            ASSERT_EQ(cg.x()[i], x[i]) << kind;
+    }
+
+    // A changed through A() after initialize() is the A that the next step multiplies with.
+    ConjugateGradient cg(1);
+    cg.A().addToElement(0, 0, 1.0);
+    cg.initialize(vec({4}), vec({0}));
+    cg.A().addToElement(0, 0, 1.0);
+    EXPECT_EQ(cg.iterate(1e-10, 1e-30).code(), ConjugateGradient::Running);
+    EXPECT_EQ(cg.x()[0], 2.0); // alpha = 16 / 32 with A = [[2]]; the stale [[1]] would give 4
 }
