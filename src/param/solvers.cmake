@@ -2,4 +2,5 @@
 target_sources(GeometryAlg PRIVATE
     ${CMAKE_CURRENT_LIST_DIR}/ConjugateGradient.cpp
     ${CMAKE_CURRENT_LIST_DIR}/SparseMatrix.cpp
+    ${CMAKE_CURRENT_LIST_DIR}/meshCurvature.cpp
 )

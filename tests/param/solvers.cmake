@@ -2,4 +2,5 @@
 qygeom_add_test_suite(solverTests
     ${CMAKE_CURRENT_LIST_DIR}/ConjugateGradientTest.cpp
     ${CMAKE_CURRENT_LIST_DIR}/SparseMatrixTest.cpp
+    ${CMAKE_CURRENT_LIST_DIR}/meshCurvatureTest.cpp
 )
