@@ -142,6 +142,9 @@ float interiorValue(const Inputs& in, int v, std::vector<int>& fan)
     orderFan(in.triangles, v, fan);
     const int m = int(fan.size());
     const V3 pv = at(in.vertices, v);
+    // The mean curvature needs no angles, the Gaussian no edge vectors.
+    const bool needS = in.kind != MeshCurvature::Gaussian;
+    const bool needTheta = in.kind != MeshCurvature::Mean;
 
     double theta = 0.0;
     V3 S{0.0, 0.0, 0.0};
@@ -157,18 +160,24 @@ float interiorValue(const Inputs& in, int v, std::vector<int>& fan)
         const V3 r = at(in.vertices, tri[kr]);
         const Cotangents& cot = in.cotangents[t];
 
-        const V3 vq = pv - q, vr = pv - r;
-        const double cosine = dot(vq, vr) / std::sqrt(dot(vq, vq) * dot(vr, vr));
-        // Rounding can carry the cosine of a sliver's angle past +-1; NaN stays NaN.
-        theta += std::acos(std::clamp(cosine, -1.0, 1.0));
-
-        const int tNext = fan[std::size_t((i + 1) % m)];
-        const int* next = in.triangles + 3 * std::ptrdiff_t(tNext);
-        const int kNext = cornerOf(next, v);
-        const double w = cot[kr] + in.cotangents[tNext][(kNext + 2) % 3];
-        S.x += w * vq.x;
-        S.y += w * vq.y;
-        S.z += w * vq.z;
+        const V3 vq = pv - q;
+        if (needTheta)
+        {
+            const V3 vr = pv - r;
+            const double cosine = dot(vq, vr) / std::sqrt(dot(vq, vq) * dot(vr, vr));
+            // Rounding can carry the cosine of a sliver's angle past +-1; NaN stays NaN.
+            theta += std::acos(std::clamp(cosine, -1.0, 1.0));
+        }
+        if (needS)
+        {
+            const int tNext = fan[std::size_t((i + 1) % m)];
+            const int* next = in.triangles + 3 * std::ptrdiff_t(tNext);
+            const int kNext = cornerOf(next, v);
+            const double w = cot[kr] + in.cotangents[tNext][(kNext + 2) % 3];
+            S.x += w * vq.x;
+            S.y += w * vq.y;
+            S.z += w * vq.z;
+        }
 
         // Mixed area with P = v, Q the corner after v, R the one after Q.
         const V3 Q = r, R = q;
@@ -183,7 +192,7 @@ float interiorValue(const Inputs& in, int v, std::vector<int>& fan)
             const V3 pr = pv - R, pq = pv - Q;
             area += (dot(pr, pr) * cotQ + dot(pq, pq) * cotR) * 0.125;
         }
-        if (!in.normals)
+        if (needS && !in.normals)
         {
             const V3 n = cross(Q - pv, R - pv);
             fanNormal.x += n.x;
