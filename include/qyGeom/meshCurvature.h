@@ -15,9 +15,10 @@ class MeshAdjVertices;
 struct MeshVertex;
 
 /// The cotangents of a triangle's interior angles at its first, second and third corner.
+/// Trivial, so that large arrays of it are not cleared before they are filled.
 struct Cotangents
 {
-    double value[3] = {0.0, 0.0, 0.0};
+    double value[3];
 
     double& operator[](int corner) { return value[corner]; }
     double operator[](int corner) const { return value[corner]; }

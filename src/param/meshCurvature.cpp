@@ -268,17 +268,11 @@ void fillBoundary(const MeshAdjTris& adjTris, const MeshAdjVertices& adjVertices
     }
 }
 
-} // namespace
-
-void computeCotangents(const CompactMesh& mesh, const MeshVertex* vertices,
-                       qy::Array<Cotangents>& out)
+// The cotangents of every triangle into `result`, one share of the triangles per thread.
+void cotangentsInto(const CompactMesh& mesh, const float* verts, Cotangents* result)
 {
-    const int numTris = mesh.getNumTriangles();
-    out.resize(std::size_t(numTris));
-    const float* verts = reinterpret_cast<const float*>(vertices);
     const int* tris = mesh.getTrianglesRaw();
-    Cotangents* result = out.data();
-    runShares(numTris,
+    runShares(mesh.getNumTriangles(),
               [&](int begin, int end)
               {
                   for (int t = begin; t < end; ++t)
@@ -291,6 +285,15 @@ void computeCotangents(const CompactMesh& mesh, const MeshVertex* vertices,
                       cot[2] = cotangent(c, a, b);
                   }
               });
+}
+
+} // namespace
+
+void computeCotangents(const CompactMesh& mesh, const MeshVertex* vertices,
+                       qy::Array<Cotangents>& out)
+{
+    out.resize(std::size_t(mesh.getNumTriangles()));
+    cotangentsInto(mesh, reinterpret_cast<const float*>(vertices), out.data());
 }
 
 void meshCurvature(const CompactMesh& mesh, const MeshAdjTris& adjTris,
@@ -333,11 +336,14 @@ void meshCurvature(const CompactMesh& mesh, const MeshAdjTris& adjTris,
         }
     }
 
-    qy::Array<Cotangents> cotangents;
-    computeCotangents(mesh, reinterpret_cast<const MeshVertex*>(vertices), cotangents);
+    // Left uninitialised: the threads that fill it touch its pages first, in parallel (a
+    // cleared array would cost a serial pass over 24 bytes per triangle).
+    const std::unique_ptr<Cotangents[]> cotangents =
+        std::make_unique_for_overwrite<Cotangents[]>(std::size_t(numTris));
+    cotangentsInto(mesh, vertices, cotangents.get());
     debugChannel().print(" cotangents computed in: %f s\n", watch.clear());
 
-    const Inputs in{vertices,     normals, mesh.getTrianglesRaw(), cotangents.data(), &adjTris,
+    const Inputs in{vertices,     normals, mesh.getTrianglesRaw(), cotangents.get(), &adjTris,
                     &adjVertices, kind};
     runShares(numVerts,
               [&](int begin, int end)
