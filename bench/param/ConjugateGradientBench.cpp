@@ -2,7 +2,8 @@
 // relative residual of 1e-10 from x0 = 0, with each preconditioner.
 //
 // Matrices (as the peer harness builds them, so that the figures sit beside Eigen's):
-// - grid: the 0.5-cotangent Laplacian of a flat 300 x 300 quad grid split into triangles
+// - grid: the 0.5-cotangent Laplacian of a flat 300 x 300 (and 500 x 500) quad grid split
+//   into triangles
 //   (diagonal a-c of every quad), restricted to the interior vertices (boundary pinned),
 //   entries of magnitude <= 1e-12 dropped (the cot(90 deg) noise on the quad diagonals);
 // - bunny: the same Laplacian of a closed real mesh plus 1e-3 * mean(diagonal) * I, read from
@@ -115,37 +116,32 @@ NVector harnessRhs(int n)
     return b;
 }
 
-const System& gridSystem()
+System makeGridSystem(int G)
 {
-    static const System sys = []
-    {
-        const int G = 300;
-        Mesh g;
-        for (int j = 0; j <= G; ++j)
-            for (int i = 0; i <= G; ++i)
-                g.p.insert(g.p.end(), {float(i) / G, float(j) / G, 0.f});
-        for (int j = 0; j < G; ++j)
-            for (int i = 0; i < G; ++i)
-            {
-                const int a = j * (G + 1) + i, b = a + 1, c = a + G + 2, d = a + G + 1;
-                g.t.insert(g.t.end(), {a, b, c, a, c, d});
-            }
-        const Rows L = cotLaplacian(g);
-        std::vector<int> id(std::size_t(g.nv()), -1);
-        int n = 0;
-        for (int j = 1; j < G; ++j)
-            for (int i = 1; i < G; ++i)
-                id[std::size_t(j * (G + 1) + i)] = n++;
-        System out;
-        out.rows.resize(std::size_t(n));
-        for (std::size_t r = 0; r < L.size(); ++r)
-            for (const SparseElement& e : L[r])
-                if (id[r] >= 0 && id[std::size_t(e.column)] >= 0 && std::abs(e.value) > 1e-12)
-                    out.rows[std::size_t(id[r])].emplace_back(id[std::size_t(e.column)], e.value);
-        out.b = harnessRhs(n);
-        return out;
-    }();
-    return sys;
+    Mesh g;
+    for (int j = 0; j <= G; ++j)
+        for (int i = 0; i <= G; ++i)
+            g.p.insert(g.p.end(), {float(i) / G, float(j) / G, 0.f});
+    for (int j = 0; j < G; ++j)
+        for (int i = 0; i < G; ++i)
+        {
+            const int a = j * (G + 1) + i, b = a + 1, c = a + G + 2, d = a + G + 1;
+            g.t.insert(g.t.end(), {a, b, c, a, c, d});
+        }
+    const Rows L = cotLaplacian(g);
+    std::vector<int> id(std::size_t(g.nv()), -1);
+    int n = 0;
+    for (int j = 1; j < G; ++j)
+        for (int i = 1; i < G; ++i)
+            id[std::size_t(j * (G + 1) + i)] = n++;
+    System out;
+    out.rows.resize(std::size_t(n));
+    for (std::size_t r = 0; r < L.size(); ++r)
+        for (const SparseElement& e : L[r])
+            if (id[r] >= 0 && id[std::size_t(e.column)] >= 0 && std::abs(e.value) > 1e-12)
+                out.rows[std::size_t(id[r])].emplace_back(id[std::size_t(e.column)], e.value);
+    out.b = harnessRhs(n);
+    return out;
 }
 
 bool readObj(const std::string& path, Mesh& m)
@@ -208,9 +204,21 @@ const System& bunnySystem()
     return sys;
 }
 
+// 0: the 300 x 300 grid of the peer harness (89,401 unknowns); 1: bunny00; 2: a 500 x 500
+// grid (249,001 unknowns, 251,001 vertices).
 const System& systemFor(int which)
 {
-    return which == 0 ? gridSystem() : bunnySystem();
+    if (which == 0)
+    {
+        static const System grid300 = makeGridSystem(300);
+        return grid300;
+    }
+    if (which == 2)
+    {
+        static const System grid500 = makeGridSystem(500);
+        return grid500;
+    }
+    return bunnySystem();
 }
 
 void fill(ConjugateGradient& cg, const Rows& rows)
@@ -231,6 +239,11 @@ void precondition(ConjugateGradient& cg, int kind)
 const char* kindName(int kind)
 {
     return kind == 0 ? "none" : kind == 1 ? "diagonal" : "incompleteCholesky";
+}
+
+std::string systemName(int which)
+{
+    return which == 0 ? "grid300" : which == 2 ? "grid500" : "bunny00";
 }
 
 using Clock = std::chrono::steady_clock;
@@ -278,7 +291,7 @@ void BM_CgSolve(benchmark::State& state)
     state.counters["setup_s"] = setup / runs;
     state.counters["s_per_iter"] = (total - setup) / runs / std::max(iters, 1);
     state.counters["rel_res"] = relRes;
-    state.SetLabel(std::string(which == 0 ? "grid300" : "bunny00") + " " + kindName(kind));
+    state.SetLabel(systemName(which) + " " + kindName(kind));
 }
 
 // One step, timed alone; the solver restarts from x0 = 0 when it finishes.
@@ -305,14 +318,14 @@ void BM_CgIterate(benchmark::State& state)
             state.ResumeTiming();
         }
     }
-    state.SetLabel(std::string(which == 0 ? "grid300" : "bunny00") + " " + kindName(kind));
+    state.SetLabel(systemName(which) + " " + kindName(kind));
 }
 
 } // namespace
 
 BENCHMARK(BM_CgSolve)
-    ->ArgsProduct({{0, 1}, {1, 2}})
+    ->ArgsProduct({{0, 1, 2}, {1, 2}})
     ->UseManualTime()
     ->Unit(benchmark::kMillisecond)
     ->Iterations(2);
-BENCHMARK(BM_CgIterate)->ArgsProduct({{0, 1}, {1, 2}})->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_CgIterate)->ArgsProduct({{0, 1, 2}, {1, 2}})->Unit(benchmark::kMicrosecond);
