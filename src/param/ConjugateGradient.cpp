@@ -210,8 +210,8 @@ IncompleteCholeskyPreconditioner::IncompleteCholeskyPreconditioner(const SparseM
 
         // Eliminate with every earlier row k, in increasing k, whose final row holds column i.
         // Those are exactly the entries (k, U(k, i)) that the earlier rows appended to row i of
-        // lower, in the order of k. A row k without column i has U(k, i) = 0 and changes
-        // nothing.
+        // lower, in the order of k. A row k without column i has U(k, i) = 0 and, its entries
+        // being finite, changes nothing.
         const SparseMatrix& upper = m_upper;
         for (const SparseElement& lk : std::as_const(m_lower).row(i))
         {
@@ -249,7 +249,7 @@ IncompleteCholeskyPreconditioner::IncompleteCholeskyPreconditioner(const SparseM
         {
             if (e->column != i)
                 e->value /= d;
-            m_lower.addToElement(e->column, i, e->value);
+            m_lower.row(e->column).emplace_back(i, e->value);
         }
     }
     packSweep(m_lower, true, m_forward);

@@ -256,6 +256,54 @@ TEST(ConjugateGradient, IncompleteCholeskyKeepsThePatternAndSkipsExactZeros)
     EXPECT_DOUBLE_EQ(ic.getUpper().getElement(3, 3), std::sqrt(3.0 - u03 * u03 - u23 * u23));
 }
 
+TEST(ConjugateGradient, IncompleteCholeskyMatchesTheRowByRowDefinition)
+{
+    // The factor computed as defined: every earlier row k eliminates through U(k, i), looked
+    // up, with exact zeros left alone. Random pattern with stored zeros, scattered order.
+    const int n = 60;
+    Lcg rng;
+    SparseMatrix A(n);
+    fillRandomSpd(A, rng);
+    for (int e = 0; e < n; ++e)
+    {
+        const int i = int((rng.next() + 1.0) * 0.5 * n) % n;
+        const int j = int((rng.next() + 1.0) * 0.5 * n) % n;
+        A.addToElement(i, j, 0.0);
+        A.addToElement(j, i, 0.0);
+    }
+    SparseMatrix upper(n);
+    A.getUpperTriangular(upper);
+    for (int i = 0; i < n; ++i)
+    {
+        SparseMatrix::Row& row = upper.row(i);
+        for (int k = 0; k < i; ++k)
+        {
+            const double u = upper.getElement(k, i);
+            for (SparseElement& e : row)
+                if (e.value != 0.0)
+                    e.value -= upper.getElement(k, e.column) * u;
+        }
+        double d = 0.0;
+        for (SparseElement& e : row)
+            if (e.column == i)
+            {
+                d = e.value = std::sqrt(e.value);
+                break;
+            }
+        for (SparseElement& e : row)
+            if (e.column != i)
+                e.value /= d;
+    }
+    IncompleteCholeskyPreconditioner ic(A);
+    ASSERT_EQ(ic.getUpper().nnz(), upper.nnz());
+    for (int i = 0; i < n; ++i)
+        for (std::size_t k = 0; k < upper.row(i).size(); ++k)
+        {
+            ASSERT_EQ(ic.getUpper().row(i)[k].column, upper.row(i)[k].column);
+            ASSERT_EQ(ic.getUpper().row(i)[k].value, upper.row(i)[k].value) << i << " " << k;
+        }
+}
+
 TEST(ConjugateGradient, AgreesWithDenseSolveOnRandomSpdSystems)
 {
     const int n = 120;
