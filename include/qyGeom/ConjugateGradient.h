@@ -41,7 +41,7 @@ private:
 };
 
 /// Zero fill-in incomplete Cholesky, row oriented: U^T U approximates A on A's upper-triangle
-/// pattern. Entries that become exactly 0.0 behave as if outside the pattern.
+/// pattern. Entries that are exactly 0.0 stay so and behave as if outside the pattern.
 class QYGEOM_API IncompleteCholeskyPreconditioner : public Preconditioner
 {
 public:
@@ -87,7 +87,10 @@ private:
 /// iterate(tolerance, breakdown) until the Status is done; read x().
 /// Cost per step: one product with A, the preconditioner solve, three in-place vector updates
 /// and three dot products, formed in as few sweeps as the fixed summation orders allow; no
-/// allocation.
+/// allocation (unless A() was called since the last step, see A()).
+/// Memory: besides A, six vectors of n doubles and a packed copy of A (12 bytes per stored
+/// entry, 4 per row); the incomplete Cholesky preconditioner holds its factor twice, as rows
+/// and packed for its two sweeps.
 /// Threads: one object, one thread.
 class QYGEOM_API ConjugateGradient
 {
