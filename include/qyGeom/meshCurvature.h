@@ -59,7 +59,8 @@ QYGEOM_API void computeCotangents(const CompactMesh& mesh, const MeshVertex* ver
 /// neighbours (0.0 when none qualify). Isolated vertices get 0.0.
 ///
 /// v's normal is the mesh's normal array when it has one; otherwise the sum of the fan's
-/// triangle cross products (the area-weighted normal of a consistently oriented fan).
+/// triangle cross products (the area-weighted normal of a consistently oriented fan), reversed
+/// when the matrix mirrors, as a normal array would be mapped.
 /// The matrix applies when it differs from the identity by more than epsilonTolFlt: vertices
 /// and normals are then mapped into temporary copies.
 ///

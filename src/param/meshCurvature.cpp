@@ -101,6 +101,7 @@ struct Inputs
     const MeshAdjTris* adjTris;
     const MeshAdjVertices* adjVertices;
     MeshCurvature kind;
+    double fanNormalSign; // -1 when the matrix mirrors, which turns the fans' winding over
 };
 
 inline bool isInterior(const MeshAdjTris& adjTris, const MeshAdjVertices& adjVertices, int v)
@@ -207,8 +208,9 @@ float interiorValue(const Inputs& in, int v, std::vector<int>& fan)
         double h = std::sqrt(dot(S, S));
         if (!(h < qyLinear::epsilonTol))
         {
-            const V3 normal = in.normals ? at(in.normals, v) : fanNormal;
-            if (dot(S, normal) < 0.0)
+            const double side =
+                in.normals ? dot(S, at(in.normals, v)) : dot(S, fanNormal) * in.fanNormalSign;
+            if (side < 0.0)
                 h = -h;
         }
         H = h / (4.0 * area);
@@ -343,8 +345,14 @@ void meshCurvature(const CompactMesh& mesh, const MeshAdjTris& adjTris,
     cotangentsInto(mesh, vertices, cotangents.get());
     debugChannel().print(" cotangents computed in: %f s\n", watch.clear());
 
-    const Inputs in{vertices,     normals, mesh.getTrianglesRaw(), cotangents.get(), &adjTris,
-                    &adjVertices, kind};
+    const Inputs in{vertices,
+                    normals,
+                    mesh.getTrianglesRaw(),
+                    cotangents.get(),
+                    &adjTris,
+                    &adjVertices,
+                    kind,
+                    vertices != mesh.getVerticesRaw() && matrix.determinant() < 0.0f ? -1.0 : 1.0};
     runShares(numVerts,
               [&](int begin, int end)
               {

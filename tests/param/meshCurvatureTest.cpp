@@ -146,6 +146,16 @@ TEST(MeshCurvature, ConvexClosedMeshSignsFollowTheNormals)
         ASSERT_GT(K[v], 0.0f) << v;
         ASSERT_EQ(fromFans[v], H[v]) << v;
     }
+    // A mirror keeps the sign, with or without normals.
+    const AffineMatrixFlt mirror = AffineMatrixFlt::scaling(-1.0f, 1.0f, 1.0f);
+    CompactMesh bare = qyTest::makeIcosphere(2);
+    const std::vector<float> mirrored = curvature(sphere, MeshCurvature::Mean, mirror);
+    const std::vector<float> mirroredBare = curvature(bare, MeshCurvature::Mean, mirror);
+    for (std::size_t v = 0; v < H.size(); ++v)
+    {
+        ASSERT_GT(mirrored[v], 0.0f) << v;
+        ASSERT_EQ(mirroredBare[v], mirrored[v]) << v;
+    }
     float* n = sphere.getNormalsRaw();
     for (int i = 0; i < 3 * sphere.getNumVertices(); ++i)
         n[i] = -n[i];
