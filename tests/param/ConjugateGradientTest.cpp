@@ -63,39 +63,37 @@ void fillRandomSpd(SparseMatrix& A, Lcg& rng)
     }
 }
 
-// Dense Gaussian elimination with partial pivoting.
+// Dense Gaussian elimination with partial pivoting, on an n x (n + 1) row-major array.
 std::vector<double> denseSolve(const SparseMatrix& A, const NVector& b)
 {
-    const int n = A.size();
-    std::vector<std::vector<double>> m(std::size_t(n), std::vector<double>(std::size_t(n) + 1));
+    const int n = A.size(), w = n + 1;
+    std::vector<double> m(std::size_t(n * w));
+    auto at = [&](int i, int j) -> double& { return m[std::size_t(i * w + j)]; };
     for (int i = 0; i < n; ++i)
     {
         for (int j = 0; j < n; ++j)
-            m[std::size_t(i)][std::size_t(j)] = A.getElement(i, j);
-        m[std::size_t(i)][std::size_t(n)] = b[i];
+            at(i, j) = A.getElement(i, j);
+        at(i, n) = b[i];
     }
     for (int c = 0; c < n; ++c)
     {
         int best = c;
         for (int i = c + 1; i < n; ++i)
-            if (std::abs(m[std::size_t(i)][std::size_t(c)]) >
-                std::abs(m[std::size_t(best)][std::size_t(c)]))
+            if (std::abs(at(i, c)) > std::abs(at(best, c)))
                 best = i;
-        std::swap(m[std::size_t(c)], m[std::size_t(best)]);
+        for (int j = 0; j <= n; ++j)
+            std::swap(at(c, j), at(best, j));
         for (int i = c + 1; i < n; ++i)
-        {
-            const double f = m[std::size_t(i)][std::size_t(c)] / m[std::size_t(c)][std::size_t(c)];
-            for (int j = c; j <= n; ++j)
-                m[std::size_t(i)][std::size_t(j)] -= f * m[std::size_t(c)][std::size_t(j)];
-        }
+            for (int j = n; j >= c; --j)
+                at(i, j) -= at(i, c) / at(c, c) * at(c, j);
     }
     std::vector<double> x(static_cast<std::size_t>(n));
     for (int i = n - 1; i >= 0; --i)
     {
-        double s = m[std::size_t(i)][std::size_t(n)];
+        double s = at(i, n);
         for (int j = i + 1; j < n; ++j)
-            s -= m[std::size_t(i)][std::size_t(j)] * x[std::size_t(j)];
-        x[std::size_t(i)] = s / m[std::size_t(i)][std::size_t(i)];
+            s -= at(i, j) * x[std::size_t(j)];
+        x[std::size_t(i)] = s / at(i, i);
     }
     return x;
 }
@@ -218,14 +216,6 @@ TEST(ConjugateGradient, PreconditionersSolveTheirOwnStructureInOneStep)
     EXPECT_EQ(cg.iterate(1e-10, 1e-30).code(), ConjugateGradient::Running);
     EXPECT_EQ(cg.iterate(1e-10, 1e-30).code(), ConjugateGradient::Converged);
     EXPECT_LT(cg.getResidualInfinityNorm(), 1e-12);
-
-    // applyInverseDot gives z and r . z to the bit of applyInverse then dot.
-    NVector z1(n), z2(n);
-    ic.applyInverse(b, z1);
-    const double rz = ic.applyInverseDot(b, z2);
-    EXPECT_EQ(rz, b.dot(z1));
-    for (int i = 0; i < n; ++i)
-        EXPECT_EQ(z1[i], z2[i]);
 }
 
 TEST(ConjugateGradient, IncompleteCholeskyKeepsThePatternAndSkipsExactZeros)

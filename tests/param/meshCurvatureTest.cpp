@@ -70,22 +70,6 @@ TEST(Cotangents, EquilateralAndRightTriangles)
     computeCotangents(flat, flat.getVertices(), cot);
     ASSERT_EQ(cot.size(), 1u);
     EXPECT_FALSE(std::isfinite(cot[0][0]));
-
-    // The same with several threads, on a mesh large enough to be split.
-    const CompactMesh sphere = qyTest::makeUVSphere(40, 80);
-    qy::Array<Cotangents> one, many;
-    {
-        qyTest::ScopedThreadCount threads(1);
-        computeCotangents(sphere, sphere.getVertices(), one);
-    }
-    {
-        qyTest::ScopedThreadCount threads(3);
-        computeCotangents(sphere, sphere.getVertices(), many);
-    }
-    ASSERT_EQ(one.size(), many.size());
-    for (std::size_t t = 0; t < one.size(); ++t)
-        for (int k = 0; k < 3; ++k)
-            ASSERT_EQ(one[t][k], many[t][k]);
 }
 
 TEST(MeshCurvature, FlatAndRaisedHexagonFans)
