@@ -10,6 +10,8 @@
 #include <gtest/gtest.h>
 
 #include "model/CompactMesh.h"
+#include "qyGeom/meshBoundary.h"
+#include "qyGeom/meshComponents.h"
 #include "testMeshes.h"
 
 namespace
@@ -432,6 +434,47 @@ TEST(TopoMesh, HandlesAreOrderedAndHashable)
     adjacent.clear();
     mesh.getAdjacentEntities(mesh.face(0), adjacent);
     EXPECT_EQ(adjacent.size(), 6u);
+}
+
+TEST(TopoMesh, BoundaryLoopsAndComponents)
+{
+    // A hemisphere (one rim), a separate triangle, and a second triangle touching the first
+    // at one vertex: three loops, two components.
+    TopoMesh mesh;
+    build(mesh, qyTest::makeHemisphere(4, 12));
+    const TopoMeshVertex a = mesh.allocVertex(5, 0, 0), b = mesh.allocVertex(6, 0, 0);
+    const TopoMeshVertex c = mesh.allocVertex(5, 1, 0), d = mesh.allocVertex(4, -1, 0);
+    const TopoMeshVertex e = mesh.allocVertex(5, -1, 0);
+    mesh.allocFace({a, b, c});
+    mesh.allocFace({a, d, e});
+    const TopoMeshVertex lonely = mesh.allocVertex(9, 9, 9);
+    mesh.meshTwin();
+
+    qy::vector<qy::vector<TopoMeshEdge>> loops;
+    qyGeom::meshComputeBoundary(mesh, loops);
+    ASSERT_EQ(loops.size(), 3u);
+    EXPECT_EQ(loops[0].size(), 12u);
+    EXPECT_EQ(loops[1].size(), 3u);
+    EXPECT_EQ(loops[2].size(), 3u);
+    for (const auto& loop : loops)
+        for (std::size_t i = 0; i < loop.size(); ++i)
+        {
+            EXPECT_FALSE(loop[i].hasTwin());
+            EXPECT_EQ(loop[i].endVertex(), loop[(i + 1) % loop.size()].vertex());
+        }
+
+    qy::Array<int> labels;
+    EXPECT_EQ(qyGeom::meshComponents(mesh, &labels), 2);
+    EXPECT_EQ(labels[0], 0);
+    EXPECT_EQ(labels[std::size_t(a.getIndex())], 1);
+    EXPECT_EQ(labels[std::size_t(e.getIndex())], 1);
+    EXPECT_EQ(labels[std::size_t(lonely.getIndex())], -1);
+
+    TopoMesh closed;
+    build(closed, qyTest::makeTorus(8, 6));
+    qyGeom::meshComputeBoundary(closed, loops);
+    EXPECT_TRUE(loops.empty());
+    EXPECT_EQ(qyGeom::meshComponents(closed), 1);
 }
 
 } // namespace
