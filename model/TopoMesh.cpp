@@ -2,6 +2,7 @@
 #include "model/TopoMesh.h"
 
 #include <algorithm>
+#include <memory>
 
 namespace qyGeom
 {
@@ -192,6 +193,15 @@ bool TopoMesh::isAlive(TopoMeshFace f) const
 
 TopoMeshVertex TopoMesh::allocVertex(const qyLinear::Point& p)
 {
+    if (m_freeVertices.empty())
+    {
+        const int v = int(m_vertexEdge.size());
+        m_points.push_back(p);
+        m_vertexEdge.push_back(-1);
+        m_vertexTag.push_back(-1);
+        ++m_numVertices;
+        return {this, v};
+    }
     const int v = newVertexSlot();
     m_points[std::size_t(v)] = p;
     return {this, v};
@@ -252,6 +262,23 @@ TopoMeshFace TopoMesh::buildFace(int n, const int* vertices)
     }
 
     const int f = newFaceSlot();
+    if (m_freeEdges.empty())
+    {
+        // The usual case while building: the face's half-edges are consecutive new slots.
+        const int first = int(m_edges.size());
+        for (int i = 0; i < n; ++i)
+        {
+            const int v = vertices[i];
+            m_edges.push_back(HalfEdge{v, f, first + (i + 1 == n ? 0 : i + 1),
+                                       first + (i == 0 ? n - 1 : i - 1), -1});
+            int& vertexEdge = m_vertexEdge[std::size_t(v)];
+            if (vertexEdge < 0)
+                vertexEdge = first + i;
+        }
+        m_numEdges += n;
+        m_faceEdge[std::size_t(f)] = first;
+        return {this, f};
+    }
     int first = -1, previous = -1;
     for (int i = 0; i < n; ++i)
     {
@@ -281,69 +308,77 @@ void TopoMesh::meshTwin()
     const int numEdgeSlots = getEdgeCapacity();
     HalfEdge* edges = m_edges.data();
 
-    // Half-edges bucketed by the vertex they leave (counting sort), each with its end vertex,
-    // so that the searches below scan short contiguous runs.
+    // Half-edges bucketed by the vertex they leave (counting sort), each with its end vertex.
+    // The search below reads only the buckets, so it stays in short contiguous runs instead
+    // of jumping through the half-edge array; an entry whose half-edge has a twin has its end
+    // set to -1, so that it matches nothing. start[v + 1] first counts v's half-edges, then
+    // holds the end of v's bucket; filling moves start[v] from v's beginning to its end, and
+    // the shift back restores the beginnings.
+    struct Entry
+    {
+        int end;
+        int edge;
+    };
     std::vector<int> start(std::size_t(numSlots) + 1, 0);
     for (int e = 0; e < numEdgeSlots; ++e)
         if (edges[e].vertex >= 0)
             ++start[std::size_t(edges[e].vertex) + 1];
     for (int v = 0; v < numSlots; ++v)
         start[std::size_t(v) + 1] += start[std::size_t(v)];
-    std::vector<int> fill(start.begin(), start.end() - 1);
-    const auto numEdges = static_cast<std::size_t>(m_numEdges);
-    std::vector<int> bucketEnd(numEdges), bucketEdge(numEdges);
+    std::unique_ptr<Entry[]> bucket(new Entry[static_cast<std::size_t>(m_numEdges)]);
     for (int e = 0; e < numEdgeSlots; ++e)
     {
         const int v = edges[e].vertex;
         if (v < 0)
             continue;
-        const std::size_t pos = std::size_t(fill[std::size_t(v)]++);
-        bucketEnd[pos] = edges[edges[e].next].vertex;
-        bucketEdge[pos] = e;
+        const int end = edges[e].twin >= 0 ? -1 : edges[edges[e].next].vertex;
+        bucket[std::size_t(start[std::size_t(v)]++)] = Entry{end, e};
     }
+    for (int v = numSlots; v > 0; --v)
+        start[std::size_t(v)] = start[std::size_t(v) - 1];
+    start[0] = 0;
 
-    for (int e = 0; e < numEdgeSlots; ++e)
+    // A half-edge a->b pairs with b->a when each is the only twinless one of its direction.
+    // Whether a pair is made does not depend on the order of the search.
+    for (int a = 0; a < numSlots; ++a)
     {
-        const int a = edges[e].vertex;
-        if (a < 0 || edges[e].twin >= 0)
-            continue;
-        const int b = edges[edges[e].next].vertex;
-        // e must be the only twinless half-edge a->b ...
-        int same = 0;
-        for (int k = start[std::size_t(a)], end = start[std::size_t(a) + 1]; k < end; ++k)
-            same += (bucketEnd[std::size_t(k)] == b && edges[bucketEdge[std::size_t(k)]].twin < 0);
-        if (same != 1)
-            continue;
-        // ... and find the only twinless half-edge b->a.
-        int opposite = -1, count = 0;
-        for (int k = start[std::size_t(b)], end = start[std::size_t(b) + 1]; k < end; ++k)
+        const int aBegin = start[std::size_t(a)], aEnd = start[std::size_t(a) + 1];
+        for (int p = aBegin; p < aEnd; ++p)
         {
-            const int g = bucketEdge[std::size_t(k)];
-            if (bucketEnd[std::size_t(k)] == a && edges[g].twin < 0)
-            {
-                opposite = g;
-                ++count;
-            }
+            const int b = bucket[std::size_t(p)].end;
+            if (b < 0)
+                continue;
+            int same = 0;
+            for (int k = aBegin; k < aEnd; ++k)
+                same += bucket[std::size_t(k)].end == b;
+            if (same != 1)
+                continue;
+            int opposite = -1, count = 0;
+            for (int k = start[std::size_t(b)], kEnd = start[std::size_t(b) + 1]; k < kEnd; ++k)
+                if (bucket[std::size_t(k)].end == a)
+                {
+                    opposite = k;
+                    ++count;
+                }
+            if (count != 1)
+                continue;
+            const int e = bucket[std::size_t(p)].edge, g = bucket[std::size_t(opposite)].edge;
+            edges[e].twin = g;
+            edges[g].twin = e;
+            bucket[std::size_t(p)].end = -1;
+            bucket[std::size_t(opposite)].end = -1;
         }
-        if (count != 1)
-            continue;
-        edges[e].twin = opposite;
-        edges[opposite].twin = e;
     }
 
-    // Each vertex leaves by its first boundary half-edge, if it has one.
+    // Each vertex leaves by its first boundary half-edge, if it has one: the entries still
+    // carrying an end vertex are the twinless ones.
     for (int v = 0; v < numSlots; ++v)
-    {
-        for (int k = start[std::size_t(v)], end = start[std::size_t(v) + 1]; k < end; ++k)
-        {
-            const int e = bucketEdge[std::size_t(k)];
-            if (edges[e].twin < 0)
+        for (int k = start[std::size_t(v)], kEnd = start[std::size_t(v) + 1]; k < kEnd; ++k)
+            if (bucket[std::size_t(k)].end >= 0)
             {
-                m_vertexEdge[std::size_t(v)] = e;
+                m_vertexEdge[std::size_t(v)] = bucket[std::size_t(k)].edge;
                 break;
             }
-        }
-    }
 }
 
 // Iteration --------------------------------------------------------------------------------
