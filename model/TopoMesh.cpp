@@ -24,10 +24,10 @@ TopoMesh::TopoMesh() = default;
 TopoMesh::TopoMesh(const TopoMesh& other)
     : qy::ReferenceCount(other), qyRTB::Entity(other), m_edges(other.m_edges),
       m_points(other.m_points), m_vertexEdge(other.m_vertexEdge), m_vertexTag(other.m_vertexTag),
-      m_faceEdge(other.m_faceEdge), m_faceTag(other.m_faceTag),
-      m_freeVertices(other.m_freeVertices), m_freeEdges(other.m_freeEdges),
-      m_freeFaces(other.m_freeFaces), m_numVertices(other.m_numVertices),
-      m_numEdges(other.m_numEdges), m_numFaces(other.m_numFaces)
+      m_vertexDegree(other.m_vertexDegree), m_faceEdge(other.m_faceEdge),
+      m_faceTag(other.m_faceTag), m_freeVertices(other.m_freeVertices),
+      m_freeEdges(other.m_freeEdges), m_freeFaces(other.m_freeFaces),
+      m_numVertices(other.m_numVertices), m_numEdges(other.m_numEdges), m_numFaces(other.m_numFaces)
 {
 }
 
@@ -39,6 +39,7 @@ TopoMesh& TopoMesh::operator=(const TopoMesh& other)
         m_points = other.m_points;
         m_vertexEdge = other.m_vertexEdge;
         m_vertexTag = other.m_vertexTag;
+        m_vertexDegree = other.m_vertexDegree;
         m_faceEdge = other.m_faceEdge;
         m_faceTag = other.m_faceTag;
         m_freeVertices = other.m_freeVertices;
@@ -57,9 +58,9 @@ std::size_t TopoMesh::getSizeInBytes() const
 {
     return sizeof(*this) + m_edges.capacity() * sizeof(HalfEdge) +
            m_points.capacity() * sizeof(qyLinear::Point) +
-           (m_vertexEdge.capacity() + m_vertexTag.capacity() + m_faceEdge.capacity() +
-            m_faceTag.capacity() + m_freeVertices.capacity() + m_freeEdges.capacity() +
-            m_freeFaces.capacity() + m_scratch.capacity()) *
+           (m_vertexEdge.capacity() + m_vertexTag.capacity() + m_vertexDegree.capacity() +
+            m_faceEdge.capacity() + m_faceTag.capacity() + m_freeVertices.capacity() +
+            m_freeEdges.capacity() + m_freeFaces.capacity() + m_scratch.capacity()) *
                sizeof(int);
 }
 
@@ -68,6 +69,7 @@ void TopoMesh::reserve(int numVertices, int numEdges, int numFaces)
     m_points.reserve(std::size_t(std::max(numVertices, 0)));
     m_vertexEdge.reserve(std::size_t(std::max(numVertices, 0)));
     m_vertexTag.reserve(std::size_t(std::max(numVertices, 0)));
+    m_vertexDegree.reserve(std::size_t(std::max(numVertices, 0)));
     m_edges.reserve(std::size_t(std::max(numEdges, 0)));
     m_faceEdge.reserve(std::size_t(std::max(numFaces, 0)));
     m_faceTag.reserve(std::size_t(std::max(numFaces, 0)));
@@ -79,6 +81,7 @@ void TopoMesh::clear()
     m_points.clear();
     m_vertexEdge.clear();
     m_vertexTag.clear();
+    m_vertexDegree.clear();
     m_faceEdge.clear();
     m_faceTag.clear();
     m_freeVertices.clear();
@@ -103,9 +106,11 @@ int TopoMesh::newVertexSlot()
         m_points.emplace_back();
         m_vertexEdge.push_back(-1);
         m_vertexTag.push_back(-1);
+        m_vertexDegree.push_back(0);
     }
     m_vertexEdge[std::size_t(v)] = -1;
     m_vertexTag[std::size_t(v)] = -1;
+    m_vertexDegree[std::size_t(v)] = 0;
     ++m_numVertices;
     return v;
 }
@@ -152,6 +157,7 @@ void TopoMesh::freeVertex(int v)
 {
     m_vertexEdge[std::size_t(v)] = -2;
     m_vertexTag[std::size_t(v)] = -1;
+    m_vertexDegree[std::size_t(v)] = 0;
     m_freeVertices.push_back(v);
     --m_numVertices;
 }
@@ -199,6 +205,7 @@ TopoMeshVertex TopoMesh::allocVertex(const qyLinear::Point& p)
         m_points.push_back(p);
         m_vertexEdge.push_back(-1);
         m_vertexTag.push_back(-1);
+        m_vertexDegree.push_back(0);
         ++m_numVertices;
         return {this, v};
     }
@@ -271,6 +278,7 @@ TopoMeshFace TopoMesh::buildFace(int n, const int* vertices)
             const int v = vertices[i];
             m_edges.push_back(HalfEdge{v, f, first + (i + 1 == n ? 0 : i + 1),
                                        first + (i == 0 ? n - 1 : i - 1), -1});
+            ++m_vertexDegree[std::size_t(v)];
             int& vertexEdge = m_vertexEdge[std::size_t(v)];
             if (vertexEdge < 0)
                 vertexEdge = first + i;
@@ -291,6 +299,7 @@ TopoMeshFace TopoMesh::buildFace(int n, const int* vertices)
             m_edges[std::size_t(previous)].next = e;
         else
             first = e;
+        ++m_vertexDegree[std::size_t(vertices[i])];
         int& vertexEdge = m_vertexEdge[std::size_t(vertices[i])];
         if (vertexEdge < 0)
             vertexEdge = e;
@@ -607,6 +616,10 @@ bool TopoMesh::swapEdge(TopoMeshEdge edge)
     m_faceEdge[std::size_t(f2)] = t;
     // a and b lost a leaving half-edge; a boundary vertex never leaves by e or t (both have
     // twins), so any other leaving half-edge will do.
+    --m_vertexDegree[std::size_t(a)];
+    --m_vertexDegree[std::size_t(b)];
+    ++m_vertexDegree[std::size_t(c)];
+    ++m_vertexDegree[std::size_t(d)];
     if (m_vertexEdge[std::size_t(a)] == e)
         m_vertexEdge[std::size_t(a)] = t1;
     if (m_vertexEdge[std::size_t(b)] == t)
@@ -634,6 +647,10 @@ TopoMeshFace TopoMesh::deleteVertex(TopoMeshVertex vertex)
         e = m_edges[std::size_t(m_edges[std::size_t(e)].prev)].twin;
     } while (e != s);
     const std::size_t k = spokes.size();
+    // Half-edges of v outside the walked fan (a vertex where several fans meet, or faces added
+    // since the twins were paired) would be left naming a deleted vertex.
+    if (int(k) != m_vertexDegree[std::size_t(v)])
+        return {};
     const std::size_t ringBegin = spokes.size();
     for (std::size_t i = 0; i < k; ++i)
     {
@@ -673,6 +690,7 @@ TopoMeshFace TopoMesh::deleteVertex(TopoMeshVertex vertex)
         // The ring vertex that leaves by the spoke arriving at v leaves by the next border
         // half-edge instead (the one that starts the next face's part of the border).
         const int y = E[in].vertex;
+        --m_vertexDegree[std::size_t(y)];
         if (m_vertexEdge[std::size_t(y)] == in)
             m_vertexEdge[std::size_t(y)] = E[spokes[(i + 1) % k]].next;
     }
@@ -743,6 +761,7 @@ TopoMeshVertex TopoMesh::subdivideFace(TopoMeshFace f, const qyLinear::Point& p,
         const int nextJoined = corners[std::size_t(((i + 1) % m) * stride)];
         E[out] = HalfEdge{w, face, chainBegin, in, -1};
         E[in] = HalfEdge{E[nextJoined].vertex, face, out, chainEnd, -1};
+        ++m_vertexDegree[std::size_t(E[nextJoined].vertex)];
         E[chainBegin].prev = out;
         E[chainEnd].next = in;
         for (int h = chainBegin;; h = E[h].next)
@@ -761,6 +780,7 @@ TopoMeshVertex TopoMesh::subdivideFace(TopoMeshFace f, const qyLinear::Point& p,
         E[nextOut].twin = in;
     }
     m_vertexEdge[std::size_t(w)] = corners[spokeBase];
+    m_vertexDegree[std::size_t(w)] = m;
     return {this, w};
 }
 
@@ -790,6 +810,7 @@ TopoMeshVertex TopoMesh::subdivideEdge(TopoMeshEdge edge, const qyLinear::Point&
         E[t].twin = n;
     }
     m_vertexEdge[std::size_t(w)] = n; // without a twin on the boundary, as it should be
+    m_vertexDegree[std::size_t(w)] = t >= 0 ? 2 : 1;
     return {this, w};
 }
 

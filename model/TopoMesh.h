@@ -240,9 +240,10 @@ private:
 ///
 /// Storage: contiguous arrays indexed by the handles' ints, with a free list per element
 /// kind; there is no heap node per element. A half-edge holds its vertex, face, next, prev
-/// and twin (20 bytes); a vertex its position (3 doubles), one leaving half-edge and a tag;
-/// a face one half-edge and a tag. Deleted slots are reused last-freed first; the element
-/// lists (firstVertex ... nextInList) visit the live slots in index order.
+/// and twin (20 bytes); a vertex its position (3 doubles), one leaving half-edge, its count of
+/// leaving half-edges and a tag; a face one half-edge and a tag. Deleted slots are reused
+/// last-freed first; the element lists (firstVertex ... nextInList) visit the live slots in index
+/// order.
 ///
 /// Building: allocate the vertices, then the faces (any corner count >= 3), then call
 /// meshTwin() to pair the twin half-edges. Every half-edge belongs to a face; a boundary edge
@@ -260,7 +261,8 @@ private:
 ///   around its first fan only: valence, onBoundary, findEdge and the vertex-edge iterator see
 ///   that fan.
 /// - The editing operations refuse (return false or an invalid handle and change nothing)
-///   what they cannot do without breaking those rules; each says when.
+///   what they cannot do without breaking those rules; each says when. deleteVertex refuses
+///   a vertex with half-edges outside its walked fan.
 ///
 /// Threads: one thread at a time may change a mesh; concurrent reads are safe.
 class QYGEOM_API TopoMesh : public qy::ReferenceCount, public qyRTB::Entity
@@ -354,7 +356,7 @@ public:
     /// Removes an interior vertex, its spokes and its faces, and fills the hole with one
     /// face over the ring of neighbours, which it returns (it keeps the slot and tag of one
     /// removed face). Refused (invalid result, nothing changed): a boundary vertex, one used
-    /// by no face, or one whose ring names a vertex twice.
+    /// by no face, one with faces outside its fan, or one whose ring names a vertex twice.
     TopoMeshFace deleteVertex(TopoMeshVertex v);
     /// Splits f into one face per corner around a new vertex at p joined to every corner;
     /// returns the vertex. The first new face keeps f's slot and tag. Invalid (nothing
@@ -393,6 +395,8 @@ public:
     int getVertexEdge(int v) const { return m_vertexEdge[std::size_t(v)]; }
     int getVertexTag(int v) const { return m_vertexTag[std::size_t(v)]; }
     void setVertexTag(int v, int tag) { m_vertexTag[std::size_t(v)] = tag; }
+    /// Number of half-edges leaving v (all its fans).
+    int getVertexDegree(int v) const { return m_vertexDegree[std::size_t(v)]; }
     const HalfEdge& getHalfEdge(int e) const { return m_edges[std::size_t(e)]; }
     int getFaceEdge(int f) const { return m_faceEdge[std::size_t(f)]; }
     int getFaceTag(int f) const { return m_faceTag[std::size_t(f)]; }
@@ -419,7 +423,8 @@ private:
     std::vector<qyLinear::Point> m_points;
     std::vector<int> m_vertexEdge; ///< a leaving half-edge; -1 isolated; -2 free slot
     std::vector<int> m_vertexTag;
-    std::vector<int> m_faceEdge; ///< -1 in a free slot
+    std::vector<int> m_vertexDegree; ///< half-edges leaving the vertex
+    std::vector<int> m_faceEdge;     ///< -1 in a free slot
     std::vector<int> m_faceTag;
     std::vector<int> m_freeVertices, m_freeEdges, m_freeFaces;
     std::vector<int> m_scratch; ///< reused by the edits, so that they rarely allocate

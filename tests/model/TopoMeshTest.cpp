@@ -37,13 +37,16 @@ void build(TopoMesh& topo, const CompactMesh& mesh)
     topo.meshTwin();
 }
 
-// Every structural rule the edits must keep; returns the number of boundary half-edges.
-int checkInvariants(TopoMesh& mesh)
+// Every structural rule the edits must keep; returns the number of boundary half-edges. On a
+// manifold mesh the walk around each vertex must also reach all its leaving half-edges.
+int checkInvariants(TopoMesh& mesh, bool manifold = true)
 {
     int vertices = 0, edges = 0, faces = 0, boundary = 0;
+    std::map<int, int> leaving;
     for (TopoMeshEdge e = mesh.firstEdge(); e; e = e.nextInList())
     {
         ++edges;
+        ++leaving[e.vertex().getIndex()];
         EXPECT_EQ(e.next().prev(), e);
         EXPECT_EQ(e.prev().next(), e);
         EXPECT_EQ(e.next().face(), e.face());
@@ -68,17 +71,26 @@ int checkInvariants(TopoMesh& mesh)
     for (TopoMeshVertex v = mesh.firstVertex(); v; v = v.nextInList())
     {
         ++vertices;
+        EXPECT_EQ(mesh.getVertexDegree(v.getIndex()), leaving[v.getIndex()]);
         if (!v.edge())
+        {
+            EXPECT_EQ(leaving[v.getIndex()], 0);
             continue;
+        }
         EXPECT_EQ(v.edge().vertex(), v);
-        // The walk covers every half-edge leaving v (the meshes here are manifold).
-        int leaving = 0;
+        int walked = 0, spokes = 0;
         for (TopoMeshEdgeVertexIterator it(v); it.valid(); it.next())
-            leaving += it.edge().vertex() == v;
-        int expected = 0;
-        for (TopoMeshEdge e = mesh.firstEdge(); e; e = e.nextInList())
-            expected += e.vertex() == v;
-        EXPECT_EQ(leaving, expected);
+        {
+            walked += it.edge().vertex() == v;
+            ++spokes;
+        }
+        EXPECT_EQ(spokes, v.valence());
+        if (manifold)
+        {
+            EXPECT_EQ(walked, leaving[v.getIndex()]);
+        }
+        else
+            EXPECT_LE(walked, leaving[v.getIndex()]);
     }
     EXPECT_EQ(vertices, mesh.getNumVertices());
     EXPECT_EQ(edges, mesh.getNumEdges());
@@ -475,6 +487,72 @@ TEST(TopoMesh, BoundaryLoopsAndComponents)
     qyGeom::meshComputeBoundary(closed, loops);
     EXPECT_TRUE(loops.empty());
     EXPECT_EQ(qyGeom::meshComponents(closed), 1);
+}
+
+TEST(TopoMesh, RandomFaceListsAndEditsKeepTheStructureSound)
+{
+    // Random polygons over few vertices: repeated corners, edges of many faces, faces running
+    // an edge the same way, vertices where several fans meet. Whatever is accepted, and
+    // whatever the edits then do, must leave a sound structure.
+    std::mt19937 random(11);
+    auto pick = [&](int n) { return int(random() % unsigned(n)); };
+    int refused = 0, edits = 0;
+    for (int round = 0; round < 30; ++round)
+    {
+        TopoMesh mesh;
+        for (int i = 0; i < 14; ++i)
+            mesh.allocVertex(pick(100), pick(100), pick(100));
+        for (int f = 0; f < 40; ++f)
+        {
+            int corners[5];
+            const int n = 3 + pick(3);
+            for (int k = 0; k < n; ++k)
+                corners[k] = pick(14);
+            refused += !mesh.allocFace(n, corners);
+        }
+        mesh.meshTwin();
+        checkInvariants(mesh, false);
+        for (int step = 0; step < 200; ++step)
+        {
+            const qyLinear::Point p(pick(100), pick(100), pick(100));
+            switch (pick(6))
+            {
+            case 0:
+                edits += mesh.swapEdge(mesh.edge(pick(mesh.getEdgeCapacity())));
+                break;
+            case 1:
+                edits += bool(mesh.deleteVertex(mesh.vertex(pick(mesh.getVertexCapacity()))));
+                break;
+            case 2:
+                if (const TopoMeshFace f = mesh.face(pick(mesh.getFaceCapacity())); mesh.isAlive(f))
+                    edits += bool(mesh.subdivideFace(f, p));
+                break;
+            case 3:
+                if (const TopoMeshEdge e = mesh.edge(pick(mesh.getEdgeCapacity())); mesh.isAlive(e))
+                    edits += bool(mesh.subdivideEdge(e, p));
+                break;
+            case 4:
+            {
+                const int corners[3] = {pick(mesh.getVertexCapacity()),
+                                        pick(mesh.getVertexCapacity()),
+                                        pick(mesh.getVertexCapacity())};
+                edits += bool(mesh.allocFace(3, corners));
+                break;
+            }
+            default:
+                mesh.meshTwin();
+                break;
+            }
+            if (step % 20 == 19)
+                checkInvariants(mesh, false);
+        }
+        checkInvariants(mesh, false);
+        qy::vector<qy::vector<TopoMeshEdge>> loops;
+        qyGeom::meshComputeBoundary(mesh, loops);
+        qyGeom::meshComponents(mesh);
+    }
+    EXPECT_GT(refused, 100);
+    EXPECT_GT(edits, 1000);
 }
 
 } // namespace
