@@ -197,8 +197,9 @@ bool TopoMesh::isAlive(TopoMeshFace f) const
 
 // Building ---------------------------------------------------------------------------------
 
-TopoMeshVertex TopoMesh::allocVertex(const qyLinear::Point& p)
+TopoMeshVertex TopoMesh::allocVertex(const qyLinear::Point& point)
 {
+    const qyLinear::Point p = point; // it may be one of this mesh's points
     if (m_freeVertices.empty())
     {
         const int v = int(m_vertexEdge.size());
@@ -719,9 +720,10 @@ TopoMeshVertex TopoMesh::subdivideFace(TopoMeshFace f, const qyLinear::Point& p)
     return subdivideFace(f, p, f.edge(), 1);
 }
 
-TopoMeshVertex TopoMesh::subdivideFace(TopoMeshFace f, const qyLinear::Point& p, TopoMeshEdge first,
-                                       int stride)
+TopoMeshVertex TopoMesh::subdivideFace(TopoMeshFace f, const qyLinear::Point& point,
+                                       TopoMeshEdge first, int stride)
 {
+    const qyLinear::Point p = point; // it may be one of this mesh's points
     if (!isAlive(f) || !isAlive(first) || stride < 1 ||
         m_edges[std::size_t(first.getIndex())].face != f.getIndex())
         return {};
@@ -784,8 +786,9 @@ TopoMeshVertex TopoMesh::subdivideFace(TopoMeshFace f, const qyLinear::Point& p,
     return {this, w};
 }
 
-TopoMeshVertex TopoMesh::subdivideEdge(TopoMeshEdge edge, const qyLinear::Point& p)
+TopoMeshVertex TopoMesh::subdivideEdge(TopoMeshEdge edge, const qyLinear::Point& point)
 {
+    const qyLinear::Point p = point; // it may be one of this mesh's points
     if (!isAlive(edge))
         return {};
     const int e = edge.getIndex();

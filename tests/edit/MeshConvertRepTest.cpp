@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <map>
 #include <memory>
+#include <random>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -264,6 +265,79 @@ TEST(MeshModifyRep, NewVerticesAppendAndARimVertexThatLeavesTakesItsTriangles)
     EXPECT_EQ(mesh.getNumTriangles(), before - 4); // its six triangles, two of them in the region
     double area;
     checkFlatManifold(mesh, area);
+}
+
+TEST(MeshModifyRep, HostileMeshesSurviveRandomEditsAndMerges)
+{
+    // Every catalogue mesh (non-manifold edges, repeated indices, flipped faces, isolated
+    // vertices ...) plus out-of-range indices, wholly selected, edited at random and merged:
+    // the result names only existing vertices, except the bad triangles left untouched.
+    std::mt19937 random(5);
+    auto pick = [&](int n) { return n > 0 ? int(random() % unsigned(n)) : 0; };
+    std::vector<qyTest::TestMesh> meshes = qyTest::testMeshes::all();
+    meshes.push_back({"torus", qyTest::makeTorus(6, 5)});
+    meshes.push_back({"bad indices", qyTest::makeMesh({0, 0, 0, 1, 0, 0, 0, 1, 0, 1, 1, 0},
+                                                      {0, 1, 2, 1, 3, 2, 2, 3, 7, -4, 0, 1})});
+    for (auto& [name, source] : meshes)
+    {
+        SCOPED_TRACE(name);
+        for (int round = 0; round < 5; ++round)
+        {
+            CompactMesh mesh = source;
+            MeshAdjTris adj;
+            meshAdjTris(mesh, adj);
+            mesh.getSelectedTriangles().resize(mesh.getNumTriangles());
+            mesh.getSelectedTriangles().setAllBits();
+            mesh.getSelectedVertices().resize(mesh.getNumVertices());
+            mesh.getSelectedVertices().setAllBits();
+            MeshModifyRep rep(mesh, adj);
+            TopoMesh& topo = rep.getTopoMesh();
+            for (int step = 0; step < 30; ++step)
+            {
+                switch (pick(4))
+                {
+                case 0:
+                    topo.swapEdge(topo.edge(pick(topo.getEdgeCapacity())));
+                    break;
+                case 1:
+                {
+                    const TopoMeshVertex v = topo.vertex(pick(topo.getVertexCapacity()));
+                    if (topo.isAlive(v))
+                    {
+                        rep.removeVertex(v);
+                        topo.deleteVertex(v);
+                    }
+                    break;
+                }
+                case 2:
+                    if (const TopoMeshFace f = topo.face(pick(topo.getFaceCapacity()));
+                        topo.isAlive(f))
+                        topo.subdivideFace(f, f.centroid());
+                    break;
+                default:
+                    if (const TopoMeshEdge e = topo.edge(pick(topo.getEdgeCapacity()));
+                        topo.isAlive(e))
+                        topo.subdivideEdge(e, e.vertex().point());
+                    break;
+                }
+            }
+            Remap remap;
+            const int oldVerts = mesh.getNumVertices();
+            rep.merge(remap, 0);
+            EXPECT_EQ(remap.getDomainSize(), oldVerts);
+            int bad = 0; // triangles naming a vertex that does not exist
+            for (int t = 0; t < mesh.getNumTriangles(); ++t)
+            {
+                const MeshTriangle& tri = mesh.getTriangles()[t];
+                bool ok = true;
+                for (int k = 0; k < 3; ++k)
+                    ok = ok && unsigned(tri[k]) < unsigned(mesh.getNumVertices());
+                bad += !ok;
+            }
+            EXPECT_LE(bad, name == "bad indices" ? 2 : 0);
+            EXPECT_EQ(mesh.getSelectedTriangles().size(), mesh.getNumTriangles());
+        }
+    }
 }
 
 } // namespace

@@ -263,6 +263,20 @@ TEST(TopoMesh, SwapEdgeInteriorAndRefusals)
     quads.allocQuad(quads.vertex(1), quads.vertex(2), quads.vertex(5), quads.vertex(4));
     quads.meshTwin();
     EXPECT_FALSE(quads.swapEdge(quads.findEdge(quads.vertex(1), quads.vertex(4))));
+
+    // The notification reaches the mesh's observers with its type.
+    int seen = -1;
+    const TopoMesh* from = nullptr;
+    qyRTB::ScopedConnection connection = grid.getModifiedSignal().connect(
+        [&](const qyRTB::EntityModification& m)
+        {
+            const auto& record = dynamic_cast<const qyGeom::TopoMeshModification&>(m);
+            seen = record.getType();
+            from = record.getMesh();
+        });
+    grid.modified(qyGeom::TopoMeshModification(grid, 1));
+    EXPECT_EQ(seen, 1);
+    EXPECT_EQ(from, &grid);
 }
 
 TEST(TopoMesh, RandomSwapsKeepTheStructure)
