@@ -499,20 +499,76 @@ int TopoMesh::fanStart(int v) const
 
 int TopoMesh::vertexValence(int v) const
 {
-    const int s = fanStart(v);
-    if (s < 0)
+    bool boundary;
+    return fanValence(v, boundary);
+}
+
+int TopoMesh::fanValence(int v, bool& boundary) const
+{
+    boundary = false;
+    if (v < 0 || v >= getVertexCapacity())
         return 0;
-    int count = 0, e = s;
+    const int first = m_vertexEdge[std::size_t(v)];
+    if (first < 0)
+        return 0;
+    // Backwards from the vertex's half-edge: an interior fan closes after `valence` steps, so
+    // one walk both finds the fan's start and counts it; a boundary fan is counted forwards
+    // from its start (where the vertex's half-edge already is, normally).
+    int count = 0, e = first;
+    for (;;)
+    {
+        const int t = m_edges[std::size_t(e)].twin;
+        if (t < 0)
+            break;
+        ++count;
+        e = m_edges[std::size_t(t)].next;
+        if (e == first)
+            return count;
+    }
+    boundary = true;
+    count = 0;
     for (;;)
     {
         ++count;
         const int t = m_edges[std::size_t(m_edges[std::size_t(e)].prev)].twin;
         if (t < 0)
             return count + 1;
-        if (t == s)
-            return count;
         e = t;
     }
+}
+
+bool TopoMesh::isNeighbour(int a, int b) const
+{
+    const int first = m_vertexEdge[std::size_t(a)];
+    if (first < 0)
+        return false;
+    // Forwards from a's half-edge, then, if the fan is open, backwards from it: every spoke
+    // once, without first looking for the fan's start.
+    int e = first;
+    for (;;)
+    {
+        const HalfEdge& h = m_edges[std::size_t(e)];
+        if (m_edges[std::size_t(h.next)].vertex == b)
+            return true;
+        const int in = h.prev;
+        const int t = m_edges[std::size_t(in)].twin;
+        if (t < 0)
+        {
+            if (m_edges[std::size_t(in)].vertex == b)
+                return true;
+            break;
+        }
+        if (t == first)
+            return false;
+        e = t;
+    }
+    for (int t = m_edges[std::size_t(first)].twin; t >= 0; t = m_edges[std::size_t(e)].twin)
+    {
+        e = m_edges[std::size_t(t)].next;
+        if (m_edges[std::size_t(m_edges[std::size_t(e)].next)].vertex == b)
+            return true;
+    }
+    return false;
 }
 
 bool TopoMesh::vertexOnBoundary(int v) const
@@ -630,11 +686,11 @@ bool TopoMesh::swapEdge(TopoMeshEdge edge)
         return false;
     for (const int v : {a, b})
     {
-        const int valence = vertexValence(v);
-        if (valence <= (vertexOnBoundary(v) ? 2 : 3))
+        bool boundary;
+        if (fanValence(v, boundary) <= (boundary ? 2 : 3))
             return false;
     }
-    if (findEdge({this, c}, {this, d}) || findEdge({this, d}, {this, c}))
+    if (isNeighbour(c, d))
         return false;
 
     const int f1 = E[e].face, f2 = E[t].face;
@@ -875,7 +931,11 @@ TopoMeshEdgeVertexIterator::TopoMeshEdgeVertexIterator(TopoMeshVertex v)
         return;
     m_start = m_mesh->fanStart(m_vertex);
     m_current = m_start;
-    m_remaining = m_mesh->vertexValence(m_vertex);
+    // The spoke count without another walk: an interior fan has one spoke per leaving
+    // half-edge, a boundary fan one more. (A vertex with several fans ends its walk at the
+    // fan's end well before this bound.)
+    if (m_start >= 0)
+        m_remaining = m_mesh->getVertexDegree(m_vertex) + (m_mesh->getHalfEdge(m_start).twin < 0);
 }
 
 TopoMeshVertex TopoMeshEdgeVertexIterator::otherVertex() const

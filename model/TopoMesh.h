@@ -409,6 +409,10 @@ public:
     bool vertexOnBoundary(int v) const;
     /// The leaving half-edge of v from which the walk around v covers its whole fan.
     int fanStart(int v) const;
+    /// vertexValence, also telling whether the fan is open (one walk).
+    int fanValence(int v, bool& boundary) const;
+    /// True when b is at the far end of a spoke of a (in a's fan).
+    bool isNeighbour(int a, int b) const;
 
 private:
     int newVertexSlot();
