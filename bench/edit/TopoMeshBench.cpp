@@ -152,3 +152,14 @@ BENCHMARK(BM_TopoMeshSwapSweep)->UseRealTime()->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_MeshDuplicateTris)->UseRealTime()->Unit(benchmark::kMillisecond);
 
 } // namespace
+
+int main(int argc, char** argv)
+{
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv))
+        return 1;
+    benchmark::AddCustomContext("mesh", "UV sphere 500 x 1000 (998,000 triangles)");
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    return 0;
+}
