@@ -60,7 +60,8 @@ TopoMesh::TopoMesh(const TopoMesh& other)
       m_vertexDegree(other.m_vertexDegree), m_faceEdge(other.m_faceEdge),
       m_faceTag(other.m_faceTag), m_freeVertices(other.m_freeVertices),
       m_freeEdges(other.m_freeEdges), m_freeFaces(other.m_freeFaces),
-      m_numVertices(other.m_numVertices), m_numEdges(other.m_numEdges), m_numFaces(other.m_numFaces)
+      m_numVertices(other.m_numVertices), m_numEdges(other.m_numEdges),
+      m_numFaces(other.m_numFaces), m_fanStartsKnown(other.m_fanStartsKnown)
 {
 }
 
@@ -81,6 +82,7 @@ TopoMesh& TopoMesh::operator=(const TopoMesh& other)
         m_numVertices = other.m_numVertices;
         m_numEdges = other.m_numEdges;
         m_numFaces = other.m_numFaces;
+        m_fanStartsKnown = other.m_fanStartsKnown;
     }
     return *this;
 }
@@ -123,6 +125,7 @@ void TopoMesh::clear()
     m_freeEdges.clear();
     m_freeFaces.clear();
     m_numVertices = m_numEdges = m_numFaces = 0;
+    m_fanStartsKnown = true;
 }
 
 // Slots ------------------------------------------------------------------------------------
@@ -304,6 +307,8 @@ TopoMeshFace TopoMesh::buildFace(int n, const int* vertices)
             return {};
     }
 
+    // The new half-edges have no twins yet: a vertex's half-edge may no longer start its fan.
+    m_fanStartsKnown = false;
     const int f = newFaceSlot();
     if (m_freeEdges.empty())
     {
@@ -425,6 +430,7 @@ void TopoMesh::meshTwin()
                 m_vertexEdge[std::size_t(v)] = bucket[std::size_t(k)].edge;
                 break;
             }
+    m_fanStartsKnown = true;
 }
 
 // Iteration --------------------------------------------------------------------------------
@@ -483,8 +489,8 @@ int TopoMesh::fanStart(int v) const
     if (v < 0 || v >= getVertexCapacity())
         return -1;
     const int first = m_vertexEdge[std::size_t(v)];
-    if (first < 0)
-        return -1;
+    if (first < 0 || m_fanStartsKnown)
+        return first;
     int e = first;
     for (;;)
     {
@@ -936,30 +942,6 @@ TopoMeshEdgeVertexIterator::TopoMeshEdgeVertexIterator(TopoMeshVertex v)
     // fan's end well before this bound.)
     if (m_start >= 0)
         m_remaining = m_mesh->getVertexDegree(m_vertex) + (m_mesh->getHalfEdge(m_start).twin < 0);
-}
-
-TopoMeshVertex TopoMeshEdgeVertexIterator::otherVertex() const
-{
-    const TopoMeshEdge e = edge();
-    return e.vertex().getIndex() == m_vertex ? e.endVertex() : e.vertex();
-}
-
-void TopoMeshEdgeVertexIterator::next()
-{
-    if (m_current < 0)
-        return;
-    const TopoMesh::HalfEdge& h = m_mesh->getHalfEdge(m_current);
-    if (--m_remaining <= 0 || h.vertex != m_vertex)
-    {
-        m_current = -1;
-        return;
-    }
-    const int in = h.prev;
-    const int t = m_mesh->getHalfEdge(in).twin;
-    if (t < 0)
-        m_current = in; // the last spoke of a boundary vertex arrives at it
-    else
-        m_current = t == m_start ? -1 : t;
 }
 
 TopoMeshBoundaryIterator::TopoMeshBoundaryIterator(TopoMeshEdge start) : m_mesh(start.getMesh())

@@ -433,6 +433,9 @@ private:
     std::vector<int> m_freeVertices, m_freeEdges, m_freeFaces;
     std::vector<int> m_scratch; ///< reused by the edits, so that they rarely allocate
     int m_numVertices = 0, m_numEdges = 0, m_numFaces = 0;
+    /// True while every vertex's half-edge is the start of its fan (its leaving boundary
+    /// half-edge when it has one): set by meshTwin, kept by the edits, cleared by allocFace.
+    bool m_fanStartsKnown = true;
 };
 
 /// Pairs the twin half-edges of a mesh after its faces were allocated (TopoMesh::meshTwin).
@@ -458,8 +461,8 @@ public:
     TopoMeshEdge edge() const { return {m_mesh, m_current}; }
     TopoMeshEdge operator*() const { return edge(); }
     /// The far end of the current spoke.
-    TopoMeshVertex otherVertex() const;
-    void next();
+    inline TopoMeshVertex otherVertex() const;
+    inline void next();
     TopoMeshEdgeVertexIterator& operator++()
     {
         next();
@@ -575,6 +578,30 @@ inline TopoMeshEdge TopoMeshEdge::nextInList() const
 {
     const int e = m_mesh->nextEdgeIndex(m_index);
     return e >= 0 ? TopoMeshEdge(m_mesh, e) : TopoMeshEdge();
+}
+
+inline TopoMeshVertex TopoMeshEdgeVertexIterator::otherVertex() const
+{
+    const TopoMesh::HalfEdge& h = m_mesh->getHalfEdge(m_current);
+    return {m_mesh, h.vertex == m_vertex ? m_mesh->getHalfEdge(h.next).vertex : h.vertex};
+}
+
+inline void TopoMeshEdgeVertexIterator::next()
+{
+    if (m_current < 0)
+        return;
+    const TopoMesh::HalfEdge& h = m_mesh->getHalfEdge(m_current);
+    if (--m_remaining <= 0 || h.vertex != m_vertex)
+    {
+        m_current = -1;
+        return;
+    }
+    const int in = h.prev;
+    const int t = m_mesh->getHalfEdge(in).twin;
+    if (t < 0)
+        m_current = in; // the last spoke of a boundary vertex arrives at it
+    else
+        m_current = t == m_start ? -1 : t;
 }
 
 inline TopoMeshEdge TopoMeshFace::edge() const
