@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <memory>
+#include <utility>
 
 #if defined(__linux__)
 #include <sys/mman.h>
@@ -54,21 +55,23 @@ TopoMeshModification::~TopoMeshModification() = default;
 
 TopoMesh::TopoMesh() = default;
 
-TopoMesh::TopoMesh(const TopoMesh& other)
-    : qy::ReferenceCount(other), qyRTB::Entity(other), m_edges(other.m_edges),
-      m_points(other.m_points), m_vertexEdge(other.m_vertexEdge), m_vertexTag(other.m_vertexTag),
-      m_vertexDegree(other.m_vertexDegree), m_faceEdge(other.m_faceEdge),
-      m_faceTag(other.m_faceTag), m_freeVertices(other.m_freeVertices),
-      m_freeEdges(other.m_freeEdges), m_freeFaces(other.m_freeFaces),
-      m_numVertices(other.m_numVertices), m_numEdges(other.m_numEdges),
-      m_numFaces(other.m_numFaces), m_fanStartsKnown(other.m_fanStartsKnown)
+TopoMesh::TopoMesh(const TopoMesh& other) : qy::ReferenceCount(other), qyRTB::Entity(other)
 {
+    *this = other;
+}
+
+TopoMesh::TopoMesh(TopoMesh&& other) noexcept : qy::ReferenceCount(), qyRTB::Entity()
+{
+    *this = std::move(other);
 }
 
 TopoMesh& TopoMesh::operator=(const TopoMesh& other)
 {
     if (this != &other)
     {
+        // Room first, so that a large copy gets huge pages like a large build.
+        reserve(int(other.m_points.size()), int(other.m_edges.size()),
+                int(other.m_faceEdge.size()));
         m_edges = other.m_edges;
         m_points = other.m_points;
         m_vertexEdge = other.m_vertexEdge;
@@ -83,6 +86,29 @@ TopoMesh& TopoMesh::operator=(const TopoMesh& other)
         m_numEdges = other.m_numEdges;
         m_numFaces = other.m_numFaces;
         m_fanStartsKnown = other.m_fanStartsKnown;
+    }
+    return *this;
+}
+
+TopoMesh& TopoMesh::operator=(TopoMesh&& other) noexcept
+{
+    if (this != &other)
+    {
+        m_edges = std::move(other.m_edges);
+        m_points = std::move(other.m_points);
+        m_vertexEdge = std::move(other.m_vertexEdge);
+        m_vertexTag = std::move(other.m_vertexTag);
+        m_vertexDegree = std::move(other.m_vertexDegree);
+        m_faceEdge = std::move(other.m_faceEdge);
+        m_faceTag = std::move(other.m_faceTag);
+        m_freeVertices = std::move(other.m_freeVertices);
+        m_freeEdges = std::move(other.m_freeEdges);
+        m_freeFaces = std::move(other.m_freeFaces);
+        m_numVertices = other.m_numVertices;
+        m_numEdges = other.m_numEdges;
+        m_numFaces = other.m_numFaces;
+        m_fanStartsKnown = other.m_fanStartsKnown;
+        other.clear();
     }
     return *this;
 }
