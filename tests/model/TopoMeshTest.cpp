@@ -452,6 +452,11 @@ TEST(TopoMesh, HandlesAreOrderedAndHashable)
     EXPECT_NE(copy.vertex(0), mesh.vertex(0));
     EXPECT_EQ(copy.vertex(0).point(), mesh.vertex(0).point());
     EXPECT_EQ(checkInvariants(copy), 0);
+    TopoMesh moved(std::move(copy));
+    EXPECT_EQ(copy.getNumFaces(), 0);
+    EXPECT_FALSE(copy.firstEdge());
+    EXPECT_EQ(moved.getNumFaces(), 12);
+    EXPECT_EQ(checkInvariants(moved), 0);
 
     qy::vector<TopoMeshEntity> adjacent;
     mesh.getAdjacentEntities(mesh.vertex(0), adjacent);
