@@ -258,8 +258,10 @@ private:
 ///   in its direction. Edges of three or more faces (non-manifold) and edges run the same way
 ///   by two faces (inconsistent orientation) stay unpaired: each of their half-edges is a
 ///   boundary half-edge. A vertex where several fans meet (a non-manifold vertex) is walked
-///   around its first fan only: valence, onBoundary, findEdge and the vertex-edge iterator see
-///   that fan.
+///   around one fan only (an open one when it has one): valence, onBoundary, findEdge and the
+///   vertex-edge iterator see that fan.
+/// - Faces allocated after meshTwin() stay unpaired until it runs again: call it again before
+///   walking or editing around them.
 /// - The editing operations refuse (return false or an invalid handle and change nothing)
 ///   what they cannot do without breaking those rules; each says when. deleteVertex refuses
 ///   a vertex with half-edges outside its walked fan.
