@@ -241,24 +241,6 @@ void TopoMesh::freeFace(int f)
     --m_numFaces;
 }
 
-bool TopoMesh::isAlive(TopoMeshVertex v) const
-{
-    return v.getMesh() == this && v.getIndex() >= 0 && v.getIndex() < getVertexCapacity() &&
-           m_vertexEdge[std::size_t(v.getIndex())] != -2;
-}
-
-bool TopoMesh::isAlive(TopoMeshEdge e) const
-{
-    return e.getMesh() == this && e.getIndex() >= 0 && e.getIndex() < getEdgeCapacity() &&
-           m_edges[std::size_t(e.getIndex())].vertex >= 0;
-}
-
-bool TopoMesh::isAlive(TopoMeshFace f) const
-{
-    return f.getMesh() == this && f.getIndex() >= 0 && f.getIndex() < getFaceCapacity() &&
-           m_faceEdge[std::size_t(f.getIndex())] >= 0;
-}
-
 // Building ---------------------------------------------------------------------------------
 
 TopoMeshVertex TopoMesh::allocVertex(const qyLinear::Point& point)
@@ -461,33 +443,6 @@ void TopoMesh::meshTwin()
 
 // Iteration --------------------------------------------------------------------------------
 
-int TopoMesh::nextVertexIndex(int v) const
-{
-    const int n = getVertexCapacity();
-    for (int i = std::max(v + 1, 0); i < n; ++i)
-        if (m_vertexEdge[std::size_t(i)] != -2)
-            return i;
-    return -1;
-}
-
-int TopoMesh::nextEdgeIndex(int e) const
-{
-    const int n = getEdgeCapacity();
-    for (int i = std::max(e + 1, 0); i < n; ++i)
-        if (m_edges[std::size_t(i)].vertex >= 0)
-            return i;
-    return -1;
-}
-
-int TopoMesh::nextFaceIndex(int f) const
-{
-    const int n = getFaceCapacity();
-    for (int i = std::max(f + 1, 0); i < n; ++i)
-        if (m_faceEdge[std::size_t(i)] >= 0)
-            return i;
-    return -1;
-}
-
 TopoMeshVertex TopoMesh::firstVertex()
 {
     const int v = nextVertexIndex(-1);
@@ -510,13 +465,8 @@ TopoMeshFace TopoMesh::firstFace()
 // twin(prev(e)), the previous one next(twin(e)). Both maps are one-to-one, so a walk either
 // stops at a missing twin or comes back to where it began; it cannot circle forever.
 
-int TopoMesh::fanStart(int v) const
+int TopoMesh::searchFanStart(int first) const
 {
-    if (v < 0 || v >= getVertexCapacity())
-        return -1;
-    const int first = m_vertexEdge[std::size_t(v)];
-    if (first < 0 || m_fanStartsKnown)
-        return first;
     int e = first;
     for (;;)
     {
@@ -955,20 +905,6 @@ void TopoMesh::modified(const TopoMeshModification& modification)
 }
 
 // Iterators --------------------------------------------------------------------------------
-
-TopoMeshEdgeVertexIterator::TopoMeshEdgeVertexIterator(TopoMeshVertex v)
-    : m_mesh(v.getMesh()), m_vertex(v.getIndex())
-{
-    if (!m_mesh || !m_mesh->isAlive(v))
-        return;
-    m_start = m_mesh->fanStart(m_vertex);
-    m_current = m_start;
-    // The spoke count without another walk: an interior fan has one spoke per leaving
-    // half-edge, a boundary fan one more. (A vertex with several fans ends its walk at the
-    // fan's end well before this bound.)
-    if (m_start >= 0)
-        m_remaining = m_mesh->getVertexDegree(m_vertex) + (m_mesh->getHalfEdge(m_start).twin < 0);
-}
 
 TopoMeshBoundaryIterator::TopoMeshBoundaryIterator(TopoMeshEdge start) : m_mesh(start.getMesh())
 {

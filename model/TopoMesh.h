@@ -416,13 +416,18 @@ public:
     int vertexValence(int v) const;
     bool vertexOnBoundary(int v) const;
     /// The leaving half-edge of v from which the walk around v covers its whole fan.
-    int fanStart(int v) const;
+    int fanStart(int v) const
+    {
+        const int first = unsigned(v) < unsigned(getVertexCapacity()) ? getVertexEdge(v) : -1;
+        return first < 0 || m_fanStartsKnown ? first : searchFanStart(first);
+    }
     /// vertexValence, also telling whether the fan is open (one walk).
     int fanValence(int v, bool& boundary) const;
     /// True when b is at the far end of a spoke of a (in a's fan).
     bool isNeighbour(int a, int b) const;
 
 private:
+    int searchFanStart(int first) const;
     int newVertexSlot();
     int newEdgeSlot();
     int newFaceSlot();
@@ -463,7 +468,7 @@ inline void meshTwin(TopoMesh& mesh)
 class QYGEOM_API TopoMeshEdgeVertexIterator
 {
 public:
-    explicit TopoMeshEdgeVertexIterator(TopoMeshVertex v);
+    inline explicit TopoMeshEdgeVertexIterator(TopoMeshVertex v);
 
     bool valid() const { return m_current >= 0; }
     TopoMeshEdge edge() const { return {m_mesh, m_current}; }
@@ -511,6 +516,65 @@ private:
 };
 
 // Inline handle operations ----------------------------------------------------------------
+
+inline bool TopoMesh::isAlive(TopoMeshVertex v) const
+{
+    return v.getMesh() == this && v.getIndex() >= 0 && v.getIndex() < getVertexCapacity() &&
+           m_vertexEdge[std::size_t(v.getIndex())] != -2;
+}
+
+inline bool TopoMesh::isAlive(TopoMeshEdge e) const
+{
+    return e.getMesh() == this && e.getIndex() >= 0 && e.getIndex() < getEdgeCapacity() &&
+           m_edges[std::size_t(e.getIndex())].vertex >= 0;
+}
+
+inline bool TopoMesh::isAlive(TopoMeshFace f) const
+{
+    return f.getMesh() == this && f.getIndex() >= 0 && f.getIndex() < getFaceCapacity() &&
+           m_faceEdge[std::size_t(f.getIndex())] >= 0;
+}
+
+inline int TopoMesh::nextVertexIndex(int v) const
+{
+    const int n = getVertexCapacity();
+    for (int i = std::max(v + 1, 0); i < n; ++i)
+        if (m_vertexEdge[std::size_t(i)] != -2)
+            return i;
+    return -1;
+}
+
+inline int TopoMesh::nextEdgeIndex(int e) const
+{
+    const int n = getEdgeCapacity();
+    for (int i = std::max(e + 1, 0); i < n; ++i)
+        if (m_edges[std::size_t(i)].vertex >= 0)
+            return i;
+    return -1;
+}
+
+inline int TopoMesh::nextFaceIndex(int f) const
+{
+    const int n = getFaceCapacity();
+    for (int i = std::max(f + 1, 0); i < n; ++i)
+        if (m_faceEdge[std::size_t(i)] >= 0)
+            return i;
+    return -1;
+}
+
+inline TopoMeshEdgeVertexIterator::TopoMeshEdgeVertexIterator(TopoMeshVertex v)
+    : m_mesh(v.getMesh()), m_vertex(v.getIndex())
+{
+    if (!m_mesh || !m_mesh->isAlive(v))
+        return;
+    m_start = m_mesh->fanStart(m_vertex);
+    m_current = m_start;
+    // The spoke count without another walk: an interior fan has one spoke per leaving
+    // half-edge, a boundary fan one more. (A vertex with several fans ends its walk at the
+    // fan's end well before this bound.)
+    if (m_start >= 0)
+        m_remaining = m_mesh->getVertexDegree(m_vertex) + (m_mesh->getHalfEdge(m_start).twin < 0);
+}
 
 inline const qyLinear::Point& TopoMeshVertex::point() const
 {
