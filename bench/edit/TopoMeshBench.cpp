@@ -1,0 +1,165 @@
+// The half-edge mesh on a large UV sphere (998,000 triangles, poles of valence 1000): build
+// from the indexed mesh, one-ring walks, an edge-swap sweep, duplicate-triangle search.
+// "bytes/tri" is the memory of the built TopoMesh per triangle.
+#include "model/TopoMesh.h"
+
+#include <benchmark/benchmark.h>
+
+#include "model/CompactMesh.h"
+#include "model/MeshAdjacency.h"
+#include "qyGeom/meshAdjacency.h"
+#include "qyGeom/meshDuplicateTris.h"
+#include "testMeshes.h"
+
+namespace
+{
+
+using namespace qyGeom;
+
+const CompactMesh& uvSphere()
+{
+    static const CompactMesh mesh = qyTest::makeUVSphere(500, 1000);
+    return mesh;
+}
+
+// Vertices, then faces over the raw triangle indices, then twins: what a reader does.
+void buildTopo(const CompactMesh& mesh, TopoMesh& topo)
+{
+    const int numVerts = mesh.getNumVertices(), numTris = mesh.getNumTriangles();
+    topo.clear();
+    topo.reserve(numVerts, 3 * numTris, numTris);
+    const float* xyz = mesh.getVerticesRaw();
+    for (int v = 0; v < numVerts; ++v)
+        topo.allocVertex(xyz[3 * v], xyz[3 * v + 1], xyz[3 * v + 2]);
+    const int* tris = mesh.getTrianglesRaw();
+    for (int t = 0; t < numTris; ++t)
+        topo.allocFace(3, tris + 3 * std::ptrdiff_t(t));
+    topo.meshTwin();
+}
+
+const TopoMesh& sphereTopo()
+{
+    static const TopoMesh topo = []
+    {
+        TopoMesh m;
+        buildTopo(uvSphere(), m);
+        return m;
+    }();
+    return topo;
+}
+
+void report(benchmark::State& state, std::size_t bytes)
+{
+    const int numTris = uvSphere().getNumTriangles();
+    state.SetItemsProcessed(state.iterations() * numTris);
+    state.counters["bytes/tri"] = double(bytes) / numTris;
+}
+
+void BM_TopoMeshBuild(benchmark::State& state)
+{
+    const CompactMesh& mesh = uvSphere();
+    std::size_t bytes = 0;
+    for (auto _ : state)
+    {
+        TopoMesh topo;
+        buildTopo(mesh, topo);
+        bytes = topo.getSizeInBytes();
+        benchmark::DoNotOptimize(topo.getHalfEdges());
+    }
+    report(state, bytes);
+}
+
+void BM_TopoMeshTwinOnly(benchmark::State& state)
+{
+    const CompactMesh& mesh = uvSphere();
+    TopoMesh topo;
+    buildTopo(mesh, topo);
+    for (auto _ : state)
+    {
+        state.PauseTiming();
+        TopoMesh fresh;
+        fresh.reserve(mesh.getNumVertices(), 3 * mesh.getNumTriangles(), mesh.getNumTriangles());
+        for (int v = 0; v < mesh.getNumVertices(); ++v)
+            fresh.allocVertex(0, 0, 0);
+        for (int t = 0; t < mesh.getNumTriangles(); ++t)
+            fresh.allocFace(3, mesh.getTrianglesRaw() + 3 * std::ptrdiff_t(t));
+        state.ResumeTiming();
+        fresh.meshTwin();
+        benchmark::DoNotOptimize(fresh.getHalfEdges());
+    }
+    report(state, topo.getSizeInBytes());
+}
+
+// Every vertex's spokes, through the iterator (sums the far ends so nothing is skipped).
+void BM_TopoMeshOneRingWalk(benchmark::State& state)
+{
+    TopoMesh& topo = const_cast<TopoMesh&>(sphereTopo());
+    long long spokes = 0;
+    for (auto _ : state)
+    {
+        long long sum = 0;
+        for (TopoMeshVertex v = topo.firstVertex(); v; v = v.nextInList())
+            for (TopoMeshEdgeVertexIterator it(v); it.valid(); it.next())
+                sum += it.otherVertex().getIndex();
+        benchmark::DoNotOptimize(sum);
+        spokes = 0;
+    }
+    for (TopoMeshVertex v = topo.firstVertex(); v; v = v.nextInList())
+        spokes += v.valence();
+    state.counters["spokes"] = double(spokes);
+    report(state, topo.getSizeInBytes());
+}
+
+// One sweep over every 10th interior edge (the lower half-edge of each pair), swapping it.
+void BM_TopoMeshSwapSweep(benchmark::State& state)
+{
+    int swaps = 0, tried = 0;
+    for (auto _ : state)
+    {
+        state.PauseTiming();
+        TopoMesh topo(sphereTopo());
+        state.ResumeTiming();
+        swaps = tried = 0;
+        int k = 0;
+        for (TopoMeshEdge e = topo.firstEdge(); e; e = e.nextInList())
+        {
+            if (!e.hasTwin() || e.twin() < e || k++ % 10 != 0)
+                continue;
+            ++tried;
+            swaps += topo.swapEdge(e);
+        }
+        benchmark::DoNotOptimize(swaps);
+    }
+    state.counters["tried"] = tried;
+    state.counters["swapped"] = swaps;
+    state.SetItemsProcessed(state.iterations() * tried);
+}
+
+void BM_MeshDuplicateTris(benchmark::State& state)
+{
+    CompactMesh mesh = uvSphere();
+    MeshAdjTris adj;
+    meshAdjTris(mesh, adj);
+    for (auto _ : state)
+        benchmark::DoNotOptimize(meshDuplicateTris(mesh, adj));
+    report(state, 0);
+}
+
+BENCHMARK(BM_TopoMeshBuild)->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_TopoMeshTwinOnly)->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_TopoMeshOneRingWalk)->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_TopoMeshSwapSweep)->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_MeshDuplicateTris)->UseRealTime()->Unit(benchmark::kMillisecond);
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv))
+        return 1;
+    benchmark::AddCustomContext("mesh", "UV sphere 500 x 1000 (998,000 triangles)");
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    return 0;
+}
