@@ -9,6 +9,7 @@
 #include <unordered_set>
 
 #include "io/objText.h"
+#include "model/CompactMesh.h"
 
 namespace qyGeom
 {
@@ -327,6 +328,83 @@ void ObjLineReader::parseFace(const char* p, const char* end)
         m_faceMaterial.push_back(m_currentMaterial);
 }
 
+bool ObjLineReader::validFace(const int* corners, int n, int numPositions)
+{
+    for (int c = 0; c < n; ++c)
+        if (corners[c] < 1 || corners[c] > numPositions)
+            return false;
+    if (n == 3)
+    {
+        const int a = corners[0], b = corners[1], c = corners[2];
+        if (a == b || a == c || b == c)
+        {
+            std::printf("%d, %d, %d\n", a, b, c);
+            return false;
+        }
+    }
+    return true;
+}
+
+bool ObjLineReader::buildPlainMesh(CompactMesh& mesh)
+{
+    const int nPos = numPositions();
+    const std::size_t nFaces = m_faceSizes.size();
+    std::vector<unsigned char> keep(nFaces);
+    std::size_t keptFaces = 0, keptCorners = 0;
+    std::vector<int> face;
+    for (std::size_t f = 0, c = 0; f < nFaces; ++f)
+    {
+        const int n = m_faceSizes[f];
+        face.resize(std::size_t(n));
+        for (int k = 0; k < n; ++k)
+            face[std::size_t(k)] = m_cornerPos[c + std::size_t(k)];
+        c += std::size_t(n);
+        keep[f] = validFace(face.data(), n, nPos);
+        if (keep[f])
+        {
+            ++keptFaces;
+            keptCorners += std::size_t(n);
+        }
+        else
+        {
+            ++numSetAside;
+        }
+    }
+    if (nPos == 0 || keptFaces == 0)
+        return false;
+    CompactMesh built;
+    built.resizeVertexArray(nPos);
+    m_positions.copyTo(built.getVerticesRaw());
+    const bool triangles = keptCorners == 3 * keptFaces;
+    int* out;
+    int* lengths = nullptr;
+    if (triangles)
+    {
+        built.resizeTriangleArray(int(keptFaces));
+        out = built.getTrianglesRaw();
+    }
+    else
+    {
+        built.resizePolyArrays(int(keptFaces), int(keptCorners));
+        out = built.getPolyPoints();
+        lengths = built.getPolyLengths();
+    }
+    for (std::size_t f = 0, c = 0; f < nFaces; ++f)
+    {
+        const int n = m_faceSizes[f];
+        if (keep[f])
+        {
+            for (int k = 0; k < n; ++k)
+                *out++ = m_cornerPos[c + std::size_t(k)] - 1;
+            if (lengths)
+                *lengths++ = n;
+        }
+        c += std::size_t(n);
+    }
+    mesh = std::move(built);
+    return true;
+}
+
 bool ObjLineReader::finish()
 {
     const int nPos = numPositions(), nTex = numTexCoords(), nNrm = numNormals();
@@ -355,20 +433,7 @@ bool ObjLineReader::finish()
     {
         const std::size_t b = std::size_t(faceStart[std::size_t(f)]);
         const std::size_t e = std::size_t(faceStart[std::size_t(f) + 1]);
-        bool keep = true;
-        for (std::size_t c = b; c < e; ++c)
-            if (cornerPos[c] < 1 || cornerPos[c] > nPos)
-                keep = false;
-        if (keep && e - b == 3)
-        {
-            const int a = cornerPos[b], bb = cornerPos[b + 1], cc = cornerPos[b + 2];
-            if (a == bb || a == cc || bb == cc)
-            {
-                std::printf("%d, %d, %d\n", a, bb, cc);
-                keep = false;
-            }
-        }
-        if (!keep)
+        if (!validFace(cornerPos.data() + b, int(e - b), nPos))
         {
             ++numSetAside;
             continue;

@@ -10,6 +10,8 @@
 namespace qyGeom
 {
 
+class CompactMesh;
+
 /// An append-only sequence in fixed blocks: appending never moves earlier entries, and
 /// growing it never copies (the arrays of a large file would otherwise be copied and
 /// re-faulted at every doubling).
@@ -26,6 +28,17 @@ public:
             m_blocks.emplace_back(new T[BlockSize]);
         m_blocks[m_size >> BlockBits][m_size & (BlockSize - 1)] = v;
         ++m_size;
+    }
+    T operator[](std::size_t i) const { return m_blocks[i >> BlockBits][i & (BlockSize - 1)]; }
+    /// Copies the contents to out[0 .. size()).
+    void copyTo(T* out) const
+    {
+        for (std::size_t b = 0, done = 0; done < m_size; ++b)
+        {
+            const std::size_t n = std::min(BlockSize, m_size - done);
+            std::copy(m_blocks[b].get(), m_blocks[b].get() + n, out + done);
+            done += n;
+        }
     }
     /// Moves the contents into `out` (exactly sized) and empties the sequence.
     void moveTo(std::vector<T>& out)
@@ -72,6 +85,11 @@ public:
     /// finds a non-manifold or inconsistently oriented edge.
     bool finish();
 
+    /// For the read without subsets, instead of finish(): validates the faces as finish()
+    /// does and builds `mesh` straight from the parsed data (positions in file order, a
+    /// triangle list or, with any other face, polygons). False when nothing is left.
+    bool buildPlainMesh(CompactMesh& mesh);
+
     int numPositions() const
     {
         return int((m_finished ? positions.size() : m_positions.size()) / 3);
@@ -113,6 +131,8 @@ private:
     const char* readNumber(const char* p, const char* end, float& out);
     void parseFace(const char* p, const char* end);
     void useMaterial(const char* p, const char* end);
+    /// Whether a face (1-based corners) survives validation; prints a degenerate triangle.
+    static bool validFace(const int* corners, int n, int numPositions);
 
     bool m_wantSubsets;
     bool m_wantMaterials;

@@ -348,12 +348,7 @@ bool buildWithSubsets(ObjLineReader& r, bool parsed, double parseSeconds, Compac
 bool meshReadObj(CompactMesh& mesh, const qyOS::Filename& file)
 {
     ObjLineReader r(false, false, true);
-    if (!r.readFile(file.c_str()) || !r.finish())
-        return false;
-    if (r.numPositions() == 0 || r.numFaces() == 0)
-        return false;
-    buildMesh(mesh, r.numPositions(), r.positions.data(), r, r.cornerPos.data());
-    return true;
+    return r.readFile(file.c_str()) && r.buildPlainMesh(mesh);
 }
 
 bool meshReadObj(CompactMesh& mesh, qy::list<qy::Reference<MeshSubset>>& subsets,

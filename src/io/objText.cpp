@@ -5,6 +5,7 @@
 #include <climits>
 #include <clocale>
 #include <cmath>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
@@ -46,6 +47,45 @@ double slowParse(const char* p, const char* end, const char** stop)
 
 } // namespace
 
+namespace
+{
+
+constexpr double exactPowersOf10[] = {1e0,  1e1,  1e2,  1e3,  1e4,  1e5,  1e6,  1e7,
+                                      1e8,  1e9,  1e10, 1e11, 1e12, 1e13, 1e14, 1e15,
+                                      1e16, 1e17, 1e18, 1e19, 1e20, 1e21, 1e22};
+
+/// The common short decimal ("0.123456", "-12", "1.5e3"): when its digits fit 2^53 and
+/// its power of ten is exact (at most 22), one multiplication or division by the exact
+/// power rounds correctly, so the result equals strtod's. Returns false (and leaves
+/// everything to the general path) for anything else.
+inline bool parseShortDecimal(const char* p, const char* end, bool negative, double& value,
+                              const char** stop)
+{
+    std::uint64_t mantissa = 0;
+    int digits = 0, scale = 0;
+    const char* q = p;
+    for (; q < end && isDigit(*q); ++q, ++digits)
+        mantissa = mantissa * 10 + std::uint64_t(*q - '0');
+    if (q < end && *q == '.')
+    {
+        ++q;
+        for (; q < end && isDigit(*q); ++q, ++digits, --scale)
+            mantissa = mantissa * 10 + std::uint64_t(*q - '0');
+    }
+    if (digits == 0 || digits > 19 || (q < end && (*q == 'e' || *q == 'E')))
+        return false; // no digits, too many, or an exponent: the general path decides
+    if (mantissa > (std::uint64_t(1) << 53) || scale < -22)
+        return false;
+    double v = double(mantissa);
+    if (scale < 0)
+        v /= exactPowersOf10[-scale];
+    value = negative ? -v : v;
+    *stop = q;
+    return true;
+}
+
+} // namespace
+
 double parseDouble(const char* p, const char* end, const char** stop)
 {
     const char* const start = p;
@@ -59,6 +99,9 @@ double parseDouble(const char* p, const char* end, const char** stop)
         ++p;
     }
     double value = 0;
+    if (p < end && isDigit(*p) && !(end - p >= 2 && (p[1] == 'x' || p[1] == 'X')) &&
+        parseShortDecimal(p, end, negative, value, stop))
+        return value;
     std::from_chars_result r;
     if (end - p >= 2 && p[0] == '0' && (p[1] == 'x' || p[1] == 'X') &&
         ((end - p >= 3 && isHexDigit(p[2])) || (end - p >= 4 && p[2] == '.' && isHexDigit(p[3]))))
