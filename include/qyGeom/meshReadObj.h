@@ -16,6 +16,7 @@ namespace qyGeom
 
 class CompactMesh;
 class MeshSubset;
+class TopoMesh;
 
 /// One corner of a face: 0-based vertex, texture-coordinate and normal index, -1 where
 /// absent.
@@ -142,6 +143,17 @@ QYGEOM_API bool meshReadObj(CompactMesh& mesh, qy::list<qy::Reference<MeshSubset
 QYGEOM_API bool meshReadObj(CompactMesh& mesh, qy::list<qy::Reference<MeshSubset>>& subsets,
                             qy::vector<qy::vector<qyLinear::Point2Flt>>& uvs, const char* data,
                             unsigned int length);
+
+/// Reads an OBJ file into a half-edge mesh: one vertex per `v` line in file order, one face
+/// per face line that survives the forgiving reader's validation (any corner count of 3 or
+/// more; faces that name a vertex twice are left out), then the twins are paired. Texture
+/// coordinates and normals are not used. The mesh is cleared first.
+/// @return false when the file cannot be opened or holds no vertex or no face.
+QYGEOM_API bool meshReadObj(TopoMesh& mesh, const qyOS::Filename& file);
+
+/// As above; with `allowNonManifold` false the read also fails (leaving the mesh cleared)
+/// when an edge is used by more than two faces or twice in the same direction.
+QYGEOM_API bool meshReadObj(TopoMesh& mesh, const qyOS::Filename& file, bool allowNonManifold);
 
 /// Parses an OBJ file strictly into `file` (a null reference parses without keeping the
 /// result). Statements: v, vt, vn, f (corners i, i/t, i/t/n, i//n, negative indices count

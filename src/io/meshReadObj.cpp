@@ -14,10 +14,12 @@
 #include "model/MeshModification.h"
 #include "model/MeshSubset.h"
 #include "model/Remap.h"
+#include "model/TopoMesh.h"
 #include "model/debugChannel.h"
 #include "qyGeom/MeshCache.h"
 #include "qyGeom/meshCompact.h"
 #include "qyGeom/meshComponents.h"
+#include "qyGeom/meshDuplicateTris.h"
 
 namespace qyGeom
 {
@@ -59,61 +61,13 @@ void buildMesh(CompactMesh& mesh, int numVertices, const float* xyz, const ObjLi
     mesh = std::move(built);
 }
 
-/// Deletes the triangles that name a vertex twice and those with the same three vertices
-/// as an earlier triangle, renumbering the rest in order (with the change notification).
+/// Removes duplicate and degenerate triangles, with the adjacency taken from a cache.
 void removeDuplicateTriangles(CompactMesh& mesh)
 {
-    const int nTris = mesh.getNumTriangles();
-    if (nTris == 0)
-        return;
     SimpleMeshCache cache;
     const qy::Reference<MeshAdjTris> adj = cache.getAdjTris(mesh);
-    const MeshTriangle* tris = mesh.getTriangles();
-    const int nVerts = mesh.getNumVertices();
-    auto sorted = [&](int t)
-    {
-        int a = tris[t][0], b = tris[t][1], c = tris[t][2];
-        if (a > b)
-            std::swap(a, b);
-        if (b > c)
-            std::swap(b, c);
-        if (a > b)
-            std::swap(a, b);
-        return std::array<int, 3>{a, b, c};
-    };
-    BitVector deleted(nTris);
-    int numDeleted = 0;
-    for (int t = 0; t < nTris; ++t)
-    {
-        const std::array<int, 3> s = sorted(t);
-        bool dup = s[0] == s[1] || s[1] == s[2];
-        if (!dup && s[0] >= 0 && s[0] < nVerts)
-        {
-            const int n = adj->numTris(s[0]);
-            const int* list = adj->triIndices(s[0]);
-            for (int k = 0; k < n && !dup; ++k)
-                dup = list[k] < t && !deleted.isBitSet(list[k]) && sorted(list[k]) == s;
-        }
-        if (dup)
-        {
-            deleted.setBit(t);
-            ++numDeleted;
-        }
-    }
-    if (numDeleted == 0)
-        return;
-    Remap triRemap;
-    triRemap.setDeleteMap(deleted);
-    MeshTriangle* w = mesh.getTriangles();
-    int out = 0;
-    for (int t = 0; t < nTris; ++t)
-        if (!deleted.isBitSet(t))
-            w[out++] = w[t];
-    mesh.resizeTriangleArray(out);
-    MeshRemap meshRemap;
-    meshRemap.triangles = &triRemap;
-    MeshModification change(&mesh, MeshModification::Remapped, &meshRemap);
-    mesh.modified(change);
+    if (meshDuplicateTris(mesh, *adj))
+        meshRemoveDuplicateTris(mesh);
 }
 
 /// Stable reorder of the faces by material, in the order of first use (faces without a
@@ -371,6 +325,36 @@ bool meshReadObj(CompactMesh& mesh, qy::list<qy::Reference<MeshSubset>>& subsets
     ObjLineReader r(true, false, true);
     const bool parsed = r.readMemory(data, length) && r.finish();
     return buildWithSubsets(r, parsed, since(t0), mesh, subsets, uvs, nullptr, nullptr, nullptr);
+}
+
+} // namespace qyGeom
+
+namespace qyGeom
+{
+
+bool meshReadObj(TopoMesh& mesh, const qyOS::Filename& file)
+{
+    return meshReadObj(mesh, file, true);
+}
+
+bool meshReadObj(TopoMesh& mesh, const qyOS::Filename& file, bool allowNonManifold)
+{
+    ObjLineReader r(false, false, allowNonManifold);
+    mesh.clear();
+    if (!r.readFile(file.c_str()) || !r.finish())
+        return false;
+    const int nPos = r.numPositions(), nFaces = r.numFaces();
+    if (nPos == 0 || nFaces == 0)
+        return false;
+    mesh.reserve(nPos, r.faceStart.back(), nFaces);
+    const float* xyz = r.positions.data();
+    for (int v = 0; v < nPos; ++v)
+        mesh.allocVertex(xyz[3 * v], xyz[3 * v + 1], xyz[3 * v + 2]);
+    for (int f = 0; f < nFaces; ++f)
+        mesh.allocFace(r.faceSize(f), r.cornerPos.data() + r.faceStart[std::size_t(f)]);
+    mesh.meshTwin();
+    mesh.modified(TopoMeshModification(mesh, TopoMeshModification::TopologyChanged));
+    return true;
 }
 
 } // namespace qyGeom

@@ -9,6 +9,7 @@
 #include "io/objText.h"
 #include "model/CompactMesh.h"
 #include "model/MeshSubset.h"
+#include "model/TopoMesh.h"
 
 namespace qyGeom
 {
@@ -156,6 +157,48 @@ public:
 
     void finishMesh(const CompactMesh& mesh) { m_offset += unsigned(mesh.getNumVertices()); }
 
+    /// Vertices, then faces of a half-edge mesh; false at a face with a vertex that was not
+    /// written (the vertex lines stand).
+    bool writeTopoMesh(const TopoMesh& mesh)
+    {
+        std::vector<long long> number(std::size_t(mesh.getVertexCapacity()), -1);
+        unsigned written = 0;
+        for (int v = mesh.nextVertexIndex(-1); v >= 0; v = mesh.nextVertexIndex(v))
+        {
+            const qyLinear::Point& p = mesh.getPoint(v);
+            m_out.put("v ", 2);
+            m_out.putFloat(float(p.x));
+            m_out.put(' ');
+            m_out.putFloat(float(p.y));
+            m_out.put(' ');
+            m_out.putFloat(float(p.z));
+            m_out.put('\n');
+            number[std::size_t(v)] = static_cast<long long>(m_offset) + written + 1;
+            ++written;
+        }
+        m_offset += written;
+        const int maxSteps = mesh.getEdgeCapacity();
+        for (int f = mesh.nextFaceIndex(-1); f >= 0; f = mesh.nextFaceIndex(f))
+        {
+            m_out.put("f ", 2);
+            const int first = mesh.getFaceEdge(f);
+            int e = first;
+            for (int steps = 0; steps < maxSteps; ++steps)
+            {
+                const int v = e >= 0 && e < maxSteps ? mesh.getHalfEdge(e).vertex : -1;
+                if (v < 0 || std::size_t(v) >= number.size() || number[std::size_t(v)] < 0)
+                    return false;
+                m_out.putInt(number[std::size_t(v)]);
+                m_out.put(' ');
+                e = mesh.getHalfEdge(e).next;
+                if (e == first)
+                    break;
+            }
+            m_out.put('\n');
+        }
+        return true;
+    }
+
     TextOut& out() { return m_out; }
 
 private:
@@ -242,6 +285,71 @@ bool meshWriteObj(const CompactMesh& mesh, const qy::list<qy::Reference<MeshSubs
     w.finishMesh(mesh);
     writeMaterialLibrary(library, colors);
     return true;
+}
+
+bool meshWriteObj(const TopoMesh& mesh, const qyOS::Filename& file)
+{
+    ObjWriter w(file);
+    return w.isOpen() && w.writeTopoMesh(mesh);
+}
+
+bool meshWriteObj(const qy::list<qy::Reference<TopoMesh>>& meshes, const qyOS::Filename& file)
+{
+    ObjWriter w(file);
+    if (!w.isOpen())
+        return false;
+    for (const qy::Reference<TopoMesh>& m : meshes)
+        if (!m || !w.writeTopoMesh(*m))
+            return false;
+    return true;
+}
+
+void meshWrite(TopoMesh& mesh, const qyOS::Filename& file)
+{
+    TextOut out(file.c_str());
+    if (!out.isOpen())
+        return;
+    out.putInt(mesh.getNumVertices());
+    out.put(' ');
+    out.putInt(mesh.getNumFaces());
+    out.put('\n');
+    std::vector<int> number(std::size_t(mesh.getVertexCapacity()), -1);
+    int written = 0;
+    for (int v = mesh.nextVertexIndex(-1); v >= 0; v = mesh.nextVertexIndex(v))
+    {
+        const qyLinear::Point& p = mesh.getPoint(v);
+        out.putG10(p.x);
+        out.put(' ');
+        out.putG10(p.y);
+        out.put(' ');
+        out.putG10(p.z);
+        out.put('\n');
+        number[std::size_t(v)] = written++;
+    }
+    std::vector<int> corners;
+    const int maxSteps = mesh.getEdgeCapacity();
+    for (int f = mesh.nextFaceIndex(-1); f >= 0; f = mesh.nextFaceIndex(f))
+    {
+        corners.clear();
+        const int first = mesh.getFaceEdge(f);
+        int e = first;
+        for (int steps = 0; steps < maxSteps && e >= 0; ++steps)
+        {
+            const int v = mesh.getHalfEdge(e).vertex;
+            corners.push_back(v >= 0 && std::size_t(v) < number.size() ? number[std::size_t(v)]
+                                                                       : -1);
+            e = mesh.getHalfEdge(e).next;
+            if (e == first)
+                break;
+        }
+        out.putInt(int(corners.size()));
+        for (const int c : corners)
+        {
+            out.put(' ');
+            out.putInt(c);
+        }
+        out.put('\n');
+    }
 }
 
 void meshWrite(const CompactMesh& mesh, const qyOS::Filename& file)
@@ -332,6 +440,73 @@ void meshRead(CompactMesh& mesh, const qyOS::Filename& file)
     CompactMesh built(numVertices, reinterpret_cast<const MeshVertex*>(xyz.data()));
     built.copyTriangles(int(tris.size() / 3), tris.data());
     mesh = std::move(built);
+}
+
+} // namespace qyGeom
+
+namespace qyGeom
+{
+
+void meshRead(TopoMesh& mesh, const qyOS::Filename& file)
+{
+    std::string text;
+    if (!objText::readFile(file.c_str(), text) && text.empty())
+        return;
+    mesh.clear();
+    const char* p = text.data();
+    const char* const end = p + text.size();
+    auto readInt = [&](int& v)
+    {
+        const char* stop;
+        v = objText::parseInt(p, end, &stop);
+        const bool ok = stop != p;
+        p = stop;
+        return ok;
+    };
+    auto readDouble = [&](double& v)
+    {
+        const char* stop;
+        v = objText::parseDouble(p, end, &stop);
+        const bool ok = stop != p;
+        p = stop;
+        return ok;
+    };
+    int nv = 0, nf = 0;
+    if (!readInt(nv) || !readInt(nf))
+        nv = nf = 0;
+    int numVertices = 0;
+    bool ok = true;
+    for (; ok && numVertices < nv; ++numVertices)
+    {
+        double c[3];
+        ok = readDouble(c[0]) && readDouble(c[1]) && readDouble(c[2]);
+        if (!ok)
+            break;
+        mesh.allocVertex(c[0], c[1], c[2]);
+    }
+    std::vector<int> corners;
+    for (int f = 0; ok && f < nf; ++f)
+    {
+        int n = 0;
+        ok = readInt(n);
+        corners.clear();
+        bool inside = n >= 3;
+        // The corners are read one by one, so a huge count only reads what is there.
+        for (int k = 0; ok && k < n; ++k)
+        {
+            int v;
+            ok = readInt(v);
+            if (ok)
+            {
+                inside = inside && v >= 0 && v < numVertices;
+                corners.push_back(v);
+            }
+        }
+        if (ok && inside)
+            mesh.allocFace(int(corners.size()), corners.data());
+    }
+    mesh.meshTwin();
+    mesh.modified(TopoMeshModification(mesh, TopoMeshModification::TopologyChanged));
 }
 
 } // namespace qyGeom

@@ -9,6 +9,7 @@
 #include "ioTestUtil.h"
 #include "model/CompactMesh.h"
 #include "model/MeshSubset.h"
+#include "model/TopoMesh.h"
 #include "qyGeom/meshReadObj.h"
 #include "testMeshes.h"
 
@@ -168,4 +169,54 @@ TEST(MeshRead, HostileCountsAndMissingFiles)
     EXPECT_EQ(m.getNumVertices(), 0);
     meshRead(m, qyOS::Filename(qyIoTest::writeFile("garbage.mesh", std::string("\x01\xff\0", 3))));
     EXPECT_EQ(m.getNumVertices(), 0);
+}
+
+TEST(TopoMeshIo, ReadWriteAndSharedIndexOffset)
+{
+    const std::string quads = "v 0 0 0\nv 1 0 0\nv 1 1 0\nv 0 1 0\nv 2 0 0\nv 2 1 0\n"
+                              "f 1 2 3 4\nf 2 5 6 3\nf 1 2\nf 1 1 2\n";
+    TopoMesh mesh;
+    testing::internal::CaptureStdout();
+    ASSERT_TRUE(meshReadObj(mesh, qyOS::Filename(qyIoTest::writeFile("quads.obj", quads))));
+    testing::internal::GetCapturedStdout();
+    EXPECT_EQ(mesh.getNumVertices(), 6);
+    EXPECT_EQ(mesh.getNumFaces(), 2);
+    EXPECT_EQ(mesh.getNumEdges(), 8);
+    EXPECT_TRUE(mesh.findEdge(mesh.vertex(1), mesh.vertex(2)).hasTwin());
+
+    // The edge check: a third face on one edge, or one edge run the same way twice.
+    const std::string v4 = "v 0 0 0\nv 1 0 0\nv 0 1 0\nv 0 0 1\n";
+    const std::string fan = v4 + "f 1 2 3\nf 2 1 4\nf 1 2 4\n";
+    const std::string flipped = v4 + "f 1 2 3\nf 1 2 4\n";
+    for (const std::string& text : {fan, flipped})
+    {
+        const std::string path = qyIoTest::writeFile("nm.obj", text);
+        EXPECT_TRUE(meshReadObj(mesh, qyOS::Filename(path)));
+        EXPECT_FALSE(meshReadObj(mesh, qyOS::Filename(path), false));
+    }
+    EXPECT_FALSE(meshReadObj(mesh, qyOS::Filename("/nonexistent.obj")));
+
+    // Two meshes of 4 vertices share one file: the second is numbered 5 to 8.
+    auto a = qy::makeReference<TopoMesh>();
+    ASSERT_TRUE(meshReadObj(*a, qyOS::Filename(qyIoTest::writeFile(
+                                    "q.obj", "v 0 0 0\nv 1 0 0\nv 1 1 0\nv 0 1 0\nf 1 2 3 4\n"))));
+    auto b = qy::makeReference<TopoMesh>(*a);
+    const std::string path = (scratchDir() / "two.obj").string();
+    ASSERT_TRUE(meshWriteObj(qy::list<qy::Reference<TopoMesh>>{a, b}, qyOS::Filename(path)));
+    const std::string vs = "v 0 0 0\nv 1 0 0\nv 1 1 0\nv 0 1 0\n";
+    EXPECT_EQ(readText(path), vs + "f 1 2 3 4 \n" + vs + "f 5 6 7 8 \n");
+    EXPECT_FALSE(meshWriteObj(qy::list<qy::Reference<TopoMesh>>{a, nullptr}, qyOS::Filename(path)));
+
+    // The minimal format: a round trip, and a hostile face count.
+    const std::string txt = (scratchDir() / "topo.mesh").string();
+    meshWrite(*a, qyOS::Filename(txt));
+    EXPECT_EQ(readText(txt), "4 1\n0 0 0\n1 0 0\n1 1 0\n0 1 0\n4 0 1 2 3\n");
+    TopoMesh back;
+    meshRead(back, qyOS::Filename(txt));
+    EXPECT_EQ(back.getNumVertices(), 4);
+    EXPECT_EQ(back.getNumFaces(), 1);
+    meshRead(back, qyOS::Filename(qyIoTest::writeFile("t.mesh", "3 5\n0 0 0\n1 0 0\n0 1 0\n"
+                                                                "2147483647 0 1 2\n3 0 1 9\n")));
+    EXPECT_EQ(back.getNumVertices(), 3);
+    EXPECT_EQ(back.getNumFaces(), 0);
 }
