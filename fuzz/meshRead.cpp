@@ -1,6 +1,7 @@
-// Fuzz target: the minimal counted mesh format, through a file.
+// Fuzz target: the minimal counted mesh format, through a file, into both mesh kinds.
 #include "fuzzSupport.h"
 #include "model/CompactMesh.h"
+#include "model/TopoMesh.h"
 #include "qyGeom/meshWriteObj.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
@@ -13,5 +14,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     for (int i = 0; i < 3 * nt; ++i)
         if (tris[i] < 0 || tris[i] >= nv)
             __builtin_trap();
+    qyGeom::TopoMesh topo;
+    qyGeom::meshRead(topo, qyOS::Filename(path));
+    // Writing it back must walk every face.
+    qyGeom::meshWrite(topo, qyOS::Filename(path));
     return 0;
 }

@@ -227,20 +227,22 @@ bool buildWithSubsets(ObjLineReader& r, bool parsed, double parseSeconds, Compac
     for (int k = 0; k < splitCount; ++k)
         std::copy_n(r.positions.begin() + 3 * std::ptrdiff_t(splitSource[std::size_t(k)]), 3,
                     xyz.begin() + 3 * std::ptrdiff_t(nPos + k));
-    buildMesh(mesh, nVerts, xyz.data(), r, cornerVertex.data());
+    // The expanded mesh is a local one: the caller's mesh is replaced once, at the end.
+    CompactMesh expanded;
+    buildMesh(expanded, nVerts, xyz.data(), r, cornerVertex.data());
     std::vector<float>().swap(xyz);
     dbg.print("Expand Compact Mesh For Determining Subsets: %f (sec)\n", since(t0));
 
     t0 = std::chrono::steady_clock::now();
     qy::Array<int> labels;
-    const int nComponents = meshComponents(mesh, MeshAdjTris(), &labels);
+    const int nComponents = meshComponents(expanded, MeshAdjTris(), &labels);
     std::vector<qy::Reference<MeshSubset>> parts(static_cast<std::size_t>(nComponents));
     for (auto& s : parts)
         s = qy::makeReference<MeshSubset>();
     for (int v = 0; v < nVerts; ++v)
         if (labels[std::size_t(v)] >= 0)
             parts[std::size_t(labels[std::size_t(v)])]->vertices().push_back(v);
-    const int* tris = mesh.getTrianglesRaw();
+    const int* tris = expanded.getTrianglesRaw();
     for (int t = 0; t < nFaces; ++t)
     {
         const int label = labels[std::size_t(tris[3 * t])];
@@ -290,9 +292,16 @@ bool buildWithSubsets(ObjLineReader& r, bool parsed, double parseSeconds, Compac
             for (int& v : s->vertices())
                 if (v >= nPos)
                     v = splitSource[std::size_t(v - nPos)];
-        buildMesh(mesh, nPos, r.positions.data(), r, r.cornerPos.data());
+        // Back to one vertex per position: the copies sit after the positions, so cutting
+        // the vertex array and re-pointing the triangles restores the mesh in place.
+        expanded.resizeVertexArray(nPos);
+        int* t = expanded.getTrianglesRaw();
+        for (std::size_t c = 0; c < nCorners; ++c)
+            if (t[c] >= nPos)
+                t[c] = splitSource[std::size_t(t[c] - nPos)];
         dbg.print("Restore compact mesh to unexploded state: %f (sec)\n", since(t0));
     }
+    mesh = std::move(expanded);
     subsets.assign(parts.begin(), parts.end());
     return true;
 }
