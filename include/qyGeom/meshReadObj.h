@@ -48,8 +48,11 @@ public:
     const qy::Reference<MeshObjMaterial>& getMaterial() const { return m_material; }
     void setMaterial(qy::Reference<MeshObjMaterial> m) { m_material = std::move(m); }
 
-    int getNumFaces() const { return int(m_faceSizes.size()); }
-    int getFaceSize(int f) const { return m_faceSizes[std::size_t(f)]; }
+    int getNumFaces() const { return int(m_faceStarts.size()) - 1; }
+    int getFaceSize(int f) const
+    {
+        return m_faceStarts[std::size_t(f) + 1] - m_faceStarts[std::size_t(f)];
+    }
     /// First corner of face f inside getCorners().
     int getFaceStart(int f) const { return m_faceStarts[std::size_t(f)]; }
     const qy::vector<MeshObjCorner>& getCorners() const { return m_corners; }
@@ -63,8 +66,7 @@ public:
 private:
     qyString::CString m_name;
     qy::Reference<MeshObjMaterial> m_material;
-    qy::vector<int> m_faceSizes;
-    qy::vector<int> m_faceStarts;
+    qy::vector<int> m_faceStarts{0}; ///< one more than the faces: the end of the last
     qy::vector<MeshObjCorner> m_corners;
 };
 

@@ -545,7 +545,7 @@ qyUtil::Error meshReadObj2(const qyString::IString& fileName, qy::Reference<Mesh
 {
     if (!file)
         file = qy::makeReference<MeshObjFile>();
-    std::string text;
+    objText::FileText text;
     if (!objText::readFile(fileName.c_str(), text))
         return qyUtil::Error(1, "Cannot open file: %s", fileName.c_str());
     try

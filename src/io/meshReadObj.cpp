@@ -29,9 +29,8 @@ MeshObjFile::~MeshObjFile() = default;
 
 void MeshObjGroup::addFace(int n, const MeshObjCorner* corners)
 {
-    m_faceStarts.push_back(int(m_corners.size()));
-    m_faceSizes.push_back(n);
     m_corners.insert(m_corners.end(), corners, corners + n);
+    m_faceStarts.push_back(int(m_corners.size()));
 }
 
 namespace

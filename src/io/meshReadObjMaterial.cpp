@@ -105,7 +105,7 @@ std::size_t matchNumber(const char* p, const char* end, bool& isReal)
 }
 
 /// Tokenizes the whole library; false on a character that no token accepts.
-bool scan(const std::string& text, std::vector<Token>& tokens)
+bool scan(const objText::FileText& text, std::vector<Token>& tokens)
 {
     const char* const end = text.data() + text.size();
     const char* p = objText::skipByteOrderMark(text.data(), end);
@@ -331,7 +331,7 @@ qyUtil::Error meshReadObjMaterial(const qyString::IString& fileName,
                                   qy::vector<qy::Reference<MeshObjMaterial>>& materials)
 {
     materials.clear();
-    std::string text;
+    objText::FileText text;
     std::vector<Token> tokens;
     if (!objText::readFile(fileName.c_str(), text) || !scan(text, tokens))
         return qyUtil::Error(1, "Lexical analysis failed");

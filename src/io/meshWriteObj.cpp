@@ -388,7 +388,7 @@ void meshWrite(const CompactMesh& mesh, const qyOS::Filename& file)
 
 void meshRead(CompactMesh& mesh, const qyOS::Filename& file)
 {
-    std::string text;
+    objText::FileText text;
     if (!objText::readFile(file.c_str(), text) && text.empty())
         return;
     const char* p = text.data();
@@ -449,7 +449,7 @@ namespace qyGeom
 
 void meshRead(TopoMesh& mesh, const qyOS::Filename& file)
 {
-    std::string text;
+    objText::FileText text;
     if (!objText::readFile(file.c_str(), text) && text.empty())
         return;
     mesh.clear();

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <fcntl.h>
 #include <locale.h>
 #include <string>
@@ -172,11 +173,12 @@ int parseInt(const char* p, const char* end, const char** stop)
     return static_cast<int>(static_cast<unsigned long long>(v) & 0xffffffffULL);
 }
 
-bool readFile(const char* path, std::string& out)
+bool readFile(const char* path, FileText& out)
 {
-    out.clear();
+    out.m_data.reset();
+    out.m_size = 0;
     // Non-blocking open, so that a FIFO named in a file cannot stall the reader; only
-    // regular files are read (a directory or a device is refused).
+    // regular files are read.
     const int fd = ::open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     if (fd < 0)
         return false;
@@ -186,13 +188,22 @@ bool readFile(const char* path, std::string& out)
         ::close(fd);
         return false;
     }
-    if (st.st_size > 0)
-        out.reserve(std::size_t(st.st_size));
-    char chunk[65536];
+    // The size is a hint: the file may change while it is read, so the buffer grows when
+    // the size was too small.
+    std::size_t capacity = std::size_t(st.st_size) + 1;
+    out.m_data.reset(new char[capacity]);
     bool ok = true;
     for (;;)
     {
-        const ssize_t n = ::read(fd, chunk, sizeof chunk);
+        if (out.m_size == capacity)
+        {
+            const std::size_t bigger = capacity * 2;
+            std::unique_ptr<char[]> grown(new char[bigger]);
+            std::memcpy(grown.get(), out.m_data.get(), out.m_size);
+            out.m_data = std::move(grown);
+            capacity = bigger;
+        }
+        const ssize_t n = ::read(fd, out.m_data.get() + out.m_size, capacity - out.m_size);
         if (n < 0 && errno == EINTR)
             continue;
         if (n < 0)
@@ -202,7 +213,7 @@ bool readFile(const char* path, std::string& out)
         }
         if (n == 0)
             break;
-        out.append(chunk, std::size_t(n));
+        out.m_size += std::size_t(n);
     }
     ::close(fd);
     return ok;

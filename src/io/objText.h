@@ -40,13 +40,28 @@ int parseInt(const char* p, const char* end, const char** stop = nullptr);
 
 } // namespace qyGeom::objText
 
-#include <string>
+#include <memory>
 
 namespace qyGeom::objText
 {
 
-/// Reads a whole file into `out`. False when the file cannot be opened or a read fails
-/// (a directory, for instance); `out` then holds what was read.
-bool readFile(const char* path, std::string& out);
+/// The bytes of a whole file, in one uninitialised buffer (no zero-filling, no copy).
+class FileText
+{
+public:
+    const char* data() const { return m_data.get(); }
+    std::size_t size() const { return m_size; }
+    bool empty() const { return m_size == 0; }
+
+private:
+    friend bool readFile(const char* path, FileText& out);
+    std::unique_ptr<char[]> m_data;
+    std::size_t m_size = 0;
+};
+
+/// Reads a whole regular file into `out`. False when the file cannot be opened, is not a
+/// regular file (a directory, a device, a FIFO) or a read fails; `out` then holds what was
+/// read.
+bool readFile(const char* path, FileText& out);
 
 } // namespace qyGeom::objText
