@@ -1,6 +1,8 @@
 #include "qyGeom/meshWriteObj.h"
 
 #include <charconv>
+#include <cmath>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -16,6 +18,65 @@ namespace qyGeom
 
 namespace
 {
+
+constexpr double powersOf10[] = {1e-4, 1e-3, 1e-2, 1e-1, 1e0, 1e1, 1e2,
+                                 1e3,  1e4,  1e5,  1e6,  1e7, 1e8, 1e9};
+constexpr std::uint32_t intPowersOf10[] = {1,      10,      100,      1000,      10000,
+                                           100000, 1000000, 10000000, 100000000, 1000000000};
+
+/// printf's "%g" (6 significant digits) for the common case of a float whose decimal
+/// exponent lies in [-4, 5], where %g writes fixed notation. The float times a power of ten
+/// of at most 10^9 is exact in double precision (24 + 21 bits), so rounding it to an
+/// integer with ties to even rounds exactly as printf does. Returns the end of the text, or
+/// null when the value needs the exponent form (or is not finite): the caller then uses the
+/// general routine.
+char* formatFloatG6(float value, char* out)
+{
+    const double v = value;
+    if (!std::isfinite(v))
+        return nullptr;
+    const double a = std::fabs(v);
+    if (std::signbit(v))
+        *out++ = '-';
+    if (a == 0)
+    {
+        *out++ = '0';
+        return out;
+    }
+    if (a < 1e-4 || a >= 1e6)
+        return nullptr;
+    int x = -4; // decimal exponent: 10^x <= a < 10^(x+1)
+    while (a >= powersOf10[x + 5])
+        ++x;
+    int decimals = 5 - x; // digits after the point before trailing zeros are cut
+    std::uint32_t m = std::uint32_t(std::nearbyint(a * powersOf10[decimals + 4]));
+    if (m == 1000000) // rounded up to the next power of ten
+    {
+        ++x;
+        if (x > 5)
+            return nullptr;
+        --decimals;
+        m = 100000;
+    }
+    const std::uint32_t scale = intPowersOf10[decimals];
+    const std::uint32_t whole = m / scale;
+    std::uint32_t fraction = m % scale;
+    out = std::to_chars(out, out + 16, whole).ptr;
+    if (fraction == 0)
+        return out;
+    while (fraction % 10 == 0)
+    {
+        fraction /= 10;
+        --decimals;
+    }
+    *out++ = '.';
+    for (int k = decimals - 1; k >= 0; --k)
+    {
+        out[k] = char('0' + fraction % 10);
+        fraction /= 10;
+    }
+    return out + decimals;
+}
 
 /// Buffered text output to a file, with the number formats of the writers.
 class TextOut
@@ -58,7 +119,16 @@ public:
         m_buffer[m_used++] = c;
     }
     /// An output stream's default float format: %g with 6 significant digits.
-    void putFloat(float v) { putChars(v, 6); }
+    void putFloat(float v)
+    {
+        reserve(64);
+        char* out = m_buffer + m_used;
+        char* end = formatFloatG6(v, out);
+        if (!end)
+            end = std::to_chars(out, m_buffer + sizeof m_buffer, v, std::chars_format::general, 6)
+                      .ptr;
+        m_used = std::size_t(end - m_buffer);
+    }
     /// %.10g of the value.
     void putG10(double v) { putChars(v, 10); }
     void putInt(long long v)

@@ -1,6 +1,9 @@
 // The OBJ writer and the minimal counted format: text forms and round trips.
 #include "qyGeom/meshWriteObj.h"
 
+#include <cstdio>
+#include <cstring>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -68,6 +71,39 @@ TEST(MeshWriteObj, FaceFormsFollowTheVertexData)
     EXPECT_EQ(writeObj(big, "digits.obj"), "v 1.23457e+08 0.1 -0.333333\nv 1e-30 2 3\n"
                                            "v 100000 1e+06 0\nf 1  2  3 \n");
     EXPECT_FALSE(meshWriteObj(m, qyOS::Filename("/nonexistent/dir/x.obj")));
+}
+
+TEST(MeshWriteObj, NumbersAreWrittenAsPrintfG)
+{
+    // Random bit patterns (every exponent, NaN and infinities included), decimal-looking
+    // values and values that round up to the next power of ten.
+    std::mt19937 rng(7);
+    std::vector<float> xyz;
+    for (int i = 0; i < 20000; ++i)
+    {
+        const std::uint32_t bits = std::uint32_t(rng());
+        float f;
+        std::memcpy(&f, &bits, sizeof f);
+        xyz.push_back(f);
+        xyz.push_back(float(int(rng() % 2000001) - 1000000) / float(1 + rng() % 100000));
+    }
+    for (const float f : {999999.5f, 999999.4f, 99999.95f, 0.000999999f, 0.0001f, 9.999995e-5f,
+                          1e-4f, 123456.5f, -0.0f, 1e6f, 0.5f, 2.5f, 1.0000005f})
+        xyz.push_back(f);
+    while (xyz.size() % 3)
+        xyz.push_back(0);
+    const CompactMesh m = qyTest::makeMesh(xyz, {0, 1, 2});
+    const std::string text = writeObj(m, "numbers.obj");
+    std::string want;
+    char buf[64];
+    for (std::size_t i = 0; i < xyz.size(); i += 3)
+    {
+        std::snprintf(buf, sizeof buf, "v %g %g %g\n", double(xyz[i]), double(xyz[i + 1]),
+                      double(xyz[i + 2]));
+        want += buf;
+    }
+    want += "f 1  2  3 \n";
+    EXPECT_EQ(text, want);
 }
 
 TEST(MeshWriteObj, SubsetsWriteMaterialsPairedWithColours)
