@@ -62,6 +62,8 @@ public:
     }
     /// Appends a face of n corners.
     void addFace(int n, const MeshObjCorner* corners);
+    /// Makes room for that many faces and corners in all.
+    void reserve(int numFaces, int numCorners);
 
 private:
     qyString::CString m_name;

@@ -1,4 +1,6 @@
 // ObjParser: the strict, token-driven OBJ parser behind meshReadObj2.
+#include <algorithm>
+#include <cstring>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -273,6 +275,36 @@ private:
     bool m_finished = false;
 };
 
+/// Counts of the lines that start with "v ", "vt ", "vn " and "f " and of the blank-separated
+/// words on the "f " lines: sizes to reserve, so that the lists of a large file do not grow
+/// by copying. Only hints (statements may share a line), and backed by the text itself.
+struct SizeHints
+{
+    std::size_t v = 0, vt = 0, vn = 0, f = 0, corners = 0;
+
+    SizeHints(const char* p, const char* end)
+    {
+        while (p < end)
+        {
+            const char* nl = static_cast<const char*>(std::memchr(p, '\n', std::size_t(end - p)));
+            const char* e = nl ? nl : end;
+            if (e - p >= 2 && p[0] == 'v' && p[1] == ' ')
+                ++v;
+            else if (e - p >= 3 && p[0] == 'v' && p[1] == 't' && p[2] == ' ')
+                ++vt;
+            else if (e - p >= 3 && p[0] == 'v' && p[1] == 'n' && p[2] == ' ')
+                ++vn;
+            else if (e - p >= 2 && p[0] == 'f' && p[1] == ' ')
+            {
+                ++f;
+                for (const char* q = p + 1; q + 1 < e; ++q)
+                    corners += *q == ' ' && q[1] != ' ' && q[1] != '\r';
+            }
+            p = e + 1;
+        }
+    }
+};
+
 class ObjParser
 {
 public:
@@ -280,6 +312,12 @@ public:
         : m_scanner(p, end), m_file(file), m_directory(qyOS::Filename(fileName).getDirectory())
     {
         m_group = qy::makeReference<MeshObjGroup>("default");
+        const SizeHints hints(p, end);
+        m_file.vertices.reserve(m_file.vertices.size() + hints.v);
+        m_file.texCoords.reserve(m_file.texCoords.size() + hints.vt);
+        m_file.normals.reserve(m_file.normals.size() + hints.vn);
+        m_group->reserve(int(std::min<std::size_t>(hints.f, 0x7fffffff)),
+                         int(std::min<std::size_t>(hints.corners, 0x7fffffff)));
     }
 
     void parse()

@@ -33,6 +33,12 @@ void MeshObjGroup::addFace(int n, const MeshObjCorner* corners)
     m_faceStarts.push_back(int(m_corners.size()));
 }
 
+void MeshObjGroup::reserve(int numFaces, int numCorners)
+{
+    m_faceStarts.reserve(std::size_t(std::max(numFaces, 0)) + 1);
+    m_corners.reserve(std::size_t(std::max(numCorners, 0)));
+}
+
 namespace
 {
 
