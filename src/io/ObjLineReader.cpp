@@ -289,17 +289,28 @@ void ObjLineReader::parseFace(const char* p, const char* end)
             ++p;
         if (p == end)
             break;
+        // One pass finds the end of the token and its first two slashes.
         const char* tokenEnd = p;
-        while (tokenEnd < end && *tokenEnd != ' ' && *tokenEnd != '\t' && *tokenEnd != '\r')
-            ++tokenEnd;
+        const char* slash = nullptr;
+        const char* slash2 = nullptr;
+        for (; tokenEnd < end; ++tokenEnd)
+        {
+            const char ch = *tokenEnd;
+            if (ch == ' ' || ch == '\t' || ch == '\r')
+                break;
+            if (ch == '/')
+            {
+                if (!slash)
+                    slash = tokenEnd;
+                else if (!slash2)
+                    slash2 = tokenEnd;
+            }
+        }
         pos = resolveIndex(readIndex(p, tokenEnd), nPos);
-        const char* slash =
-            static_cast<const char*>(std::memchr(p, '/', std::size_t(tokenEnd - p)));
-        if (slash)
+        // Texture and normal indices matter only to the reads that keep them.
+        if (slash && m_keepAttributes)
         {
             const char* t = slash + 1;
-            const char* slash2 =
-                static_cast<const char*>(std::memchr(t, '/', std::size_t(tokenEnd - t)));
             const char* texEnd = slash2 ? slash2 : tokenEnd;
             if (texEnd > t)
                 tex = resolveIndex(readIndex(t, texEnd), nTex);
