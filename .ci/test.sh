@@ -48,3 +48,12 @@ cmake -S . -B build/ci-tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQYGEOM_WERROR=ON
       -DQYGEOM_BUILD_TESTS=ON -DQYGEOM_TSAN=ON
 cmake --build build/ci-tsan -j"$jobs"
 TSAN_OPTIONS=halt_on_error=1 ctest --test-dir build/ci-tsan --output-on-failure -j"$jobs"
+
+if command -v clang++ >/dev/null; then
+    echo "== Fuzz targets (clang, libFuzzer + AddressSanitizer + UndefinedBehaviorSanitizer): corpus replay"
+    CXX=clang++ cmake -S fuzz -B build/ci-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo
+    cmake --build build/ci-fuzz -j"$jobs"
+    for target in readObjMemory readObj2 readObjMaterial meshRead; do
+        build/ci-fuzz/$target -runs=0 -close_fd_mask=1 fuzz/corpus/$target
+    done
+fi
