@@ -24,6 +24,7 @@ class ConjugateGradient;
 class MeshAdjTris;
 class NVector;
 class Remap;
+struct VertexRows;
 
 /// Flattens a triangle mesh onto the plane with a conformal (angle-preserving) map and writes
 /// the layout as the mesh's per-vertex UVs, fitted into the unit square with its aspect kept.
@@ -91,7 +92,7 @@ private:
     void buildFreeIndex(qy::vector<int>& freeIndex, const int extreme[2]) const;
     void fillHoles(const qy::vector<Boundary>& boundaries, int outer,
                    const qy::vector<int>& freeIndex, qy::vector<MeshTriangle>& holeTriangles);
-    void setupTriangle(ConjugateGradient& cg, NVector& rhs, int i, int j, int k,
+    void setupTriangle(VertexRows& rows, NVector& rhs, int i, int j, int k,
                        const qyLinear::Point& Pi, const qyLinear::Point& Pj,
                        const qyLinear::Point& Pk);
     void setupVertexCG(const MeshAdjTris& adjTris, ConjugateGradient& cg, NVector& rhs, int v,
