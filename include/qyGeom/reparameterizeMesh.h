@@ -57,7 +57,8 @@ public:
     /// Whether a mesh that is closed or has handles may be cut to a disk (default true).
     void enableMeshCutSurface(bool enable) { cutEnabled = enable; }
 
-    /// flatten(Progress&) with a progress object of its own.
+    /// flatten(Progress&) with a progress object of its own. Each run starts from the mesh as it
+    /// is at the call.
     bool flatten();
     /// Computes the layout and writes it into the mesh's UVs.
     /// @return true when UVs were written. False on cancellation, a degenerate triangle (two
@@ -110,6 +111,8 @@ private:
     qyOS::AppOutput& output;
     bool compactEnabled = true;
     bool cutEnabled = true;
+    /// False once a run has welded or cut work: the next run starts from a fresh copy.
+    bool workIsCopy = true;
 };
 
 } // namespace qyGeom

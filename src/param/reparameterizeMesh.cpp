@@ -180,6 +180,10 @@ bool reparameterizeMesh::flatten(qyUtil::Progress& progress)
 
 void reparameterizeMesh::prepareMesh(qyUtil::Progress& progress, Remap& remap)
 {
+    // The remap must lead from the caller's vertices, so a second run copies the mesh again.
+    if (!workIsCopy)
+        work = mesh;
+    workIsCopy = false;
     work.deleteUVs();
     work.deleteNormals();
     meshCompact(work, progress, remap);

@@ -1,5 +1,6 @@
 #include "qyGeom/reparameterizeMesh.h"
 
+#include <algorithm>
 #include <cmath>
 #include <string>
 #include <vector>
@@ -210,6 +211,9 @@ TEST(ReparameterizeMesh, HemisphereHasNoFlippedTriangleOnAnyThreadCount)
         expectUnitSquare(mesh);
         EXPECT_EQ(countFlipped(mesh), 0);
         uvs[i].assign(mesh.getUVsRaw(), mesh.getUVsRaw() + 2 * mesh.getNumVertices());
+        // A second run of the same object starts again from the caller's mesh.
+        ASSERT_TRUE(flattener.flatten());
+        EXPECT_TRUE(std::equal(uvs[i].begin(), uvs[i].end(), mesh.getUVsRaw()));
         // The solver's progress lines, every twentieth of the step budget.
         EXPECT_NE(output.info().find("Parameterization   5.0% complete\n"), std::string::npos);
     }
