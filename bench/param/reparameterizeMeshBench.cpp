@@ -131,6 +131,11 @@ Quality measure(const CompactMesh& m)
 
 void setCounters(benchmark::State& state, const CompactMesh& m, bool ok)
 {
+    if (!ok || !m.getUVs())
+    {
+        state.SkipWithError("flatten returned false");
+        return;
+    }
     const Quality q = measure(m);
     state.counters["ok"] = ok;
     state.counters["verts"] = m.getNumVertices();
@@ -211,6 +216,12 @@ BENCHMARK_CAPTURE(BM_FlattenObj, lionHead, "lion-head.obj", false)
     ->Unit(benchmark::kSecond)
     ->Iterations(1);
 BENCHMARK_CAPTURE(BM_FlattenObj, mannequinDevil, "mannequin-devil.obj", false)
+    ->Unit(benchmark::kSecond)
+    ->Iterations(1);
+BENCHMARK_CAPTURE(BM_FlattenObj, elephantWithHoles, "elephant-with-holes.obj", false)
+    ->Unit(benchmark::kSecond)
+    ->Iterations(1);
+BENCHMARK_CAPTURE(BM_FlattenObj, sharkWithHoles, "mech-holes-shark.obj", false)
     ->Unit(benchmark::kSecond)
     ->Iterations(1);
 BENCHMARK_CAPTURE(BM_FlattenObj, bunnyCutFirst, "bunny00.obj", true)
