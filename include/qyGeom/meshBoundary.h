@@ -2,6 +2,7 @@
 // boundary, and the loops found by walking from every vertex in turn.
 #pragma once
 
+#include "base/Containers.h"
 #include "qyGeom/qyGeomExport.h"
 
 namespace qyGeom
@@ -14,6 +15,8 @@ class MeshAdjVertices;
 class MeshBoundaries;
 class MeshSubset;
 class Remap;
+class TopoMesh;
+class TopoMeshEdge;
 struct MeshTriangle;
 
 /// The steps of the boundary walk. A directed edge v -> next of some triangle is a boundary
@@ -90,5 +93,15 @@ QYGEOM_API void meshComputeSubsetBoundary(const CompactMesh& mesh, const MeshSub
 QYGEOM_API int meshSubsetAdjTris(const CompactMesh& mesh, const MeshSubset& subset,
                                  const MeshAdjTris& adjTris, ArrayOfSets& subsetAdjTris,
                                  Remap& toSubset);
+
+/// Boundary loops of a half-edge mesh, replacing the contents of `out`: each loop lists its
+/// half-edges without a twin in walk order (TopoMeshBoundaryIterator: each leaves the vertex
+/// where the one before arrives). A loop starts at the lowest boundary half-edge that no
+/// earlier loop took; loops are stored in the order of their starts. Where two loops touch
+/// at a vertex, each keeps its own half-edges. A closed mesh has no loops.
+///
+/// Prints nothing. Cost: O(E) plus one bit per half-edge slot. Runs on the calling thread.
+QYGEOM_API void meshComputeBoundary(const TopoMesh& mesh,
+                                    qy::vector<qy::vector<TopoMeshEdge>>& out);
 
 } // namespace qyGeom

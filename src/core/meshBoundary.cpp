@@ -12,6 +12,7 @@
 #include "model/MeshAdjacency.h"
 #include "model/MeshSubset.h"
 #include "model/Remap.h"
+#include "model/TopoMesh.h"
 
 namespace qyGeom
 {
@@ -305,6 +306,30 @@ int meshSubsetAdjTris(const CompactMesh& mesh, const MeshSubset& subset, const M
         offsets[numSubsetVertices] = filled;
     subsetAdjTris.swap(sets);
     return numSubsetVertices;
+}
+
+void meshComputeBoundary(const TopoMesh& mesh, qy::vector<qy::vector<TopoMeshEdge>>& out)
+{
+    out.clear();
+    // Handles name a mutable mesh; nothing below changes it.
+    TopoMesh& walked = const_cast<TopoMesh&>(mesh);
+    const TopoMesh::HalfEdge* edges = mesh.getHalfEdges();
+    const int numSlots = mesh.getEdgeCapacity();
+    BitVector taken(numSlots);
+    for (int e = 0; e < numSlots; ++e)
+    {
+        if (edges[e].vertex < 0 || edges[e].twin >= 0 || taken.isBitSet(e))
+            continue;
+        qy::vector<TopoMeshEdge>& loop = out.emplace_back();
+        for (TopoMeshBoundaryIterator it(walked.edge(e)); it.valid(); it.next())
+        {
+            const int h = it.edge().getIndex();
+            if (taken.isBitSet(h))
+                break;
+            taken.setBit(h);
+            loop.push_back(it.edge());
+        }
+    }
 }
 
 } // namespace qyGeom

@@ -9,6 +9,7 @@
 
 #include "base/StopWatch.h"
 #include "model/CompactMesh.h"
+#include "model/TopoMesh.h"
 #include "model/debugChannel.h"
 
 namespace qyGeom
@@ -85,6 +86,50 @@ int meshComponents(const CompactMesh& mesh, const MeshAdjTris&, qy::Array<int>* 
     }
     if (labels)
         for (int v = 0; v < numVerts; ++v)
+            number[std::size_t(v)] = number[std::size_t(findRoot(parent, v))];
+
+    debugChannel().print("   %d components: %f s\n", count, watch.stop());
+    return count;
+}
+
+int meshComponents(TopoMesh& mesh, qy::Array<int>* labels)
+{
+    debugChannel().print("meshComponents(): %d faces\n", mesh.getNumFaces());
+    qyOS::StopWatch watch;
+    watch.start();
+
+    const int numSlots = mesh.getVertexCapacity();
+    const int numFaceSlots = mesh.getFaceCapacity();
+    const TopoMesh::HalfEdge* edges = mesh.getHalfEdges();
+    std::vector<int> parentArray(static_cast<std::size_t>(numSlots));
+    std::iota(parentArray.begin(), parentArray.end(), 0);
+    int* parent = parentArray.data();
+    for (int f = 0; f < numFaceSlots; ++f)
+    {
+        const int first = mesh.getFaceEdge(f);
+        if (first < 0)
+            continue;
+        const int root = edges[first].vertex;
+        for (int e = edges[first].next; e != first; e = edges[e].next)
+            unite(parent, root, edges[e].vertex);
+    }
+
+    // Numbered as in the indexed form: each root at the first face that reaches it.
+    std::vector<int> ownLabels;
+    qy::Array<int>& number = labels ? *labels : ownLabels;
+    number.assign(std::size_t(numSlots), -1);
+    int count = 0;
+    for (int f = 0; f < numFaceSlots; ++f)
+    {
+        const int first = mesh.getFaceEdge(f);
+        if (first < 0)
+            continue;
+        int& n = number[std::size_t(findRoot(parent, edges[first].vertex))];
+        if (n < 0)
+            n = count++;
+    }
+    if (labels)
+        for (int v = 0; v < numSlots; ++v)
             number[std::size_t(v)] = number[std::size_t(findRoot(parent, v))];
 
     debugChannel().print("   %d components: %f s\n", count, watch.stop());

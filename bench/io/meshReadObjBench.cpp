@@ -1,0 +1,115 @@
+// Read and write throughput of the OBJ readers and writers, in MB/s of file text.
+// Inputs: the generated meshes of the peers' harness (QYGEOM_BENCH_DATA, default
+// /tmp/peers/.data): sphere_textured.obj (v/vt/vn corners) and grid.obj (plain).
+#include "qyGeom/meshReadObj.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <string>
+
+#include <benchmark/benchmark.h>
+
+#include "model/CompactMesh.h"
+#include "model/MeshSubset.h"
+#include "qyGeom/meshWriteObj.h"
+#include "testMeshes.h"
+
+namespace
+{
+
+std::string dataFile(const char* name)
+{
+    const char* dir = std::getenv("QYGEOM_BENCH_DATA");
+    return std::string(dir ? dir : "/tmp/peers/.data") + "/" + name;
+}
+
+void setBytes(benchmark::State& state, const std::string& path)
+{
+    std::error_code ec;
+    const auto size = std::filesystem::file_size(path, ec);
+    state.SetBytesProcessed(ec ? 0 : std::int64_t(state.iterations()) * std::int64_t(size));
+}
+
+void BM_ReadPlain(benchmark::State& state, const char* name)
+{
+    const std::string path = dataFile(name);
+    for (auto _ : state)
+    {
+        qyGeom::CompactMesh mesh;
+        if (!qyGeom::meshReadObj(mesh, qyOS::Filename(path)))
+            state.SkipWithError("read failed");
+        benchmark::DoNotOptimize(mesh.getNumTriangles());
+    }
+    setBytes(state, path);
+}
+
+void BM_ReadSubsets(benchmark::State& state, const char* name)
+{
+    const std::string path = dataFile(name);
+    for (auto _ : state)
+    {
+        qyGeom::CompactMesh mesh;
+        qy::list<qy::Reference<qyGeom::MeshSubset>> subsets;
+        qy::vector<qy::vector<qyLinear::Point2Flt>> uvs;
+        qy::vector<qyString::IString> materials;
+        qyOS::Filename mtl;
+        if (!qyGeom::meshReadObj(mesh, subsets, uvs, materials, mtl, qyOS::Filename(path)))
+            state.SkipWithError("read failed");
+        benchmark::DoNotOptimize(mesh.getNumTriangles());
+    }
+    setBytes(state, path);
+}
+
+void BM_ReadStrict(benchmark::State& state, const char* name)
+{
+    const std::string path = dataFile(name);
+    for (auto _ : state)
+    {
+        auto file = qy::makeReference<qyGeom::MeshObjFile>();
+        if (qyGeom::meshReadObj2(path, file))
+            state.SkipWithError("read failed");
+        benchmark::DoNotOptimize(file->vertices.size());
+    }
+    setBytes(state, path);
+}
+
+/// Writes a 1M-triangle grid (positions only) and reads it back with the plain reader.
+void BM_WriteGrid(benchmark::State& state)
+{
+    const qyGeom::CompactMesh mesh = qyTest::makeGrid(708, 708);
+    const std::string path = "/tmp/qygeom_bench_write.obj";
+    for (auto _ : state)
+        qyGeom::meshWriteObj(mesh, qyOS::Filename(path));
+    setBytes(state, path);
+}
+
+void BM_ReadWrittenGrid(benchmark::State& state)
+{
+    const std::string path = "/tmp/qygeom_bench_write.obj";
+    if (!std::filesystem::exists(path))
+        qyGeom::meshWriteObj(qyTest::makeGrid(708, 708), qyOS::Filename(path));
+    for (auto _ : state)
+    {
+        qyGeom::CompactMesh mesh;
+        qyGeom::meshReadObj(mesh, qyOS::Filename(path));
+        benchmark::DoNotOptimize(mesh.getNumTriangles());
+    }
+    setBytes(state, path);
+}
+
+} // namespace
+
+BENCHMARK_CAPTURE(BM_ReadPlain, sphere_textured, "sphere_textured.obj")
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(BM_ReadPlain, grid, "grid.obj")->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(BM_ReadSubsets, sphere_textured, "sphere_textured.obj")
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(BM_ReadSubsets, grid, "grid.obj")->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(BM_ReadStrict, sphere_textured, "sphere_textured.obj")
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(BM_ReadStrict, grid, "grid.obj")->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_WriteGrid)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_ReadWrittenGrid)->Unit(benchmark::kMillisecond);
+
+BENCHMARK_MAIN();

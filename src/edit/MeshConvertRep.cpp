@@ -1,0 +1,352 @@
+// Edit regions. The region is numbered by its own sorted vertex list, so building it and
+// looking vertices up cost in proportion to the region; only a merge that deletes elements
+// walks the whole mesh, to close up the arrays.
+#include "qyGeom/MeshConvertRep.h"
+
+#include <algorithm>
+#include <cstddef>
+#include <cstring>
+
+#include "model/BitVector.h"
+#include "model/CompactMesh.h"
+#include "model/MeshAdjacency.h"
+#include "model/MeshModification.h"
+#include "model/Remap.h"
+
+namespace qyGeom
+{
+namespace
+{
+
+// Indices of the set bits below n, in increasing order.
+void setBits(const BitVector& bits, int n, std::vector<int>& out)
+{
+    const BitVector::Word* words = bits.getWords();
+    const int numWords = (std::min(n, bits.size()) + 31) / 32;
+    for (int w = 0; w < numWords; ++w)
+        for (BitVector::Word b = words[w]; b != 0; b &= b - 1)
+        {
+            const int i = 32 * w + __builtin_ctz(b);
+            if (i >= n)
+                return;
+            out.push_back(i);
+        }
+}
+
+// Position of x in a sorted list, or -1.
+inline int find(const std::vector<int>& sorted, int x)
+{
+    const auto it = std::lower_bound(sorted.begin(), sorted.end(), x);
+    return it != sorted.end() && *it == x ? int(it - sorted.begin()) : -1;
+}
+
+// True when b is a rotation of a.
+inline bool sameRotation(const MeshTriangle& a, const MeshTriangle& b)
+{
+    for (int r = 0; r < 3; ++r)
+        if (a[0] == b[r] && a[1] == b[(r + 1) % 3] && a[2] == b[(r + 2) % 3])
+            return true;
+    return false;
+}
+
+} // namespace
+
+MeshConvertRep::MeshConvertRep(CompactMesh& mesh, const MeshAdjTris& adjTris)
+    : m_mesh(mesh), m_adjTris(adjTris)
+{
+    const int numVerts = mesh.getNumVertices();
+    const int numTris = mesh.getNumTriangles();
+    const MeshTriangle* tris = mesh.getTriangles();
+
+    std::vector<int> selected;
+    setBits(mesh.getSelectedTriangles(), numTris, selected);
+    setBits(mesh.getSelectedVertices(), numVerts, m_vertices);
+    for (const int t : selected)
+        for (int k = 0; k < 3; ++k)
+            if (unsigned(tris[t][k]) < unsigned(numVerts))
+                m_vertices.push_back(tris[t][k]);
+    std::sort(m_vertices.begin(), m_vertices.end());
+    m_vertices.erase(std::unique(m_vertices.begin(), m_vertices.end()), m_vertices.end());
+
+    const int n = int(m_vertices.size());
+    m_topo.reserve(n, 3 * int(selected.size()), int(selected.size()));
+    const MeshVertex* points = mesh.getVertices();
+    for (int i = 0; i < n; ++i)
+        m_topo.allocVertex(points[m_vertices[std::size_t(i)]].asPoint())
+            .setTag(m_vertices[std::size_t(i)]);
+    m_triangles.reserve(selected.size());
+    for (const int t : selected)
+    {
+        int slots[3];
+        bool inside = true;
+        for (int k = 0; k < 3 && inside; ++k)
+        {
+            slots[k] = find(m_vertices, tris[t][k]);
+            inside = slots[k] >= 0;
+        }
+        if (!inside)
+            continue;
+        const TopoMeshFace f = m_topo.allocFace(3, slots);
+        if (!f)
+            continue;
+        f.setTag(t);
+        m_triangles.push_back(t);
+    }
+    m_topo.meshTwin();
+}
+
+MeshConvertRep::~MeshConvertRep() = default;
+
+TopoMeshVertex MeshConvertRep::getTopoMeshVertex(int index)
+{
+    const int slot = find(m_vertices, index);
+    if (slot < 0)
+        return {};
+    const TopoMeshVertex v = m_topo.vertex(slot);
+    return m_topo.isAlive(v) && v.getTag() == index ? v : TopoMeshVertex();
+}
+
+int MeshConvertRep::getMeshVertex(TopoMeshVertex v) const
+{
+    return m_topo.isAlive(v) ? v.getTag() : -1;
+}
+
+MeshModifyRep::MeshModifyRep(CompactMesh& mesh, const MeshAdjTris& adjTris)
+    : MeshConvertRep(mesh, adjTris)
+{
+}
+
+MeshModifyRep::~MeshModifyRep() = default;
+
+void MeshModifyRep::removeVertex(TopoMeshVertex v)
+{
+    if (!m_topo.isAlive(v) || v.getTag() < 0)
+        return;
+    m_removed.push_back({v.getIndex(), v.getTag(), v.point()});
+    v.setTag(-1);
+}
+
+void MeshModifyRep::merge(Remap& vertexRemap, int /*flags*/)
+{
+    const int numVerts = m_mesh.getNumVertices();
+    const int numTris = m_mesh.getNumTriangles();
+    vertexRemap.resize(numVerts, numVerts);
+    if (m_merged)
+    {
+        vertexRemap.setSequential();
+        return;
+    }
+    m_merged = true;
+
+    // Vertices: restore those re-created where they were, then sort the live slots into kept
+    // region vertices (tag still theirs) and new ones (numbered in slot order).
+    for (const Removed& r : m_removed)
+    {
+        const TopoMeshVertex v = m_topo.vertex(r.slot);
+        if (m_topo.isAlive(v) && v.getTag() < 0 && v.point() == r.point &&
+            r.slot < int(m_vertices.size()) && m_vertices[std::size_t(r.slot)] == r.meshVertex)
+            v.setTag(r.meshVertex);
+    }
+    const int numRegion = int(m_vertices.size());
+    const int numSlots = m_topo.getVertexCapacity();
+    // slotVertex: the vertex of each live slot in the old numbering, with new vertices as
+    // numVerts + k; -1 for dead slots.
+    std::vector<int> slotVertex(static_cast<std::size_t>(numSlots), -1);
+    std::vector<int> removed;
+    int numNew = 0;
+    for (int s = 0; s < numSlots; ++s)
+    {
+        const TopoMeshVertex v = m_topo.vertex(s);
+        const bool alive = m_topo.isAlive(v);
+        const bool kept = alive && s < numRegion && v.getTag() == m_vertices[std::size_t(s)];
+        if (kept)
+            slotVertex[std::size_t(s)] = m_vertices[std::size_t(s)];
+        else if (alive)
+            slotVertex[std::size_t(s)] = numVerts + numNew++;
+        if (s < numRegion && !kept)
+            removed.push_back(m_vertices[std::size_t(s)]);
+    }
+
+    // Faces as triangles in the old numbering: each tagged face back into its slot (keeping
+    // the triangle's rotation when the corners did not change), the rest in face order.
+    MeshTriangle* tris = m_mesh.getTriangles();
+    const int numRegionTris = int(m_triangles.size());
+    std::vector<MeshTriangle> placed(static_cast<std::size_t>(numRegionTris));
+    std::vector<char> isPlaced(static_cast<std::size_t>(numRegionTris), 0);
+    std::vector<MeshTriangle> extra;
+    bool changed = !removed.empty() || numNew > 0;
+    std::vector<int> corners;
+    for (TopoMeshFace f = m_topo.firstFace(); f; f = f.nextInList())
+    {
+        corners.clear();
+        const TopoMeshEdge first = f.edge();
+        TopoMeshEdge e = first;
+        do
+        {
+            corners.push_back(slotVertex[std::size_t(e.vertex().getIndex())]);
+            e = e.next();
+        } while (e != first);
+        const int position = f.getTag() >= 0 ? find(m_triangles, f.getTag()) : -1;
+        for (std::size_t k = 1; k + 1 < corners.size(); ++k)
+        {
+            MeshTriangle tri{{corners[0], corners[k], corners[k + 1]}};
+            if (k == 1 && position >= 0 && !isPlaced[std::size_t(position)])
+            {
+                const MeshTriangle& old = tris[m_triangles[std::size_t(position)]];
+                if (sameRotation(tri, old))
+                    tri = old;
+                else
+                    changed = true;
+                placed[std::size_t(position)] = tri;
+                isPlaced[std::size_t(position)] = 1;
+            }
+            else
+                extra.push_back(tri);
+        }
+    }
+    // Extra triangles take the freed region slots first, in increasing order.
+    std::size_t nextExtra = 0;
+    BitVector deletedTris(numTris);
+    int numDeletedTris = 0;
+    for (int i = 0; i < numRegionTris; ++i)
+    {
+        if (isPlaced[std::size_t(i)])
+            continue;
+        changed = true;
+        if (nextExtra < extra.size())
+        {
+            placed[std::size_t(i)] = extra[nextExtra++];
+            isPlaced[std::size_t(i)] = 1;
+        }
+        else
+        {
+            deletedTris.setBit(m_triangles[std::size_t(i)]);
+            ++numDeletedTris;
+        }
+    }
+    const int numAppended = int(extra.size() - nextExtra);
+    changed = changed || numAppended > 0;
+
+    // Triangles outside the region that use a vertex that left go too.
+    for (const int r : removed)
+    {
+        if (r >= m_adjTris.getNumVertices())
+            continue;
+        const int* set = m_adjTris.triIndices(r);
+        for (int i = 0, n = m_adjTris.numTris(r); i < n; ++i)
+        {
+            const int u = set[i];
+            if (unsigned(u) < unsigned(numTris) && find(m_triangles, u) < 0 &&
+                !deletedTris.isBitSet(u))
+            {
+                deletedTris.setBit(u);
+                ++numDeletedTris;
+            }
+        }
+    }
+
+    // Positions moved inside the region count as a change too.
+    const MeshVertex* points = m_mesh.getVertices();
+    for (int s = 0; s < numRegion && !changed; ++s)
+    {
+        const int v = slotVertex[std::size_t(s)];
+        if (v >= 0 && v < numVerts)
+        {
+            MeshVertex written;
+            written.set(m_topo.getPoint(s));
+            changed = std::memcmp(&written, &points[v], sizeof(MeshVertex)) != 0;
+        }
+    }
+    if (!changed)
+    {
+        vertexRemap.setSequential();
+        return;
+    }
+
+    // Vertex map: the deleted close up, the new ones follow the kept ones.
+    const int numKept = numVerts - int(removed.size());
+    if (removed.empty())
+        vertexRemap.setSequential();
+    else
+    {
+        BitVector deleted(numVerts);
+        for (const int r : removed)
+            deleted.setBit(r);
+        vertexRemap.setDeleteMap(deleted);
+    }
+    vertexRemap.setRangeSize(numKept + numNew);
+    auto newVertex = [&](int v)
+    { return v < numVerts ? vertexRemap(v) : numKept + (v - numVerts); };
+
+    Remap triangleRemap(numTris, numTris);
+    if (numDeletedTris == 0)
+        triangleRemap.setSequential();
+    else
+        triangleRemap.setDeleteMap(deletedTris);
+    const int numFinalTris = numTris - numDeletedTris + numAppended;
+    triangleRemap.setRangeSize(numFinalTris);
+
+    MeshRemap meshRemap;
+    meshRemap.vertices = &vertexRemap;
+    meshRemap.triangles = &triangleRemap;
+    MeshModification change(&m_mesh, MeshModification::Remapped, &meshRemap);
+
+    // Per-vertex arrays close up in place (a pure deletion keeps the order), then grow by the
+    // new vertices, which start zeroed.
+    if (!removed.empty())
+    {
+        for (int a = 0; a < m_mesh.getNumAttributes(); ++a)
+        {
+            MeshAttributes* attributes = m_mesh.getAttributes(a);
+            const int width = attributes->getNumComponents();
+            float* data = attributes->getFloats();
+            const int n = std::min(attributes->getNumElements(), numVerts);
+            for (int v = 0; v < n; ++v)
+            {
+                const int to = vertexRemap(v);
+                if (to >= 0 && to != v)
+                    std::memcpy(data + std::ptrdiff_t(to) * width, data + std::ptrdiff_t(v) * width,
+                                sizeof(float) * std::size_t(width));
+            }
+        }
+    }
+    m_mesh.resizeVertexArray(numKept + numNew);
+    MeshVertex* newPoints = m_mesh.getVertices();
+    for (int s = 0; s < numSlots; ++s)
+        if (slotVertex[std::size_t(s)] >= 0)
+            newPoints[newVertex(slotVertex[std::size_t(s)])].set(m_topo.getPoint(s));
+
+    // Triangles: close up, renumber the untouched ones, then write the region's.
+    tris = m_mesh.getTriangles();
+    if (numDeletedTris > 0)
+    {
+        for (int t = 0; t < numTris; ++t)
+        {
+            const int to = triangleRemap(t);
+            if (to >= 0 && to != t)
+                tris[to] = tris[t];
+        }
+    }
+    m_mesh.resizeTriangleArray(numFinalTris);
+    tris = m_mesh.getTriangles();
+    if (!removed.empty())
+    {
+        int* indices = m_mesh.getTrianglesRaw();
+        const std::ptrdiff_t count = 3 * std::ptrdiff_t(numTris - numDeletedTris);
+        for (std::ptrdiff_t k = 0; k < count; ++k)
+            if (unsigned(indices[k]) < unsigned(numVerts))
+                indices[k] = vertexRemap(indices[k]);
+    }
+    auto renumbered = [&](const MeshTriangle& t) {
+        return MeshTriangle{{newVertex(t[0]), newVertex(t[1]), newVertex(t[2])}};
+    };
+    for (int i = 0; i < numRegionTris; ++i)
+        if (isPlaced[std::size_t(i)])
+            tris[triangleRemap(m_triangles[std::size_t(i)])] = renumbered(placed[std::size_t(i)]);
+    for (int k = 0; k < numAppended; ++k)
+        tris[numTris - numDeletedTris + k] = renumbered(extra[nextExtra + std::size_t(k)]);
+
+    m_mesh.modified(change);
+}
+
+} // namespace qyGeom

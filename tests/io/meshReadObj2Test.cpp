@@ -1,0 +1,250 @@
+// The strict OBJ parser (meshReadObj2) and the MTL reader (meshReadObjMaterial).
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "ioTestUtil.h"
+#include "qyGeom/meshReadObj.h"
+#include "qyGeom/meshReadObjMaterial.h"
+
+using namespace qyGeom;
+using qyIoTest::writeFile;
+
+namespace
+{
+
+struct Parsed
+{
+    qyUtil::Error error;
+    qy::Reference<MeshObjFile> file = qy::makeReference<MeshObjFile>();
+};
+
+Parsed parse(const std::string& text, const std::string& name = "t.obj")
+{
+    Parsed p;
+    p.error = meshReadObj2(writeFile(name, text), p.file);
+    return p;
+}
+
+std::string parseError(const std::string& text)
+{
+    const Parsed p = parse(text);
+    return p.error.message();
+}
+
+std::vector<MeshObjCorner> corners(const MeshObjGroup& g)
+{
+    return g.getCorners();
+}
+
+qyUtil::Error readMtl(const std::string& text, qy::vector<qy::Reference<MeshObjMaterial>>& out)
+{
+    return meshReadObjMaterial(writeFile("m.mtl", text), out);
+}
+
+} // namespace
+
+TEST(MeshReadObj2, StatementsGroupsAndIndices)
+{
+    const Parsed p = parse("v 1 2 3 v 4 5 6\n"
+                           "v 7 8 9 # a comment after a statement\n"
+                           "v -1 +2 .5e1\n"
+                           "vt 0.5 1\nvn 0 0 1\n"
+                           "o part\ns off\ns 1\n"
+                           "f 1/1/1 2//1 3/1\n"
+                           "f -1 -2 -3 -4\n"
+                           "g second name\n"
+                           "f 1 2 3 4 1\n"
+                           "g\ng third\n");
+    ASSERT_FALSE(p.error) << p.error.message();
+    const MeshObjFile& f = *p.file;
+    ASSERT_EQ(f.vertices.size(), 4u);
+    EXPECT_EQ(f.vertices[1], qyLinear::PointFlt(4, 5, 6));
+    EXPECT_EQ(f.vertices[3], qyLinear::PointFlt(-1, 2, 5));
+    EXPECT_EQ(f.texCoords.size(), 1u);
+    EXPECT_EQ(f.normals.size(), 1u);
+    EXPECT_EQ(f.numTriangles, 1);
+    EXPECT_EQ(f.numQuads, 1);
+    EXPECT_EQ(f.numPolygons, 1);
+    ASSERT_EQ(f.groups.size(), 2u);
+    const MeshObjGroup& g0 = *f.groups[0];
+    EXPECT_EQ(g0.getName(), "default");
+    ASSERT_EQ(g0.getNumFaces(), 2);
+    EXPECT_EQ(corners(g0), (std::vector<MeshObjCorner>{{0, 0, 0},
+                                                       {1, -1, 0},
+                                                       {2, 0, -1},
+                                                       {3, -1, -1},
+                                                       {2, -1, -1},
+                                                       {1, -1, -1},
+                                                       {0, -1, -1}}));
+    EXPECT_EQ(f.groups[1]->getName(), "second name");
+    EXPECT_EQ(f.groups[1]->getFaceSize(0), 5);
+}
+
+TEST(MeshReadObj2, EveryErrorNamesItsLine)
+{
+    const std::string v3 = "v 0 0 0\nv 1 0 0\nv 0 1 0\n";
+    const struct
+    {
+        std::string text;
+        std::string message;
+    } cases[] = {
+        {v3 + "f 1 2\n", "Parse failed on line 4: face has fewer than 3 vertex references\n"},
+        {v3 + "l 1 2\n", "Parse failed on line 4: expected OBJ statement or end of file\n"},
+        {"vp 1 2\n", "Parse failed on line 1: expected OBJ statement or end of file\n"},
+        {"v 1 2 x\n", "Parse failed on line 1: expecting number\n"},
+        {"v 1 2\nv 3 4 5\n", "Parse failed on line 1: expecting number\n"},
+        {v3 + "f 1 2 4\n", "Parse failed on line 4: invalid vertex index\n"},
+        {v3 + "f 0 1 2\n", "Parse failed on line 4: invalid zero vertex index\n"},
+        {v3 + "f -4 1 2\n", "Parse failed on line 4: invalid negative vertex index\n"},
+        {v3 + "vt 0 0\nf 1/2 2 3\n", "Parse failed on line 5: invalid positive vertex index\n"},
+        {v3 + "f 1/0 2 3\n", "Parse failed on line 4: invalid zero tex coord index\n"},
+        {v3 + "f 1/-1 2 3\n", "Parse failed on line 4: invalid negative tex coord index\n"},
+        {v3 + "f 1//1 2 3\n", "Parse failed on line 4: invalid positive vertex index\n"},
+        {v3 + "f 1//0 2 3\n", "Parse failed on line 4: invalid zero normal index\n"},
+        {v3 + "f 1//-2 2 3\n", "Parse failed on line 4: invalid negative normal index\n"},
+        {v3 + "f /1 2 3\n", "Parse failed on line 4: expecting vertex index\n"},
+        {v3 + "vt 0 0\nvn 0 0 1\nf 1/1/1/1 2 3\n",
+         "Parse failed on line 6: expecting vertex/texCoord/normal indices\n"},
+        {"o 12\n", "Parse failed on line 1: expecting object name\n"},
+        {"s x\n", "Parse failed on line 1: expecting smooth group number or 'off'\n"},
+        {"usemtl nothing\n", "Parse failed on line 1: material not found: nothing\n"},
+        {"\n\nv 1 2 3 @\n", "Unrecognized input on line 3"},
+        {"v 1 2 3\rv 1 2 3\n", "Unrecognized input on line 1"},
+        {"v - 1 2\n", "Unrecognized input on line 1"},
+    };
+    for (const auto& c : cases)
+    {
+        SCOPED_TRACE(c.text);
+        const Parsed p = parse(c.text);
+        EXPECT_EQ(p.error.message(), c.message);
+        EXPECT_EQ(p.error.code(), c.message.rfind("Parse", 0) == 0 ? 2 : 1);
+    }
+    const qyUtil::Error missing = meshReadObj2("/nonexistent/x.obj", nullptr);
+    EXPECT_EQ(missing.code(), 1);
+    EXPECT_EQ(missing.message(), "Cannot open file: /nonexistent/x.obj");
+    EXPECT_EQ(meshReadObj2(qyIoTest::scratchDir().string(), nullptr).code(), 1);
+    // An empty file and a CRLF file without a final line end are fine.
+    EXPECT_FALSE(parse("").error);
+    EXPECT_FALSE(parse("v 1 2 3\r\nv 1 2 3").error);
+}
+
+TEST(MeshReadObj2, MaterialsAndUsemtlPlacement)
+{
+    writeFile("lib.mtl", "newmtl red\nKd 1 0 0\nnewmtl blue\nKd 0 0 1\n");
+    const std::string head = "mtllib lib.mtl\nv 0 0 0\nv 1 0 0\nv 0 1 0\n";
+    Parsed p = parse(head + "usemtl red\nf 1 2 3\ng next\nusemtl blue\nf 1 2 3\ng last\nf 3 2 1\n");
+    ASSERT_FALSE(p.error) << p.error.message();
+    ASSERT_EQ(p.file->groups.size(), 3u);
+    EXPECT_EQ(p.file->materials.size(), 2u);
+    EXPECT_EQ(p.file->groups[0]->getMaterial()->getName(), "red");
+    EXPECT_EQ(p.file->groups[1]->getMaterial()->getName(), "blue");
+    EXPECT_EQ(p.file->groups[2]->getMaterial()->getName(), "blue"); // inherited
+    EXPECT_EQ(p.file->groups[2]->getName(), "last");
+
+    p = parse(head + "usemtl red\nf 1 2 3\nusemtl blue\nf 1 2 3\n");
+    EXPECT_EQ(p.error.message(),
+              "Parse failed on line 7: usemtl statement after face statements in group\n");
+    ASSERT_EQ(p.file->vertices.size(), 3u); // kept up to the error
+
+    // A library that fails to read stops the parse with its own error.
+    writeFile("bad.mtl", "newmtl a\nKe 0 0 0\n");
+    EXPECT_EQ(parseError("mtllib bad.mtl\n"),
+              "Parse failed on line 2: expecting 'newmtl' or end of file\n");
+    EXPECT_EQ(parseError("mtllib none.mtl\n"), "Lexical analysis failed");
+}
+
+TEST(MeshReadObj2, BatchesOfTokensJoinSeamlessly)
+{
+    // Two statements per line, corners of every form, thousands of tokens: the batches of
+    // tokens must join without losing or repeating one, and lines keep counting.
+    std::string clean;
+    for (int i = 0; i < 700; ++i)
+        clean += "v " + std::to_string(i) + " 1 2 vt 0 " + std::to_string(i) + "\n";
+    for (int i = 2; i < 700; ++i)
+        clean += "f " + std::to_string(i - 1) + "/" + std::to_string(i) + " -2/-1 " +
+                 std::to_string(i + 1) + "\n";
+    clean += "f 1 2 3";
+    Parsed p = parse(clean);
+    ASSERT_FALSE(p.error) << p.error.message();
+    ASSERT_EQ(p.file->groups.size(), 1u);
+    const MeshObjGroup& g = *p.file->groups[0];
+    ASSERT_EQ(g.getNumFaces(), 699);
+    for (int i = 2; i < 700; ++i)
+    {
+        const MeshObjCorner* c = g.getFaceCorners(i - 2);
+        ASSERT_EQ(c[0], (MeshObjCorner{i - 2, i - 1, -1}));
+        ASSERT_EQ(c[1], (MeshObjCorner{698, 699, -1}));
+        ASSERT_EQ(c[2], (MeshObjCorner{i, -1, -1}));
+    }
+    EXPECT_EQ(p.file->vertices[699], qyLinear::PointFlt(699, 1, 2));
+
+    // An error after several batches reports its own line.
+    const Parsed late = parse(clean + "\nl 1 2\n");
+    EXPECT_EQ(late.error.message(),
+              "Parse failed on line 1400: expected OBJ statement or end of file\n");
+}
+
+TEST(MeshReadObjMaterial, TokensGrammarAndMessages)
+{
+    qy::vector<qy::Reference<MeshObjMaterial>> m;
+    qyUtil::Error e = readMtl("# comment line first\n"
+                              "newmtl mat0\n"
+                              "Kd 1 0 0\r\n"
+                              "Ka .5 1e-1 -1.5e-3\n"
+                              "Tr 0.25\n"
+                              "\n"
+                              "illum 2\n# comment\n"
+                              "Ns 100.0\nNi 1.5\nTf 1 1 1\n"
+                              "map_Kd tex/a.png\nmap_Ka a\nmap_Ks s\n"
+                              "newmtl other\nd 0.25",
+                              m);
+    ASSERT_FALSE(e) << e.message();
+    ASSERT_EQ(m.size(), 2u);
+    const MeshObjMaterial& a = *m[0];
+    EXPECT_EQ(a.getName(), "mat0");
+    EXPECT_EQ(a.getMask(), 1u | 2u | 8u | 16u | 32u | 64u | 128u);
+    EXPECT_EQ(std::vector<float>(a.diffuse, a.diffuse + 4), (std::vector<float>{1, 0, 0, 1}));
+    EXPECT_EQ(std::vector<float>(a.ambient, a.ambient + 3),
+              (std::vector<float>{.5f, .1f, -1.5e-3f}));
+    EXPECT_EQ(a.dissolve, 0.25f);
+    EXPECT_EQ(m[1]->dissolve, 0.25f);
+    EXPECT_EQ(m[1]->getMask(), unsigned(MeshObjMaterial::Dissolve));
+    EXPECT_EQ(a.illumination, 2);
+    EXPECT_EQ(a.diffuseMap, "tex/a.png");
+    EXPECT_FALSE(a.has(MeshObjMaterial::Specular));
+
+    const struct
+    {
+        std::string text;
+        std::string message;
+    } cases[] = {
+        {"\nnewmtl a\n", "Parse failed on line 1: expecting 'newmtl' or end of file\n"},
+        {"newmtl a\nNs 100.0\nKe 0.0 0.0 0.0\n",
+         "Parse failed on line 3: expecting 'newmtl' or end of file\n"},
+        {"newmtl a\nillum 2.0\n", "Parse failed on line 2: expecting integer\n"},
+        // A comment takes its line end with it.
+        {"newmtl a\nillum 2 # c\nNs 1\n", "Parse failed on line 3: expecting newline\n"},
+        {"newmtl a\nKd 1 0\n", "Parse failed on line 2: expecting number\n"},
+        {"newmtl a\nKd 1 0 0 0\n", "Parse failed on line 2: expecting newline\n"},
+        {"newmtl\n", "Parse failed on line 1: expecting name\n"},
+        {"newmtl 12\n", "Parse failed on line 1: expecting name\n"},
+        {"newmtl a b\n", "Parse failed on line 1: expecting newline\n"},
+        {"newmtl a\nmap_Kd 1\n", "Parse failed on line 2: expecting name\n"},
+        {"newmtl a\nKd 1 @ 0\n", "Lexical analysis failed"},
+        {"newmtl \"a\"\n", "Lexical analysis failed"},
+        {"newmtl a\rKd 1 0 0\n", "Lexical analysis failed"},
+    };
+    for (const auto& c : cases)
+    {
+        SCOPED_TRACE(c.text);
+        e = readMtl(c.text, m);
+        EXPECT_EQ(e.message(), c.message);
+        EXPECT_EQ(e.code(), c.message.rfind("Parse", 0) == 0 ? 2 : 1);
+    }
+    EXPECT_EQ(meshReadObjMaterial("/nonexistent.mtl", m).message(), "Lexical analysis failed");
+    EXPECT_FALSE(readMtl("", m));
+    EXPECT_TRUE(m.empty());
+    EXPECT_FALSE(readMtl("# only a comment", m));
+}

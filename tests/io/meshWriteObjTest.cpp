@@ -1,0 +1,171 @@
+// The OBJ writer and the minimal counted format: text forms and round trips.
+#include "qyGeom/meshWriteObj.h"
+
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "ioTestUtil.h"
+#include "model/CompactMesh.h"
+#include "model/MeshSubset.h"
+#include "qyGeom/meshReadObj.h"
+#include "testMeshes.h"
+
+using namespace qyGeom;
+using qyIoTest::readText;
+using qyIoTest::scratchDir;
+
+namespace
+{
+
+CompactMesh oneTriangle()
+{
+    return qyTest::makeMesh({0, 0, 0, 1.5f, 0, 0, 0, 0.25f, -2}, {0, 1, 2});
+}
+
+std::string writeObj(const CompactMesh& m, const std::string& name)
+{
+    const std::string path = (scratchDir() / name).string();
+    EXPECT_TRUE(meshWriteObj(m, qyOS::Filename(path)));
+    return readText(path);
+}
+
+std::vector<float> vertices(const CompactMesh& m)
+{
+    return {m.getVerticesRaw(), m.getVerticesRaw() + 3 * m.getNumVertices()};
+}
+
+std::vector<int> triangles(const CompactMesh& m)
+{
+    return {m.getTrianglesRaw(), m.getTrianglesRaw() + 3 * m.getNumTriangles()};
+}
+
+} // namespace
+
+TEST(MeshWriteObj, FaceFormsFollowTheVertexData)
+{
+    CompactMesh m = oneTriangle();
+    EXPECT_EQ(writeObj(m, "plain.obj"), "v 0 0 0\nv 1.5 0 0\nv 0 0.25 -2\nf 1  2  3 \n");
+
+    m.allocNormalArray();
+    m.getNormals()[0] = {0, 0, 1};
+    EXPECT_EQ(writeObj(m, "n.obj"), "v 0 0 0\nv 1.5 0 0\nv 0 0.25 -2\n"
+                                    "vn 0 0 1\nvn 0 0 0\nvn 0 0 0\nf 1//1 2//2 3//3\n");
+    m.allocUVArray();
+    m.getUVs()[2] = {0.125f, 1e-7f};
+    EXPECT_EQ(writeObj(m, "nt.obj"), "v 0 0 0\nv 1.5 0 0\nv 0 0.25 -2\n"
+                                     "vn 0 0 1\nvn 0 0 0\nvn 0 0 0\n"
+                                     "vt 0 0\nvt 0 0\nvt 0.125 1e-07\nf 1/1/1 2/2/2 3/3/3\n");
+    m.deleteNormals();
+    EXPECT_EQ(writeObj(m, "t.obj"), "v 0 0 0\nv 1.5 0 0\nv 0 0.25 -2\n"
+                                    "vt 0 0\nvt 0 0\nvt 0.125 1e-07\nf 1/1 2/2 3/3\n");
+
+    // Six significant digits, as an output stream writes floats by default.
+    const CompactMesh big = qyTest::makeMesh(
+        {123456789.0f, 0.1f, -1.0f / 3, 1e-30f, 2, 3, 100000, 1000000, 0}, {0, 1, 2});
+    EXPECT_EQ(writeObj(big, "digits.obj"), "v 1.23457e+08 0.1 -0.333333\nv 1e-30 2 3\n"
+                                           "v 100000 1e+06 0\nf 1  2  3 \n");
+    EXPECT_FALSE(meshWriteObj(m, qyOS::Filename("/nonexistent/dir/x.obj")));
+}
+
+TEST(MeshWriteObj, SubsetsWriteMaterialsPairedWithColours)
+{
+    const CompactMesh m =
+        qyTest::makeMesh({0, 0, 0, 1, 0, 0, 0, 1, 0, 1, 1, 0}, {0, 1, 2, 1, 3, 2});
+    qy::list<qy::Reference<MeshSubset>> subsets;
+    subsets.push_back(qy::makeReference<MeshSubset>(std::vector<int>{}, std::vector<int>{1}));
+    subsets.push_back(qy::makeReference<MeshSubset>(std::vector<int>{}, std::vector<int>{}));
+    subsets.push_back(qy::makeReference<MeshSubset>(std::vector<int>{}, std::vector<int>{1, 0}));
+    const qy::list<qyUtil::Color> colors = {{1, 0, 0}, {0.5f, 0.25f, 1}};
+    const std::string path = (scratchDir() / "sub.obj").string();
+    ASSERT_TRUE(meshWriteObj(m, subsets, colors, qyOS::Filename(path)));
+    EXPECT_EQ(readText(path), "mtllib sub.mtl\n"
+                              "v 0 0 0\nv 1 0 0\nv 0 1 0\nv 1 1 0\n"
+                              "usemtl mat0\nf 2  4  3 \n"
+                              "usemtl mat1\n"
+                              "usemtl mat2\nf 2  4  3 \nf 1  2  3 \n");
+    const std::string lib = readText((scratchDir() / "sub.mtl").string());
+    EXPECT_EQ(lib, "newmtl mat0\nNs 100.0\nd 1.0\nillum 2\nKd 1 0 0\n"
+                   "Ka 1.0 1.0 1.0\nKs 1.0 1.0 1.0\nKe 0.0 0.0 0.0\n\n"
+                   "newmtl mat1\nNs 100.0\nd 1.0\nillum 2\nKd 0.5 0.25 1\n"
+                   "Ka 1.0 1.0 1.0\nKs 1.0 1.0 1.0\nKe 0.0 0.0 0.0\n\n");
+
+    // The forgiving reader reads it back; the strict one stops at the library's Ke line.
+    CompactMesh back;
+    qy::list<qy::Reference<MeshSubset>> s;
+    qy::vector<qy::vector<qyLinear::Point2Flt>> uvs;
+    qy::vector<qyString::IString> names;
+    qyOS::Filename mtl;
+    ASSERT_TRUE(meshReadObj(back, s, uvs, names, mtl, qyOS::Filename(path)));
+    EXPECT_EQ(mtl.str(), (scratchDir() / "sub.mtl").string());
+    EXPECT_EQ(back.getNumTriangles(), 2); // the repeated triangle is a duplicate
+    EXPECT_EQ(meshReadObj2(path, nullptr).message(),
+              "Parse failed on line 8: expecting 'newmtl' or end of file\n");
+}
+
+TEST(MeshWriteObj, RoundTripsKeepVerticesAndTriangles)
+{
+    for (const qyTest::TestMesh& t : qyTest::testMeshes::all())
+    {
+        SCOPED_TRACE(t.name);
+        if (t.mesh.getNumTriangles() == 0)
+            continue;
+        const std::string obj = (scratchDir() / (t.name + ".obj")).string();
+        ASSERT_TRUE(meshWriteObj(t.mesh, qyOS::Filename(obj)));
+        CompactMesh back;
+        ASSERT_TRUE(meshReadObj(back, qyOS::Filename(obj)));
+        // Degenerate triangles are left out by the reader; the rest keep their order.
+        std::vector<int> want;
+        const int* tris = t.mesh.getTrianglesRaw();
+        for (int i = 0; i < t.mesh.getNumTriangles(); ++i)
+        {
+            const int a = tris[3 * i], b = tris[3 * i + 1], c = tris[3 * i + 2];
+            if (a != b && b != c && a != c)
+                want.insert(want.end(), {a, b, c});
+        }
+        EXPECT_EQ(triangles(back), want);
+        ASSERT_EQ(back.getNumVertices(), t.mesh.getNumVertices());
+        for (int i = 0; i < 3 * back.getNumVertices(); ++i)
+            EXPECT_NEAR(back.getVerticesRaw()[i], t.mesh.getVerticesRaw()[i],
+                        1e-5 * (1 + std::abs(t.mesh.getVerticesRaw()[i])));
+
+        // The minimal format keeps every float exactly (10 significant digits).
+        const std::string txt = (scratchDir() / (t.name + ".mesh")).string();
+        meshWrite(t.mesh, qyOS::Filename(txt));
+        CompactMesh exact;
+        meshRead(exact, qyOS::Filename(txt));
+        EXPECT_EQ(vertices(exact), vertices(t.mesh));
+        EXPECT_EQ(triangles(exact), triangles(t.mesh));
+    }
+    const CompactMesh sphere = qyTest::makeUVSphere(20, 30);
+    const std::string txt = (scratchDir() / "sphere.mesh").string();
+    meshWrite(sphere, qyOS::Filename(txt));
+    CompactMesh exact;
+    meshRead(exact, qyOS::Filename(txt));
+    EXPECT_EQ(vertices(exact), vertices(sphere));
+    EXPECT_EQ(triangles(exact), triangles(sphere));
+}
+
+TEST(MeshRead, HostileCountsAndMissingFiles)
+{
+    CompactMesh m = oneTriangle();
+    meshRead(m, qyOS::Filename("/nonexistent/x.mesh"));
+    EXPECT_EQ(m.getNumTriangles(), 1); // untouched
+
+    // A header that claims 2^31 - 1 vertices builds what the file holds.
+    meshRead(m, qyOS::Filename(qyIoTest::writeFile("huge.mesh", "2147483647 2147483647\n"
+                                                                "1 2 3\n4 5 6\n")));
+    EXPECT_EQ(vertices(m), (std::vector<float>{1, 2, 3, 4, 5, 6}));
+    EXPECT_EQ(m.getNumTriangles(), 0);
+
+    // Out-of-range triangles are left out; the leading count is read and ignored.
+    meshRead(m, qyOS::Filename(qyIoTest::writeFile("bad.mesh", "3 3\n0 0 0\n1 0 0\n0 1 0\n"
+                                                               "3 0 1 2\n3 0 1 3\n4 2 1 0\n"
+                                                               "-1 1 2 0")));
+    EXPECT_EQ(triangles(m), (std::vector<int>{0, 1, 2, 2, 1, 0}));
+    meshRead(m, qyOS::Filename(qyIoTest::writeFile("neg.mesh", "-5 -5\n")));
+    EXPECT_EQ(m.getNumVertices(), 0);
+    meshRead(m, qyOS::Filename(qyIoTest::writeFile("garbage.mesh", std::string("\x01\xff\0", 3))));
+    EXPECT_EQ(m.getNumVertices(), 0);
+}
