@@ -51,9 +51,17 @@ struct VertexRows
     {
         for (int k = 0; k < 2; ++k)
         {
+            // One allocation of the final size per row keeps the rows packed in memory, in
+            // the order the solver reads them. The columns are distinct, so appending is what
+            // adding would do.
+            qy::vector<SparseElement>& out = A.row(first + k);
+            std::size_t count = 0;
+            for (const SparseElement& e : row[k])
+                count += e.value != 0.0 || e.column == first + k;
+            out.reserve(out.size() + count);
             for (const SparseElement& e : row[k])
                 if (e.value != 0.0 || e.column == first + k)
-                    A.addToElement(first + k, e.column, e.value);
+                    out.push_back(e);
             row[k].clear();
         }
     }

@@ -128,3 +128,23 @@ TEST(CutSurface, DiskIsLeftAloneAndCallerEdgesAreCut)
     qyGeom::meshAdjTris(mesh, adjTris);
     EXPECT_EQ(qyGeom::meshComponents(mesh, adjTris), 2);
 }
+
+TEST(CutSurface, SlitRunsAlongCreases)
+{
+    // On the cube the 90 degree creases cost less than the flat face diagonals, so the slit that
+    // opens the closed box follows box edges only.
+    CompactMesh cube = qyTest::makeCube();
+    const CompactMesh original = cube;
+    qyGeom::CutRegion region;
+    ASSERT_TRUE(qyGeom::cutSurface(cube, region, true));
+    ASSERT_GE(region.getNumEdges(), 2);
+    for (int e = 0; e < region.getNumEdges(); ++e)
+    {
+        const qyLinear::Point a = original.getVertices()[region.edges[2 * e]].asPoint();
+        const qyLinear::Point b = original.getVertices()[region.edges[2 * e + 1]].asPoint();
+        int differing = 0;
+        for (int k = 0; k < 3; ++k)
+            differing += a[k] != b[k];
+        EXPECT_EQ(differing, 1) << "edge " << region.edges[2 * e] << "-" << region.edges[2 * e + 1];
+    }
+}
