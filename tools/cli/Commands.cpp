@@ -18,6 +18,7 @@
 #include "model/Remap.h"
 #include "qyGeom/MeshCache.h"
 #include "qyGeom/MeshOrient.h"
+#include "qyGeom/cutSurface.h"
 #include "qyGeom/meshAdjacency.h"
 #include "qyGeom/meshBoundary.h"
 #include "qyGeom/meshBoundingBox.h"
@@ -179,12 +180,28 @@ int weld(CompactMesh& mesh, const char* caption)
     return before;
 }
 
-// Flattens `mesh` in place; fails with a clear line when the library could not.
+// Flattens `mesh` in place; fails with a clear line when the library could not. A surface
+// that is not a disk is cut open here, on the mesh itself, so that the vertices along the
+// seam are duplicated in the output and each side of the seam keeps its own UVs (the
+// flattening's own cut works on a private copy and can give a seam vertex only one UV).
 void flatten(CompactMesh& mesh, bool cut, bool compact)
 {
+    if (compact)
+        weld(mesh, "Welding");
+    requireNotCancelled();
+    int cutEdges = 0;
+    if (cut)
+    {
+        qyGeom::CutRegion region;
+        if (qyGeom::cutSurface(mesh, region, true))
+            cutEdges = region.getNumEdges();
+    }
+    if (cutEdges > 0)
+        std::printf("  cut to a disk along %d edges\n", cutEdges);
     qyGeom::reparameterizeMesh flattener(mesh);
     flattener.enableMeshCutSurface(cut);
-    flattener.enableMeshCompact(compact);
+    // Welding again would close the seam just cut.
+    flattener.enableMeshCompact(compact && cutEdges == 0);
     ProgressBar bar;
     const bool ok = flattener.flatten(bar);
     bar.finish();
