@@ -35,6 +35,17 @@ cmake --install build/ci-release --prefix build/ci-install
 cmake -S tests/consumer -B build/ci-consumer -DCMAKE_PREFIX_PATH="$PWD/build/ci-install"
 cmake --build build/ci-consumer -j"$jobs"
 LD_LIBRARY_PATH="$PWD/build/ci-install/lib:${LD_LIBRARY_PATH:-}" build/ci-consumer/consumer
+# The README's example of the typical request, on a small rippled grid.
+awk 'BEGIN { n = 8; for (j = 0; j <= n; j++) for (i = 0; i <= n; i++)
+                 printf "v %g %g %g\n", i / n, j / n, 0.1 * sin(3 * i / n) * cos(2 * j / n);
+             for (j = 0; j < n; j++) for (i = 0; i < n; i++) {
+                 a = j * (n + 1) + i + 1; b = a + 1; c = a + n + 2; d = a + n + 1;
+                 printf "f %d %d %d\nf %d %d %d\n", a, b, c, a, c, d } }' \
+    > build/ci-consumer/patch.obj
+LD_LIBRARY_PATH="$PWD/build/ci-install/lib:${LD_LIBRARY_PATH:-}" \
+    build/ci-consumer/typical_request build/ci-consumer/patch.obj build/ci-consumer/patch-uv.obj
+grep -q '^vt ' build/ci-consumer/patch-uv.obj
+build/ci-install/bin/qygeom --help >/dev/null
 
 echo "== Debug build under AddressSanitizer + UndefinedBehaviorSanitizer"
 cmake -S . -B build/ci-sanitize -DCMAKE_BUILD_TYPE=Debug -DQYGEOM_WERROR=ON \

@@ -1,0 +1,120 @@
+// reparameterizeMesh: conformal flattening of a disk-like triangle mesh into UV coordinates.
+#pragma once
+#include <utility>
+
+#include "base/Containers.h"
+#include "base/Linear.h"
+#include "model/CompactMesh.h"
+#include "qyGeom/MeshCache.h"
+#include "qyGeom/qyGeomExport.h"
+
+namespace qyOS
+{
+class AppOutput;
+}
+namespace qyUtil
+{
+class Progress;
+}
+
+namespace qyGeom
+{
+
+class ConjugateGradient;
+class MeshAdjTris;
+class NVector;
+class Remap;
+struct VertexRows;
+
+/// Flattens a triangle mesh onto the plane with a conformal (angle-preserving) map and writes
+/// the layout as the mesh's per-vertex UVs, fitted into the unit square with its aspect kept.
+///
+/// The map minimises the cotangent (Dirichlet) energy minus the signed area of the layout, with
+/// the two boundary vertices farthest apart along the outer boundary's longest axis pinned to
+/// their positions in the boundary's plane; the system is solved by conjugate gradient from the
+/// orthographic projection onto that plane. The work happens on a welded copy: inner holes are
+/// covered by temporary triangles (the mesh is not changed), and a closed surface or one with
+/// handles is cut to a disk first (cutSurface), unless cutting is switched off.
+///
+/// Every vertex of the caller's mesh receives the UV of the welded vertex it became. After a cut
+/// the vertices along the seam therefore carry the UV of one side only; a caller who wants the
+/// seam in its own mesh cuts it first (cutSurface) and flattens it with compaction off.
+///
+/// Lifetime: keeps a reference to the mesh until destroyed; the mesh must outlive the object.
+/// Threads: runs on the calling thread.
+class QYGEOM_API reparameterizeMesh
+{
+public:
+    /// Copies `mesh` as the working mesh; compaction and cutting are on.
+    explicit reparameterizeMesh(CompactMesh& mesh);
+    ~reparameterizeMesh();
+    reparameterizeMesh(const reparameterizeMesh&) = delete;
+    reparameterizeMesh& operator=(const reparameterizeMesh&) = delete;
+
+    /// Whether the working copy stays welded (default true). Off, the weld is undone when it
+    /// changes the number of boundary loops.
+    void enableMeshCompact(bool enable) { compactEnabled = enable; }
+    /// Whether a mesh that is closed or has handles may be cut to a disk (default true).
+    void enableMeshCutSurface(bool enable) { cutEnabled = enable; }
+
+    /// flatten(Progress&) with a progress object of its own. Each run starts from the mesh as it
+    /// is at the call.
+    bool flatten();
+    /// Computes the layout and writes it into the mesh's UVs.
+    /// @return true when UVs were written. False on cancellation, a degenerate triangle (two
+    ///   equal corners or an index outside the vertex array), a boundary loop shorter than three
+    ///   edges, several components (negative genus), a closed or higher-genus mesh with cutting
+    ///   off or a cut that fails, no outer boundary, or a solver failure; the mesh is then
+    ///   untouched.
+    /// Progress: "Copying Mesh" 0.025, "Finding Mesh Boundaries" 0.1, "Getting Extreme
+    ///   Vertices" 0.025, "Creating Plane" 0.025, free index 0.025, "Filling Mesh Holes" 0.025,
+    ///   "Solving" 0.75, "Applying to Mesh" 0.025; cancellation is polled after each step and
+    ///   inside assembly and solve.
+    /// Debug channel: the genus lines, "- - - MeshReparameterize: genus = %d\n", the
+    ///   compaction check, and the solve's statistics: "doCG: %d unknowns, %d hole
+    ///   triangles\n", "  assembled %d entries: %f s\n", "  solved in %d steps, relative
+    ///   residual %g: %f s\n". Application output: the plane choice, the solver's progress and
+    ///   result, and "There must be a boundary for the disk, none found. No changes made.\n".
+    /// Notifies: AttributesChanged with uvsModified.
+    /// Cost: the solve dominates: at most 2V - 4 conjugate-gradient steps on 2V - 4 unknowns.
+    bool flatten(qyUtil::Progress& progress);
+
+    /// One boundary edge of the working mesh: (start, end) vertex indices.
+    using boundaryEdge = std::pair<int, int>;
+    /// A boundary loop as its edges in order; the last ends where the first starts.
+    using Boundary = qy::vector<boundaryEdge>;
+
+private:
+    void prepareMesh(qyUtil::Progress& progress, Remap& remap);
+    int getMeshGenus(qy::vector<Boundary>& boundaries);
+    bool testDegenerate(int numTriangles, const int* triangles) const;
+    int getExtremeVerts(const qy::vector<Boundary>& boundaries, int extreme[2]) const;
+    qyLinear::AffineMatrix determineRotMatrix(const Boundary& outer, const int extreme[2]);
+    void rotateAndProject(const Boundary& outer, qy::vector<qyLinear::Point>& points,
+                          const int extreme[2]);
+    void buildFreeIndex(qy::vector<int>& freeIndex, const int extreme[2]) const;
+    void fillHoles(const qy::vector<Boundary>& boundaries, int outer,
+                   const qy::vector<int>& freeIndex, qy::vector<MeshTriangle>& holeTriangles);
+    void setupTriangle(VertexRows& rows, NVector& rhs, int i, int j, int k,
+                       const qyLinear::Point& Pi, const qyLinear::Point& Pj,
+                       const qyLinear::Point& Pk);
+    void setupVertexCG(const MeshAdjTris& adjTris, ConjugateGradient& cg, NVector& rhs, int v,
+                       const qy::vector<int>& freeIndex, const qy::vector<qyLinear::Point>& points,
+                       const qy::vector<MeshTriangle>& holeTriangles,
+                       const qy::vector<int>& holeStart, const qy::vector<int>& holeList);
+    int doCG(qy::vector<qyLinear::Point2>& uvs, int pin0, int pin1,
+             const qy::vector<qyLinear::Point>& points, const qy::vector<int>& freeIndex,
+             const qy::vector<MeshTriangle>& holeTriangles, qyUtil::Progress& progress);
+    void applyUvsToMesh(const qy::vector<qyLinear::Point2>& uvs, const Remap& remap);
+
+    CompactMesh& mesh;
+    CompactMesh work;
+    SimpleMeshCache cache;
+    qyOS::AppOutput& output;
+    bool compactEnabled = true;
+    bool cutEnabled = true;
+    /// False once a run has welded or cut work: the next run starts from a fresh copy.
+    bool workIsCopy = true;
+};
+
+} // namespace qyGeom

@@ -1,0 +1,520 @@
+// Cutting a mesh open along edges, and the tree-cotree cut graph that makes it a disk
+// (Eppstein 2003, "Dynamic generators of topologically embedded graphs"; Erickson and
+// Whittlesey 2005, "Greedy optimal homotopy and homology generators").
+#include "qyGeom/cutSurface.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <functional>
+#include <numeric>
+#include <queue>
+#include <vector>
+
+#include "base/StopWatch.h"
+#include "model/CompactMesh.h"
+#include "model/MeshModification.h"
+#include "model/debugChannel.h"
+
+namespace qyGeom
+{
+
+CutRegion::CutRegion() = default;
+CutRegion::~CutRegion() = default;
+
+void CutRegion::addEdge(int a, int b)
+{
+    edges.push_back(a);
+    edges.push_back(b);
+}
+
+namespace
+{
+
+using Key = std::uint64_t;
+
+Key edgeKey(int a, int b)
+{
+    if (a > b)
+        std::swap(a, b);
+    return (Key(std::uint32_t(a)) << 32) | Key(std::uint32_t(b));
+}
+
+struct DisjointSets
+{
+    std::vector<int> parent;
+    explicit DisjointSets(std::size_t n) : parent(n) { std::iota(parent.begin(), parent.end(), 0); }
+    int find(int x)
+    {
+        while (parent[std::size_t(x)] != x)
+        {
+            parent[std::size_t(x)] = parent[std::size_t(parent[std::size_t(x)])];
+            x = parent[std::size_t(x)];
+        }
+        return x;
+    }
+    bool unite(int a, int b)
+    {
+        a = find(a);
+        b = find(b);
+        if (a == b)
+            return false;
+        // The smaller root wins, so the grouping does not depend on the order of the unions.
+        if (a < b)
+            parent[std::size_t(b)] = a;
+        else
+            parent[std::size_t(a)] = b;
+        return true;
+    }
+};
+
+// The undirected edges of the triangles: edge e joins v0[e] < v1[e] and is run by the
+// half-edges (3 t + corner, from that corner to the next) halfEdges[start[e] .. start[e+1]).
+struct EdgeTable
+{
+    std::vector<Key> keys;
+    std::vector<int> start;
+    std::vector<int> halfEdges;
+    std::vector<int> edgeOf; // per half-edge, -1 for degenerate or invalid ones
+
+    int numEdges() const { return int(keys.size()); }
+    int count(int e) const { return start[std::size_t(e) + 1] - start[std::size_t(e)]; }
+    int find(int a, int b) const
+    {
+        const Key k = edgeKey(a, b);
+        auto it = std::lower_bound(keys.begin(), keys.end(), k);
+        return it != keys.end() && *it == k ? int(it - keys.begin()) : -1;
+    }
+    int v0(int e) const { return int(keys[std::size_t(e)] >> 32); }
+    int v1(int e) const { return int(keys[std::size_t(e)] & 0xffffffffu); }
+};
+
+bool validTriangle(const int* t, int numVertices)
+{
+    for (int k = 0; k < 3; ++k)
+        if (t[k] < 0 || t[k] >= numVertices)
+            return false;
+    return true;
+}
+
+void buildEdges(const int* tris, int numTris, int numVertices, EdgeTable& table)
+{
+    std::vector<std::pair<Key, int>> items;
+    items.reserve(3 * std::size_t(numTris));
+    for (int t = 0; t < numTris; ++t)
+    {
+        const int* c = tris + 3 * std::size_t(t);
+        if (!validTriangle(c, numVertices))
+            continue;
+        for (int k = 0; k < 3; ++k)
+            if (c[k] != c[(k + 1) % 3])
+                items.emplace_back(edgeKey(c[k], c[(k + 1) % 3]), 3 * t + k);
+    }
+    std::sort(items.begin(), items.end());
+    table.edgeOf.assign(3 * std::size_t(numTris), -1);
+    table.halfEdges.resize(items.size());
+    for (std::size_t i = 0; i < items.size(); ++i)
+    {
+        if (i == 0 || items[i].first != items[i - 1].first)
+        {
+            table.keys.push_back(items[i].first);
+            table.start.push_back(int(i));
+        }
+        table.halfEdges[i] = items[i].second;
+        table.edgeOf[std::size_t(items[i].second)] = int(table.keys.size()) - 1;
+    }
+    table.start.push_back(int(items.size()));
+}
+
+qyLinear::Vector faceNormal(const MeshVertex* verts, const int* c)
+{
+    const qyLinear::Point a = verts[c[0]].asPoint(), b = verts[c[1]].asPoint(),
+                          d = verts[c[2]].asPoint();
+    const qyLinear::Vector n = qyLinear::cross(b - a, d - a);
+    const double len = n.length();
+    return len > 0.0 ? n / len : qyLinear::Vector(0, 0, 0);
+}
+
+// Chooses the edges of a cut graph and marks them in `cut`. `open` marks the edges that are
+// already boundaries of the surface (boundary, non-manifold or cut by the caller).
+void chooseDiskCut(const CompactMesh& mesh, const EdgeTable& table, const std::vector<char>& open,
+                   std::vector<char>& cut)
+{
+    const int numVertices = mesh.getNumVertices();
+    const int numTris = mesh.getNumTriangles();
+    const int numEdges = table.numEdges();
+    const int* tris = mesh.getTrianglesRaw();
+    const MeshVertex* verts = mesh.getVertices();
+    auto triOf = [&](int e, int i)
+    { return table.halfEdges[std::size_t(table.start[std::size_t(e)] + i)] / 3; };
+
+    // Cost: length, lowered where the two triangles fold (a crease hides a seam).
+    std::vector<double> cost(static_cast<std::size_t>(numEdges));
+    for (int e = 0; e < numEdges; ++e)
+    {
+        double c = qyLinear::distance(verts[table.v0(e)].asPoint(), verts[table.v1(e)].asPoint());
+        if (!open[std::size_t(e)])
+        {
+            const double cosAngle =
+                qyLinear::dot(faceNormal(verts, tris + 3 * std::size_t(triOf(e, 0))),
+                              faceNormal(verts, tris + 3 * std::size_t(triOf(e, 1))));
+            c *= 0.25 + 0.75 * 0.5 * (1.0 + std::clamp(cosAngle, -1.0, 1.0));
+        }
+        cost[std::size_t(e)] = c;
+    }
+
+    // Components of triangles across the edges that are not open.
+    DisjointSets comps(static_cast<std::size_t>(numTris));
+    for (int e = 0; e < numEdges; ++e)
+        if (!open[std::size_t(e)])
+            comps.unite(triOf(e, 0), triOf(e, 1));
+
+    // Vertex -> incident edges.
+    std::vector<int> incStart(std::size_t(numVertices) + 1, 0), inc(2 * std::size_t(numEdges));
+    for (int e = 0; e < numEdges; ++e)
+    {
+        ++incStart[std::size_t(table.v0(e)) + 1];
+        ++incStart[std::size_t(table.v1(e)) + 1];
+    }
+    std::partial_sum(incStart.begin(), incStart.end(), incStart.begin());
+    {
+        std::vector<int> fill(incStart.begin(), incStart.end() - 1);
+        for (int e = 0; e < numEdges; ++e)
+        {
+            inc[std::size_t(fill[std::size_t(table.v0(e))]++)] = e;
+            inc[std::size_t(fill[std::size_t(table.v1(e))]++)] = e;
+        }
+    }
+
+    // Sources of the shortest-path forest: every vertex on an open edge, and one root per
+    // closed component, its vertex farthest from the component's centroid.
+    std::vector<char> compOpen(std::size_t(numTris), 0);
+    for (int e = 0; e < numEdges; ++e)
+        if (open[std::size_t(e)])
+            for (int i = 0; i < table.count(e); ++i)
+                compOpen[std::size_t(comps.find(triOf(e, i)))] = 1;
+    std::vector<qyLinear::Vector> centroid(std::size_t(numTris), qyLinear::Vector(0, 0, 0));
+    std::vector<int> compCount(std::size_t(numTris), 0);
+    for (int t = 0; t < numTris; ++t)
+    {
+        const int* c = tris + 3 * std::size_t(t);
+        if (!validTriangle(c, numVertices))
+            continue;
+        const int r = comps.find(t);
+        for (int k = 0; k < 3; ++k)
+            centroid[std::size_t(r)] += qyLinear::Vector(verts[c[k]].asPoint());
+        compCount[std::size_t(r)] += 3;
+    }
+    std::vector<int> root(std::size_t(numTris), -1);
+    std::vector<double> rootDist(std::size_t(numTris), -1.0);
+    for (int t = 0; t < numTris; ++t)
+    {
+        const int* c = tris + 3 * std::size_t(t);
+        const int r = comps.find(t);
+        if (compOpen[std::size_t(r)] || !validTriangle(c, numVertices))
+            continue;
+        const qyLinear::Vector mean = centroid[std::size_t(r)] / double(compCount[std::size_t(r)]);
+        const qyLinear::Point centre(mean.x, mean.y, mean.z);
+        for (int k = 0; k < 3; ++k)
+        {
+            const double d = qyLinear::distance(verts[c[k]].asPoint(), centre);
+            if (d > rootDist[std::size_t(r)])
+            {
+                rootDist[std::size_t(r)] = d;
+                root[std::size_t(r)] = c[k];
+            }
+        }
+    }
+
+    std::vector<double> dist(std::size_t(numVertices), HUGE_VAL);
+    std::vector<int> parentEdge(std::size_t(numVertices), -1);
+    using Item = std::pair<double, int>;
+    std::priority_queue<Item, std::vector<Item>, std::greater<Item>> heap;
+    for (int e = 0; e < numEdges; ++e)
+        if (open[std::size_t(e)])
+            for (int v : {table.v0(e), table.v1(e)})
+                if (dist[std::size_t(v)] != 0.0)
+                {
+                    dist[std::size_t(v)] = 0.0;
+                    heap.emplace(0.0, v);
+                }
+    for (int t = 0; t < numTris; ++t)
+        if (root[std::size_t(t)] >= 0 && dist[std::size_t(root[std::size_t(t)])] != 0.0)
+        {
+            dist[std::size_t(root[std::size_t(t)])] = 0.0;
+            heap.emplace(0.0, root[std::size_t(t)]);
+        }
+    while (!heap.empty())
+    {
+        const auto [d, v] = heap.top();
+        heap.pop();
+        if (d > dist[std::size_t(v)])
+            continue;
+        for (int i = incStart[std::size_t(v)]; i < incStart[std::size_t(v) + 1]; ++i)
+        {
+            const int e = inc[std::size_t(i)];
+            if (open[std::size_t(e)])
+                continue;
+            const int w = table.v0(e) == v ? table.v1(e) : table.v0(e);
+            const double nd = d + cost[std::size_t(e)];
+            if (nd < dist[std::size_t(w)])
+            {
+                dist[std::size_t(w)] = nd;
+                parentEdge[std::size_t(w)] = e;
+                heap.emplace(nd, w);
+            }
+        }
+    }
+    std::vector<char> inTree(std::size_t(numEdges), 0);
+    for (int v = 0; v < numVertices; ++v)
+        if (parentEdge[std::size_t(v)] >= 0)
+            inTree[std::size_t(parentEdge[std::size_t(v)])] = 1;
+
+    // Spanning tree of the triangles across the other edges, most expensive first; the tree
+    // edges are crossed only where nothing else connects.
+    std::vector<int> order;
+    for (int e = 0; e < numEdges; ++e)
+        if (!open[std::size_t(e)] && !inTree[std::size_t(e)])
+            order.push_back(e);
+    std::stable_sort(order.begin(), order.end(),
+                     [&](int a, int b) { return cost[std::size_t(a)] > cost[std::size_t(b)]; });
+    for (int e = 0; e < numEdges; ++e)
+        if (!open[std::size_t(e)] && inTree[std::size_t(e)])
+            order.push_back(e);
+    DisjointSets dual(static_cast<std::size_t>(numTris));
+    std::vector<char> inGraph(std::size_t(numEdges), 0);
+    for (int e : order)
+        if (!dual.unite(triOf(e, 0), triOf(e, 1)))
+            inGraph[std::size_t(e)] = 1;
+    for (int e = 0; e < numEdges; ++e)
+        if (open[std::size_t(e)])
+            inGraph[std::size_t(e)] = 1;
+
+    // Prune dangling branches; open edges stay.
+    std::vector<int> degree(std::size_t(numVertices), 0);
+    for (int e = 0; e < numEdges; ++e)
+        if (inGraph[std::size_t(e)])
+        {
+            ++degree[std::size_t(table.v0(e))];
+            ++degree[std::size_t(table.v1(e))];
+        }
+    std::vector<int> stack;
+    for (int v = 0; v < numVertices; ++v)
+        if (degree[std::size_t(v)] == 1)
+            stack.push_back(v);
+    while (!stack.empty())
+    {
+        const int v = stack.back();
+        stack.pop_back();
+        if (degree[std::size_t(v)] != 1)
+            continue;
+        for (int i = incStart[std::size_t(v)]; i < incStart[std::size_t(v) + 1]; ++i)
+        {
+            const int e = inc[std::size_t(i)];
+            if (!inGraph[std::size_t(e)])
+                continue;
+            if (open[std::size_t(e)])
+                break;
+            inGraph[std::size_t(e)] = 0;
+            const int w = table.v0(e) == v ? table.v1(e) : table.v0(e);
+            --degree[std::size_t(v)];
+            if (--degree[std::size_t(w)] == 1)
+                stack.push_back(w);
+            break;
+        }
+    }
+
+    // A closed component of genus 0 has nothing left: slit it from its root to the vertex
+    // farthest from it (by the path costs), along the shortest-path tree.
+    std::vector<char> compCut(std::size_t(numTris), 0);
+    for (int e = 0; e < numEdges; ++e)
+        if (inGraph[std::size_t(e)])
+            compCut[std::size_t(comps.find(triOf(e, 0)))] = 1;
+    std::vector<int> farthest(std::size_t(numTris), -1);
+    for (int t = 0; t < numTris; ++t)
+    {
+        const int* c = tris + 3 * std::size_t(t);
+        const int r = comps.find(t);
+        if (root[std::size_t(r)] < 0 || compCut[std::size_t(r)] || !validTriangle(c, numVertices))
+            continue;
+        for (int k = 0; k < 3; ++k)
+        {
+            const int v = c[k];
+            const int f = farthest[std::size_t(r)];
+            if (dist[std::size_t(v)] != HUGE_VAL &&
+                (f < 0 || dist[std::size_t(v)] > dist[std::size_t(f)]))
+                farthest[std::size_t(r)] = v;
+        }
+    }
+    for (int r = 0; r < numTris; ++r)
+    {
+        int v = farthest[std::size_t(r)];
+        if (v < 0)
+            continue;
+        int length = 0;
+        const int far = v;
+        while (parentEdge[std::size_t(v)] >= 0)
+        {
+            const int e = parentEdge[std::size_t(v)];
+            inGraph[std::size_t(e)] = 1;
+            v = table.v0(e) == v ? table.v1(e) : table.v0(e);
+            ++length;
+        }
+        // One edge would open a boundary of two edges; extend the slit by one more.
+        if (length == 1)
+        {
+            for (int i = incStart[std::size_t(far)]; i < incStart[std::size_t(far) + 1]; ++i)
+            {
+                const int e = inc[std::size_t(i)];
+                if (!inGraph[std::size_t(e)] && !open[std::size_t(e)])
+                {
+                    inGraph[std::size_t(e)] = 1;
+                    break;
+                }
+            }
+        }
+    }
+    for (int e = 0; e < numEdges; ++e)
+        if (inGraph[std::size_t(e)] && !open[std::size_t(e)])
+            cut[std::size_t(e)] = 1;
+}
+
+} // namespace
+
+bool cutSurface(CompactMesh& mesh, CutRegion& region, bool makeDisk)
+{
+    const int numVertices = mesh.getNumVertices();
+    const int numTris = mesh.getNumTriangles();
+    debugChannel().print("cutSurface: %d vertices, %d triangles\n", numVertices, numTris);
+    qyOS::StopWatch watch;
+    watch.start();
+
+    region.originalVertex.resize(static_cast<std::size_t>(numVertices));
+    std::iota(region.originalVertex.begin(), region.originalVertex.end(), 0);
+    EdgeTable table;
+    buildEdges(mesh.getTrianglesRaw(), numTris, numVertices, table);
+    const int numEdges = table.numEdges();
+    debugChannel().print("  built edges: %f s\n", watch.clear());
+
+    // Edges that are open already: boundary (one triangle), non-manifold (three or more) and
+    // those the caller cuts.
+    std::vector<char> cut(std::size_t(numEdges), 0), open(std::size_t(numEdges), 0);
+    for (int e = 0; e < numEdges; ++e)
+        open[std::size_t(e)] = table.count(e) != 2;
+    for (std::size_t i = 0; i + 1 < region.edges.size(); i += 2)
+    {
+        const int e = table.find(region.edges[i], region.edges[i + 1]);
+        if (e >= 0)
+            cut[std::size_t(e)] = open[std::size_t(e)] = 1;
+    }
+    if (makeDisk)
+    {
+        chooseDiskCut(mesh, table, open, cut);
+        debugChannel().print("  chose cut graph: %f s\n", watch.clear());
+    }
+
+    // Group the corners of each vertex into fans across uncut manifold edges.
+    const int* tris = mesh.getTrianglesRaw();
+    DisjointSets corners(3 * std::size_t(numTris));
+    for (int t = 0; t < numTris; ++t)
+    {
+        const int* c = tris + 3 * std::size_t(t);
+        for (int k = 0; k < 3; ++k)
+            if (c[k] == c[(k + 1) % 3])
+                corners.unite(3 * t + k, 3 * t + (k + 1) % 3);
+    }
+    int numCut = 0;
+    region.edges.clear();
+    for (int e = 0; e < numEdges; ++e)
+    {
+        if (cut[std::size_t(e)] || table.count(e) != 2)
+        {
+            if (cut[std::size_t(e)] || table.count(e) > 2)
+            {
+                region.edges.push_back(table.v0(e));
+                region.edges.push_back(table.v1(e));
+                ++numCut;
+            }
+            continue;
+        }
+        const int h0 = table.halfEdges[std::size_t(table.start[std::size_t(e)])];
+        const int h1 = table.halfEdges[std::size_t(table.start[std::size_t(e)]) + 1];
+        const int t1 = h1 / 3, k1 = h1 % 3;
+        const int a0 = h0, b0 = 3 * (h0 / 3) + (h0 % 3 + 1) % 3;
+        const int a1 = 3 * t1 + k1, b1 = 3 * t1 + (k1 + 1) % 3;
+        if (tris[a0] == tris[a1])
+        {
+            corners.unite(a0, a1);
+            corners.unite(b0, b1);
+        }
+        else
+        {
+            corners.unite(a0, b1);
+            corners.unite(b0, a1);
+        }
+    }
+
+    std::vector<int> fanVertex(3 * std::size_t(numTris), -1);
+    std::vector<char> used(std::size_t(numVertices), 0);
+    std::vector<int> newTris(tris, tris + 3 * std::size_t(numTris));
+    int newCount = numVertices;
+    for (int t = 0; t < numTris; ++t)
+    {
+        if (!validTriangle(tris + 3 * std::size_t(t), numVertices))
+            continue;
+        for (int k = 0; k < 3; ++k)
+        {
+            const int c = 3 * t + k, v = tris[c];
+            const int r = corners.find(c);
+            if (fanVertex[std::size_t(r)] < 0)
+            {
+                if (!used[std::size_t(v)])
+                {
+                    used[std::size_t(v)] = 1;
+                    fanVertex[std::size_t(r)] = v;
+                }
+                else
+                {
+                    fanVertex[std::size_t(r)] = newCount++;
+                    region.originalVertex.push_back(v);
+                }
+            }
+            newTris[std::size_t(c)] = fanVertex[std::size_t(r)];
+        }
+    }
+    debugChannel().print("  grouped corners: %f s\n", watch.clear());
+    debugChannel().print("  cut %d edges, added %d vertices\n", numCut, newCount - numVertices);
+    if (newCount == numVertices)
+        return false;
+
+    mesh.resizeVertexArray(newCount);
+    MeshVertex* verts = mesh.getVertices();
+    MeshNormal* normals = mesh.getNormals();
+    MeshUV* uvs = mesh.getUVs();
+    MeshUV* sts = mesh.getSTs();
+    for (int v = numVertices; v < newCount; ++v)
+    {
+        const int o = region.originalVertex[std::size_t(v)];
+        verts[v] = verts[o];
+        if (normals)
+            normals[v] = normals[o];
+        if (uvs)
+            uvs[v] = uvs[o];
+        if (sts)
+            sts[v] = sts[o];
+    }
+    std::copy(newTris.begin(), newTris.end(), mesh.getTrianglesRaw());
+    MeshModification modification(&mesh, MeshModification::Remapped);
+    if (normals)
+        modification.normalsModified();
+    if (uvs)
+        modification.uvsModified();
+    if (sts)
+        modification.stsModified();
+    modification.triangleNormalsValid();
+    mesh.modified(modification);
+    debugChannel().print("  duplicated vertices: %f s\n", watch.clear());
+    return true;
+}
+
+} // namespace qyGeom
