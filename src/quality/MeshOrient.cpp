@@ -31,13 +31,23 @@ EdgeDirection edgeDirection(const int* u, int a, int b)
     return EdgeDirection::Absent;
 }
 
-// The adjacency list of a, or none when a is not a vertex the adjacency knows.
-bool adjacentTriangles(const MeshAdjTris& adjacency, int a, const int*& list, int& count)
+// Calls visit(u, direction) for every triangle u other than t in the adjacency list of the
+// vertex at corner i of t, in list order, with how u traverses t's edge from corner i to the
+// next corner. Stops and returns false as soon as visit does.
+template <class Visit>
+bool forEachSharer(const MeshAdjTris& adjacency, const int* tris, int n, int t, int i, Visit visit)
 {
+    const int a = tris[3 * t + i], b = tris[3 * t + (i + 1) % 3];
     if (a < 0 || a >= adjacency.getNumVertices())
-        return false;
-    list = adjacency.triIndices(a);
-    count = adjacency.numTris(a);
+        return true;
+    const int* list = adjacency.triIndices(a);
+    const int count = adjacency.numTris(a);
+    for (int j = 0; j < count; ++j)
+    {
+        const int u = list[j];
+        if (u != t && u >= 0 && u < n && !visit(u, edgeDirection(tris + 3 * u, a, b)))
+            return false;
+    }
     return true;
 }
 
@@ -62,20 +72,10 @@ bool MeshOrient::computeOriented() const
     const int n = m_mesh.getNumTriangles();
     for (int t = 0; t < n; ++t)
         for (int i = 0; i < 3; ++i)
-        {
-            const int a = tris[3 * t + i], b = tris[3 * t + (i + 1) % 3];
-            const int* list = nullptr;
-            int count = 0;
-            if (!adjacentTriangles(m_adjacency, a, list, count))
-                continue;
-            for (int j = 0; j < count; ++j)
-            {
-                const int u = list[j];
-                if (u != t && u >= 0 && u < n &&
-                    edgeDirection(tris + 3 * u, a, b) == EdgeDirection::Same)
-                    return false;
-            }
-        }
+            if (!forEachSharer(m_adjacency, tris, n, t, i,
+                               [](int, EdgeDirection direction)
+                               { return direction != EdgeDirection::Same; }))
+                return false;
     return true;
 }
 
@@ -130,37 +130,33 @@ bool MeshOrient::search(bool& flipped, int start)
         const int t = m_queue[std::size_t(head++)];
         for (int i = 0; i < 3; ++i)
         {
-            // Read the edge afresh: t itself may have been flipped when it was reached.
-            const int a = tris[3 * t + i], b = tris[3 * t + (i + 1) % 3];
-            const int* list = nullptr;
-            int count = 0;
-            if (!adjacentTriangles(m_adjacency, a, list, count))
-                continue;
-            for (int j = 0; j < count; ++j)
-            {
-                const int u = list[j];
-                if (u == t || u < 0 || u >= n)
-                    continue;
-                int* corners = tris + 3 * u;
-                const EdgeDirection direction = edgeDirection(corners, a, b);
-                if (direction == EdgeDirection::Absent)
-                    continue;
-                if (direction == EdgeDirection::Same)
-                {
-                    if (m_affected.isBitSet(u))
-                    {
-                        m_conflictTriangle = u;
-                        return false;
-                    }
-                    std::swap(corners[1], corners[2]);
-                    flipped = true;
-                }
-                if (!m_affected.isBitSet(u))
-                {
-                    m_affected.setBit(u);
-                    m_queue[std::size_t(tail++)] = u;
-                }
-            }
+            // The edge is read afresh for each corner: t itself may have been flipped when
+            // it was reached.
+            const bool consistent =
+                forEachSharer(m_adjacency, tris, n, t, i,
+                              [&](int u, EdgeDirection direction)
+                              {
+                                  if (direction == EdgeDirection::Absent)
+                                      return true;
+                                  if (direction == EdgeDirection::Same)
+                                  {
+                                      if (m_affected.isBitSet(u))
+                                      {
+                                          m_conflictTriangle = u;
+                                          return false;
+                                      }
+                                      std::swap(tris[3 * u + 1], tris[3 * u + 2]);
+                                      flipped = true;
+                                  }
+                                  if (!m_affected.isBitSet(u))
+                                  {
+                                      m_affected.setBit(u);
+                                      m_queue[std::size_t(tail++)] = u;
+                                  }
+                                  return true;
+                              });
+            if (!consistent)
+                return false;
         }
     }
     return true;

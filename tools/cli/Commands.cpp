@@ -362,53 +362,59 @@ int runCheck(Args& args)
 // ---------------------------------------------------------------------------------------
 // weld, normals, convert
 
-int runWeld(Args& args)
+namespace
+{
+
+// The shape of the commands that turn one mesh file into another: checks the arguments and
+// the output's format before the (possibly long) read, transforms, then writes.
+template <class Transform>
+int transformFile(Args& args, bool objOnly, const char* objOnlyMessage, Transform transform)
 {
     const std::string in = args.positional("input file");
     const std::string out = args.positional("output file");
     args.finish();
     refuseOverwritingInput(in, out);
-    formatOf(out);
+    if (formatOf(out) != MeshFormat::Obj && objOnly)
+        usageError(objOnlyMessage);
     CompactMesh mesh;
     readMesh(in, mesh);
-    const int before = weld(mesh, "Welding");
+    const std::string report = transform(mesh);
     requireNotCancelled();
     writeMesh(mesh, out);
-    std::printf("welded %d vertices into %d; %d triangles; wrote %s\n", before,
-                mesh.getNumVertices(), mesh.getNumTriangles(), out.c_str());
+    std::printf("%s; wrote %s\n", report.c_str(), out.c_str());
     return 0;
+}
+
+} // namespace
+
+int runWeld(Args& args)
+{
+    return transformFile(args, false, nullptr,
+                         [](CompactMesh& mesh)
+                         {
+                             const int before = weld(mesh, "Welding");
+                             return format("welded %d vertices into %d; %d triangles", before,
+                                           mesh.getNumVertices(), mesh.getNumTriangles());
+                         });
 }
 
 int runNormals(Args& args)
 {
-    const std::string in = args.positional("input file");
-    const std::string out = args.positional("output file");
-    args.finish();
-    refuseOverwritingInput(in, out);
-    if (formatOf(out) != MeshFormat::Obj)
-        usageError("normals are written in OBJ only (.obj)");
-    CompactMesh mesh;
-    readMesh(in, mesh);
-    qyGeom::meshComputeNormals(mesh);
-    requireNotCancelled();
-    writeMesh(mesh, out);
-    std::printf("computed %d vertex normals; wrote %s\n", mesh.getNumVertices(), out.c_str());
-    return 0;
+    return transformFile(args, true, "normals are written in OBJ only (.obj)",
+                         [](CompactMesh& mesh)
+                         {
+                             qyGeom::meshComputeNormals(mesh);
+                             return format("computed %d vertex normals", mesh.getNumVertices());
+                         });
 }
 
 int runConvert(Args& args)
 {
-    const std::string in = args.positional("input file");
-    const std::string out = args.positional("output file");
-    args.finish();
-    refuseOverwritingInput(in, out);
-    formatOf(out);
-    CompactMesh mesh;
-    readMesh(in, mesh);
-    writeMesh(mesh, out);
-    std::printf("wrote %s: %d vertices, %d triangles\n", out.c_str(), mesh.getNumVertices(),
-                mesh.getNumTriangles());
-    return 0;
+    return transformFile(args, false, nullptr,
+                         [](CompactMesh& mesh) {
+                             return format("%d vertices, %d triangles", mesh.getNumVertices(),
+                                           mesh.getNumTriangles());
+                         });
 }
 
 // ---------------------------------------------------------------------------------------
