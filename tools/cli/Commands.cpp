@@ -180,6 +180,17 @@ int weld(CompactMesh& mesh, const char* caption)
     return before;
 }
 
+// Fails with the reason when the surface is in several pieces, which flattening refuses.
+void requireOnePiece(const CompactMesh& mesh)
+{
+    qyGeom::SimpleMeshCache cache;
+    const int pieces = qyGeom::meshComponents(mesh, *cache.getAdjTris(mesh), nullptr);
+    if (pieces > 1)
+        throw Failure(format("the mesh has %d separate pieces; flatten works on one connected "
+                             "surface",
+                             pieces));
+}
+
 // Flattens `mesh` in place; fails with a clear line when the library could not. A surface
 // that is not a disk is cut open here, on the mesh itself, so that the vertices along the
 // seam are duplicated in the output and each side of the seam keeps its own UVs (the
@@ -189,6 +200,20 @@ void flatten(CompactMesh& mesh, bool cut, bool compact)
     if (compact)
         weld(mesh, "Welding");
     requireNotCancelled();
+    requireOnePiece(mesh);
+    {
+        // Flattening reads the winding to find boundaries and sides: make it consistent.
+        qyGeom::SimpleMeshCache cache;
+        const auto adjTris = cache.getAdjTris(mesh);
+        if (!qyGeom::meshOriented(mesh, *adjTris))
+        {
+            if (!qyGeom::meshMakeOriented(mesh, *adjTris))
+                throw Failure("the triangles cannot be given one consistent winding (a "
+                              "Moebius band or a non-manifold edge); flatten needs an "
+                              "orientable surface");
+            std::printf("  turned triangles to give the surface one consistent winding\n");
+        }
+    }
     int cutEdges = 0;
     if (cut)
     {
@@ -203,13 +228,20 @@ void flatten(CompactMesh& mesh, bool cut, bool compact)
     // Welding again would close the seam just cut.
     flattener.enableMeshCompact(compact && cutEdges == 0);
     ProgressBar bar;
+    // The flattening states why it gave up on the statistics channel: keep its last word.
+    DebugCapture capture;
     const bool ok = flattener.flatten(bar);
     bar.finish();
     requireNotCancelled();
     if (!ok)
-        throw Failure(cut ? "the mesh could not be flattened (see the messages above)"
-                          : "the mesh could not be flattened without cutting it (see the "
-                            "messages above; try without --no-cut)");
+    {
+        const std::string reason = capture.lastLineStartingWith(
+            {"getMeshGenus: boundary", "getMeshGenus: genus = ", "prepareMesh: compacting"});
+        throw Failure(std::string(cut ? "the mesh could not be flattened"
+                                      : "the mesh could not be flattened without cutting it "
+                                        "(try without --no-cut)") +
+                      (reason.empty() ? "" : " (" + reason + ")"));
+    }
 }
 
 void reportLayout(const UvLayoutStats& stats)
