@@ -68,3 +68,11 @@ if command -v clang++ >/dev/null; then
         build/ci-fuzz/$target -runs=0 -close_fd_mask=1 fuzz/corpus/$target
     done
 fi
+
+# One closing line for the whole run: every ctest stage above passed or the script stopped.
+total=0
+for tree in build/ci-release build/ci-sanitize build/ci-tsan; do
+    n=$(ctest --test-dir "$tree" -N | sed -n 's/^Total Tests: //p')
+    total=$((total + n))
+done
+echo "ci: $total passed, 0 failed"
