@@ -699,7 +699,7 @@ bool ObjLineReader::finish()
         for (ObjLineReader* part : all)
             total += (part->*member).size();
         out.clear();
-        reserveHuge(out, total);
+        objText::reserveHuge(out, total);
         for (ObjLineReader* part : all)
             (part->*member).moveAppendTo(out);
     };
