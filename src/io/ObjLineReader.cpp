@@ -596,63 +596,89 @@ void ObjLineReader::parseFace(const char* p, const char* end)
         m_faceMaterial.push_back(m_currentMaterial);
 }
 
-bool ObjLineReader::validFace(const int* corners, int n, int numPositions)
+ObjLineReader::FaceCheck ObjLineReader::checkFace(const int* corners, int n, int numPositions)
 {
     for (int c = 0; c < n; ++c)
         if (corners[c] < 1 || corners[c] > numPositions)
-            return false;
+            return FaceOutOfRange;
     if (n == 3)
     {
         const int a = corners[0], b = corners[1], c = corners[2];
         if (a == b || a == c || b == c)
-        {
-            std::printf("%d, %d, %d\n", a, b, c);
-            return false;
-        }
+            return FaceDegenerate;
     }
-    return true;
+    return FaceValid;
+}
+
+bool ObjLineReader::validFace(const int* corners, int n, int numPositions)
+{
+    const FaceCheck check = checkFace(corners, n, numPositions);
+    if (check == FaceDegenerate)
+        std::printf("%d, %d, %d\n", corners[0], corners[1], corners[2]);
+    return check == FaceValid;
 }
 
 bool ObjLineReader::buildPlainMesh(CompactMesh& mesh)
 {
+    // Parts (the pieces of a parse in pieces) are checked and copied in parallel, each into
+    // its own place; the degenerate triangles are printed afterwards, in file order.
     const std::vector<const ObjLineReader*> all = parts();
+    const std::size_t numParts = all.size();
     const int nPos = numPositions();
-    std::size_t nFaces = 0;
-    for (const ObjLineReader* part : all)
-        nFaces += part->m_faceSizes.size();
-    std::vector<unsigned char> keep(nFaces);
-    std::size_t keptFaces = 0, keptCorners = 0;
-    std::vector<int> face;
-    std::size_t g = 0;
-    for (const ObjLineReader* part : all)
-        for (std::size_t f = 0, c = 0; f < part->m_faceSizes.size(); ++f, ++g)
+    struct PartResult
+    {
+        std::vector<unsigned char> keep;
+        std::vector<int> degenerate; ///< corner triples to print
+        std::size_t keptFaces = 0, keptCorners = 0, setAside = 0;
+    };
+    std::vector<PartResult> results(numParts);
+    qyUtil::ThreadPool& pool = qyUtil::ThreadPool::get();
+    qyUtil::runChunks(
+        pool, int(numParts),
+        [&](qyUtil::ThreadedChunkAlg&, int, int begin, int end)
         {
-            const int n = part->m_faceSizes[f];
-            face.resize(std::size_t(n));
-            for (int k = 0; k < n; ++k)
-                face[std::size_t(k)] = part->m_cornerPos[c + std::size_t(k)];
-            c += std::size_t(n);
-            keep[g] = validFace(face.data(), n, nPos);
-            if (keep[g])
+            std::vector<int> face;
+            for (int k = begin; k < end; ++k)
             {
-                ++keptFaces;
-                keptCorners += std::size_t(n);
+                const ObjLineReader& part = *all[std::size_t(k)];
+                PartResult& res = results[std::size_t(k)];
+                res.keep.resize(part.m_faceSizes.size());
+                for (std::size_t f = 0, c = 0; f < part.m_faceSizes.size(); ++f)
+                {
+                    const int n = part.m_faceSizes[f];
+                    face.resize(std::size_t(n));
+                    for (int i = 0; i < n; ++i)
+                        face[std::size_t(i)] = part.m_cornerPos[c + std::size_t(i)];
+                    c += std::size_t(n);
+                    const FaceCheck check = checkFace(face.data(), n, nPos);
+                    res.keep[f] = check == FaceValid;
+                    if (check == FaceValid)
+                    {
+                        ++res.keptFaces;
+                        res.keptCorners += std::size_t(n);
+                        continue;
+                    }
+                    ++res.setAside;
+                    if (check == FaceDegenerate)
+                        res.degenerate.insert(res.degenerate.end(), face.begin(), face.end());
+                }
             }
-            else
-            {
-                ++numSetAside;
-            }
-        }
+        },
+        nullptr, 1);
+    std::size_t keptFaces = 0, keptCorners = 0;
+    for (const PartResult& res : results)
+    {
+        for (std::size_t i = 0; i < res.degenerate.size(); i += 3)
+            std::printf("%d, %d, %d\n", res.degenerate[i], res.degenerate[i + 1],
+                        res.degenerate[i + 2]);
+        keptFaces += res.keptFaces;
+        keptCorners += res.keptCorners;
+        numSetAside += int(res.setAside);
+    }
     if (nPos == 0 || keptFaces == 0)
         return false;
     CompactMesh built;
     built.resizeVertexArray(nPos);
-    float* xyz = built.getVerticesRaw();
-    for (const ObjLineReader* part : all)
-    {
-        part->m_positions.copyTo(xyz);
-        xyz += part->m_positions.size();
-    }
     const bool triangles = keptCorners == 3 * keptFaces;
     int* out;
     int* lengths = nullptr;
@@ -667,20 +693,41 @@ bool ObjLineReader::buildPlainMesh(CompactMesh& mesh)
         out = built.getPolyPoints();
         lengths = built.getPolyLengths();
     }
-    g = 0;
-    for (const ObjLineReader* part : all)
-        for (std::size_t f = 0, c = 0; f < part->m_faceSizes.size(); ++f, ++g)
+    float* const xyz = built.getVerticesRaw();
+    std::vector<std::size_t> posStart(numParts + 1, 0), keptFaceStart(numParts + 1, 0),
+        cornerStart(numParts + 1, 0);
+    for (std::size_t k = 0; k < numParts; ++k)
+    {
+        posStart[k + 1] = posStart[k] + all[k]->m_positions.size();
+        keptFaceStart[k + 1] = keptFaceStart[k] + results[k].keptFaces;
+        cornerStart[k + 1] = cornerStart[k] + results[k].keptCorners;
+    }
+    qyUtil::runChunks(
+        pool, int(numParts),
+        [&](qyUtil::ThreadedChunkAlg&, int, int begin, int end)
         {
-            const int n = part->m_faceSizes[f];
-            if (keep[g])
+            for (int k = begin; k < end; ++k)
             {
-                for (int k = 0; k < n; ++k)
-                    *out++ = part->m_cornerPos[c + std::size_t(k)] - 1;
-                if (lengths)
-                    *lengths++ = n;
+                const ObjLineReader& part = *all[std::size_t(k)];
+                const PartResult& res = results[std::size_t(k)];
+                part.m_positions.copyTo(xyz + posStart[std::size_t(k)]);
+                int* o = out + cornerStart[std::size_t(k)];
+                int* len = lengths ? lengths + keptFaceStart[std::size_t(k)] : nullptr;
+                for (std::size_t f = 0, c = 0; f < part.m_faceSizes.size(); ++f)
+                {
+                    const int n = part.m_faceSizes[f];
+                    if (res.keep[f])
+                    {
+                        for (int i = 0; i < n; ++i)
+                            *o++ = part.m_cornerPos[c + std::size_t(i)] - 1;
+                        if (len)
+                            *len++ = n;
+                    }
+                    c += std::size_t(n);
+                }
             }
-            c += std::size_t(n);
-        }
+        },
+        nullptr, 1);
     mesh = std::move(built);
     return true;
 }

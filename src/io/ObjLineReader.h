@@ -163,7 +163,15 @@ private:
     const char* readNumber(const char* p, const char* end, float& out);
     void parseFace(const char* p, const char* end);
     void useMaterial(const char* p, const char* end);
-    /// Whether a face (1-based corners) survives validation; prints a degenerate triangle.
+    enum FaceCheck
+    {
+        FaceValid,
+        FaceOutOfRange,
+        FaceDegenerate ///< a triangle with a repeated corner
+    };
+    /// Whether a face (1-based corners) survives validation, and if not, why.
+    static FaceCheck checkFace(const int* corners, int n, int numPositions);
+    /// Whether a face survives validation; prints a degenerate triangle.
     static bool validFace(const int* corners, int n, int numPositions);
 
     bool m_wantSubsets;
