@@ -1,5 +1,6 @@
 // Large OBJ files are parsed in pieces on the thread pool: every read must give exactly what
 // the one-thread (streaming) read gives, whatever the file holds near the cuts.
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -75,6 +76,9 @@ std::string gridText(const TextOptions& o, int rows = 60)
         }
         if (r == 20)
             s += "f 1 1 2\nf 1 2 999999\n"; // degenerate, out of range: set aside
+        if (r % 9 == 4)                     // degenerate triangles are printed, in file order
+            s += "f " + std::to_string(r * cols) + " " + std::to_string(r * cols + 1) + " " +
+                 std::to_string(r * cols) + "\n";
     }
     if (!o.finalNewline)
         s += "f 1 2 302";
@@ -90,6 +94,7 @@ struct Reads
     qy::vector<qyString::IString> materials;
     qyOS::Filename mtl;
     int topoVertices = 0, topoFaces = 0;
+    int numPrintedLines = 0;
 };
 
 Reads readAll(const std::string& path, int numThreads)
@@ -128,8 +133,13 @@ std::vector<int> faces(const CompactMesh& m)
 Reads expectSameWithAnyThreadCount(const std::string& name, const std::string& text)
 {
     const std::string path = qyIoTest::writeFile(name, text);
-    const Reads one = readAll(path, 1);
+    testing::internal::CaptureStdout();
+    Reads one = readAll(path, 1);
+    const std::string printedOne = testing::internal::GetCapturedStdout();
+    one.numPrintedLines = int(std::count(printedOne.begin(), printedOne.end(), '\n'));
+    testing::internal::CaptureStdout();
     const Reads four = readAll(path, 4);
+    EXPECT_EQ(printedOne, testing::internal::GetCapturedStdout());
     EXPECT_EQ(one.plainOk, four.plainOk);
     EXPECT_EQ(vertices(one.plain), vertices(four.plain));
     EXPECT_EQ(faces(one.plain), faces(four.plain));
@@ -160,6 +170,7 @@ TEST(MeshReadObjPieces, LargeFilesReadAsOneStream)
     EXPECT_TRUE(plain.subsetsOk);
     EXPECT_FALSE(plain.subsetTriangles.empty());
     EXPECT_EQ(plain.mtl.str(), (qyIoTest::scratchDir() / "second.mtl").string());
+    EXPECT_EQ(plain.numPrintedLines, 3 * 8); // eight degenerate triangles in each of three reads
 
     TextOptions quads;
     quads.quads = true;
