@@ -591,7 +591,16 @@ void ObjLineReader::parseFace(const char* p, const char* end)
             m_cornerNormal.push_back(m_scratch[3 * std::size_t(k) + 2]);
         }
     }
-    m_faceSizes.push_back(n);
+    if (m_allTriangles && n != 3)
+    {
+        // The first face that is not a triangle: from now on every face's size is kept.
+        for (std::size_t f = 0; f < m_numFaces; ++f)
+            m_faceSizes.push_back(3);
+        m_allTriangles = false;
+    }
+    if (!m_allTriangles)
+        m_faceSizes.push_back(n);
+    ++m_numFaces;
     if (m_wantMaterials)
         m_faceMaterial.push_back(m_currentMaterial);
 }
@@ -642,10 +651,10 @@ bool ObjLineReader::buildPlainMesh(CompactMesh& mesh)
             {
                 const ObjLineReader& part = *all[std::size_t(k)];
                 PartResult& res = results[std::size_t(k)];
-                res.keep.resize(part.m_faceSizes.size());
-                for (std::size_t f = 0, c = 0; f < part.m_faceSizes.size(); ++f)
+                res.keep.resize(part.m_numFaces);
+                for (std::size_t f = 0, c = 0; f < part.m_numFaces; ++f)
                 {
-                    const int n = part.m_faceSizes[f];
+                    const int n = part.parsedFaceSize(f);
                     face.resize(std::size_t(n));
                     for (int i = 0; i < n; ++i)
                         face[std::size_t(i)] = part.m_cornerPos[c + std::size_t(i)];
@@ -713,9 +722,9 @@ bool ObjLineReader::buildPlainMesh(CompactMesh& mesh)
                 part.m_positions.copyTo(xyz + posStart[std::size_t(k)]);
                 int* o = out + cornerStart[std::size_t(k)];
                 int* len = lengths ? lengths + keptFaceStart[std::size_t(k)] : nullptr;
-                for (std::size_t f = 0, c = 0; f < part.m_faceSizes.size(); ++f)
+                for (std::size_t f = 0, c = 0; f < part.m_numFaces; ++f)
                 {
-                    const int n = part.m_faceSizes[f];
+                    const int n = part.parsedFaceSize(f);
                     if (res.keep[f])
                     {
                         for (int i = 0; i < n; ++i)
@@ -760,7 +769,17 @@ bool ObjLineReader::finish()
     m_finished = true;
     {
         std::vector<int> sizes;
-        gather(sizes, &ObjLineReader::m_faceSizes);
+        std::size_t total = 0;
+        for (const ObjLineReader* part : all)
+            total += part->m_numFaces;
+        sizes.reserve(total);
+        for (ObjLineReader* part : all)
+        {
+            if (part->m_allTriangles)
+                sizes.insert(sizes.end(), part->m_numFaces, 3);
+            else
+                part->m_faceSizes.moveAppendTo(sizes);
+        }
         m_pieces.clear();
         faceStart.resize(sizes.size() + 1);
         faceStart[0] = 0;

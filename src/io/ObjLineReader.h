@@ -200,6 +200,10 @@ private:
     BlockSequence<float> m_positions, m_normals, m_texCoords;
     /// The pieces of a parse in pieces, in file order (empty otherwise).
     std::vector<std::unique_ptr<ObjLineReader>> m_pieces;
+    /// The faces parsed; their sizes are kept from the first face that is not a triangle on.
+    std::size_t m_numFaces = 0;
+    bool m_allTriangles = true;
+    int parsedFaceSize(std::size_t f) const { return m_allTriangles ? 3 : m_faceSizes[f]; }
     BlockSequence<int> m_faceSizes, m_cornerPos, m_cornerTex, m_cornerNormal, m_faceMaterial;
 };
 
