@@ -101,15 +101,18 @@ void BM_ReadWrittenGrid(benchmark::State& state)
 } // namespace
 
 BENCHMARK_CAPTURE(BM_ReadPlain, sphere_textured, "sphere_textured.obj")
-    ->Unit(benchmark::kMillisecond);
-BENCHMARK_CAPTURE(BM_ReadPlain, grid, "grid.obj")->Unit(benchmark::kMillisecond);
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
+BENCHMARK_CAPTURE(BM_ReadPlain, grid, "grid.obj")->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK_CAPTURE(BM_ReadSubsets, sphere_textured, "sphere_textured.obj")
-    ->Unit(benchmark::kMillisecond);
-BENCHMARK_CAPTURE(BM_ReadSubsets, grid, "grid.obj")->Unit(benchmark::kMillisecond);
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
+BENCHMARK_CAPTURE(BM_ReadSubsets, grid, "grid.obj")->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK_CAPTURE(BM_ReadStrict, sphere_textured, "sphere_textured.obj")
-    ->Unit(benchmark::kMillisecond);
-BENCHMARK_CAPTURE(BM_ReadStrict, grid, "grid.obj")->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_WriteGrid)->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_ReadWrittenGrid)->Unit(benchmark::kMillisecond);
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
+BENCHMARK_CAPTURE(BM_ReadStrict, grid, "grid.obj")->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_WriteGrid)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_ReadWrittenGrid)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 BENCHMARK_MAIN();

@@ -1,13 +1,18 @@
 #include "io/ObjLineReader.h"
 
 #include <algorithm>
+#include <atomic>
+#include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <sys/stat.h>
+#include <unistd.h>
 #include <unordered_map>
 #include <unordered_set>
 
+#include "base/ThreadPool.h"
 #include "io/objText.h"
 #include "model/CompactMesh.h"
 
@@ -70,8 +75,20 @@ bool ObjLineReader::readFile(const char* path)
     if (!f)
         return false;
     struct stat st;
-    if (fstat(fileno(f.get()), &st) == 0 && S_ISDIR(st.st_mode))
+    const bool statted = fstat(fileno(f.get()), &st) == 0;
+    if (statted && S_ISDIR(st.st_mode))
         return false;
+    qyUtil::ThreadPool& pool = qyUtil::ThreadPool::get();
+    if (statted && S_ISREG(st.st_mode) && std::size_t(st.st_size) >= 2 * PieceBytes &&
+        pool.getNumThreads() > 1)
+    {
+        if (parsePieces(fileno(f.get()), std::size_t(st.st_size)))
+        {
+            switchKind(KindOther);
+            return true;
+        }
+        // The pieces could not stand for the whole text: the ordinary read below.
+    }
     // Lines are parsed in place from a large block; a line that does not fit the
     // 16384-byte line buffer (16383 characters and the terminator) ends the reading after
     // its first 16383 characters, as a bounded getline would.
@@ -115,6 +132,235 @@ bool ObjLineReader::readFile(const char* path)
     }
     switchKind(KindOther);
     return true;
+}
+
+bool ObjLineReader::parseLines(const char* p, const char* end, bool last)
+{
+    while (p < end)
+    {
+        const char* nl = static_cast<const char*>(std::memchr(p, '\n', std::size_t(end - p)));
+        const char* lineEnd = nl ? nl : end;
+        if (!nl && !last)
+            break;
+        if (lineEnd - p >= LineBufferSize)
+        {
+            parseLine(p, p + LineBufferSize - 1);
+            m_stopped = true;
+            return true;
+        }
+        parseLine(p, lineEnd);
+        if (!nl)
+            return false;
+        p = nl + 1;
+    }
+    if (last)
+        parseLine(p, end); // the empty piece after a final '\n'
+    return false;
+}
+
+namespace
+{
+
+/// Reads [offset, offset + n) of a file into out; returns the bytes read (short at the end
+/// of the file or on an error).
+std::size_t readAt(int fd, std::size_t offset, char* out, std::size_t n)
+{
+    std::size_t done = 0;
+    while (done < n)
+    {
+        const ssize_t got = ::pread(fd, out + done, n - done, off_t(offset + done));
+        if (got < 0 && errno == EINTR)
+            continue;
+        if (got <= 0)
+            break;
+        done += std::size_t(got);
+    }
+    return done;
+}
+
+/// The text of one piece of a file: the lines that start in [k * PieceBytes, (k + 1) *
+/// PieceBytes), a line starting where the previous one ends. Piece k (k > 0) starts after
+/// the first '\n' at or after byte k * PieceBytes - 1, so the cut depends only on the text
+/// and no line is split. Reads into `buffer`, which grows for long lines.
+struct PieceText
+{
+    const char* begin = nullptr;
+    const char* end = nullptr;
+    bool reachesEnd = false; ///< the piece ends at the end of the file
+};
+
+PieceText readPiece(int fd, std::size_t k, std::size_t pieceBytes, std::vector<char>& buffer)
+{
+    const std::size_t from = k == 0 ? 0 : k * pieceBytes - 1;
+    const std::size_t cutAfter = (k + 1) * pieceBytes - 1 - from; // relative to `from`
+    std::size_t filled = 0, start = k == 0 ? 0 : std::size_t(-1), end = std::size_t(-1);
+    std::size_t scanned = 0;
+    bool eof = false;
+    if (buffer.size() < pieceBytes + 65536)
+        buffer.resize(pieceBytes + 65536);
+    for (;;)
+    {
+        if (filled == buffer.size())
+            buffer.resize(buffer.size() * 2);
+        const std::size_t want = buffer.size() - filled;
+        const std::size_t got = readAt(fd, from + filled, buffer.data() + filled, want);
+        filled += got;
+        eof = got < want;
+        // Find the start, then the first '\n' at or after cutAfter.
+        while (scanned < filled && (start == std::size_t(-1) || end == std::size_t(-1)))
+        {
+            if (start == std::size_t(-1))
+            {
+                const void* nl = std::memchr(buffer.data() + scanned, '\n', filled - scanned);
+                if (!nl)
+                {
+                    scanned = filled;
+                    break;
+                }
+                start = std::size_t(static_cast<const char*>(nl) - buffer.data()) + 1;
+                scanned = start;
+                // A line that crosses the whole piece: the next piece starts at the same
+                // line, this one is empty.
+                if (start - 1 >= cutAfter)
+                    end = start;
+                continue;
+            }
+            scanned = std::max(scanned, cutAfter);
+            if (scanned >= filled)
+                break;
+            const void* nl = std::memchr(buffer.data() + scanned, '\n', filled - scanned);
+            if (!nl)
+            {
+                scanned = filled;
+                break;
+            }
+            end = std::size_t(static_cast<const char*>(nl) - buffer.data()) + 1;
+        }
+        if ((start != std::size_t(-1) && end != std::size_t(-1)) || eof)
+            break;
+    }
+    PieceText piece;
+    if (start == std::size_t(-1))
+        start = filled;
+    piece.reachesEnd = end == std::size_t(-1);
+    if (piece.reachesEnd)
+        end = filled;
+    piece.begin = buffer.data() + start;
+    piece.end = buffer.data() + std::max(start, end);
+    return piece;
+}
+
+} // namespace
+
+bool ObjLineReader::parsePieces(int fd, std::size_t fileSize)
+{
+    const std::size_t numPieces = (fileSize + PieceBytes - 1) / PieceBytes;
+    std::vector<std::unique_ptr<ObjLineReader>> pieces(numPieces);
+    for (std::size_t k = 0; k < numPieces; ++k)
+    {
+        pieces[k] =
+            std::make_unique<ObjLineReader>(m_wantSubsets, m_wantMaterials, m_allowNonManifold);
+        if (k > 0)
+        {
+            pieces[k]->m_firstLine = false;
+            pieces[k]->m_laterPiece = true;
+            pieces[k]->m_currentMaterial = InheritedMaterial;
+        }
+    }
+    // Every pool thread takes the next piece and reads it into its own buffer; the pieces'
+    // results are appended in file order below, so the thread count does not matter.
+    class Job final : public qyUtil::ThreadedAlg
+    {
+    public:
+        Job(int fd, std::vector<std::unique_ptr<ObjLineReader>>& pieces)
+            : m_fd(fd), m_pieces(pieces)
+        {
+        }
+        void execute(int task, int) override
+        {
+            std::vector<char> buffer;
+            for (;;)
+            {
+                const std::size_t k = m_next.fetch_add(1, std::memory_order_relaxed);
+                if (k >= m_pieces.size() || cancelled(task))
+                    return;
+                const PieceText text = readPiece(m_fd, k, PieceBytes, buffer);
+                ObjLineReader& r = *m_pieces[k];
+                // The last piece of the file parses the text after its last '\n' too.
+                r.m_reachesEnd = text.reachesEnd;
+                r.parseLines(text.begin, text.end, text.reachesEnd);
+                r.switchKind(KindOther);
+            }
+        }
+
+    private:
+        int m_fd;
+        std::vector<std::unique_ptr<ObjLineReader>>& m_pieces;
+        std::atomic<std::size_t> m_next{0};
+    };
+    Job job(fd, pieces);
+    qyUtil::ThreadPool::get().run(job);
+
+    // The pieces up to the one that stopped the reading or reached the end of the file
+    // count. Their result equals the
+    // whole-text parse unless a decimal comma was switched on (the first comment of the file
+    // decides it), a later piece met a relative index, or the corner count overflows.
+    std::size_t used = 0, corners = 0;
+    for (; used < numPieces; ++used)
+    {
+        const ObjLineReader& r = *pieces[used];
+        if (r.m_commaDecimal || r.m_sawRelativeIndex)
+            return false;
+        corners += r.m_cornerPos.size();
+        if (r.m_stopped || r.m_reachesEnd)
+        {
+            ++used;
+            break;
+        }
+    }
+    if (corners > std::size_t(0x7fffffff))
+        return false;
+    // Material numbers become the whole file's (in order of first use), and the faces before
+    // a piece's first usemtl take the material in force at the piece's start.
+    std::vector<int> materialMap;
+    for (std::size_t k = 0; k < used; ++k)
+    {
+        ObjLineReader& piece = *pieces[k];
+        timeV += piece.timeV;
+        timeN += piece.timeN;
+        timeT += piece.timeT;
+        if (piece.m_sawMtllib)
+            mtllib = piece.mtllib;
+        if (!m_wantMaterials)
+            continue;
+        materialMap.clear();
+        for (const std::string& name : piece.materialNames)
+        {
+            const auto it = std::find(materialNames.begin(), materialNames.end(), name);
+            materialMap.push_back(int(it - materialNames.begin()));
+            if (it == materialNames.end())
+                materialNames.push_back(name);
+        }
+        const int inherited = m_currentMaterial;
+        auto global = [&](int m) {
+            return m == InheritedMaterial ? inherited : m < 0 ? m : materialMap[std::size_t(m)];
+        };
+        piece.m_faceMaterial.transform(global);
+        m_currentMaterial = global(piece.m_currentMaterial);
+    }
+    pieces.resize(used);
+    m_pieces = std::move(pieces);
+    return true;
+}
+
+std::vector<const ObjLineReader*> ObjLineReader::parts() const
+{
+    if (m_pieces.empty())
+        return {this};
+    std::vector<const ObjLineReader*> out;
+    for (const auto& piece : m_pieces)
+        out.push_back(piece.get());
+    return out;
 }
 
 bool ObjLineReader::readMemory(const char* data, unsigned int length)
@@ -256,6 +502,7 @@ void ObjLineReader::parseLine(const char* p, const char* end)
             --e;
         }
         mtllib.assign(b, e);
+        m_sawMtllib = true;
     }
 }
 
@@ -306,16 +553,26 @@ void ObjLineReader::parseFace(const char* p, const char* end)
                     slash2 = tokenEnd;
             }
         }
-        pos = resolveIndex(readIndex(p, tokenEnd), nPos);
+        const int rawPos = readIndex(p, tokenEnd);
+        m_sawRelativeIndex |= m_laterPiece && rawPos < 0;
+        pos = resolveIndex(rawPos, nPos);
         // Texture and normal indices matter only to the reads that keep them.
         if (slash && m_keepAttributes)
         {
             const char* t = slash + 1;
             const char* texEnd = slash2 ? slash2 : tokenEnd;
             if (texEnd > t)
-                tex = resolveIndex(readIndex(t, texEnd), nTex);
+            {
+                const int raw = readIndex(t, texEnd);
+                m_sawRelativeIndex |= m_laterPiece && raw < 0;
+                tex = resolveIndex(raw, nTex);
+            }
             if (slash2)
-                nrm = resolveIndex(readIndex(slash2 + 1, tokenEnd), nNrm);
+            {
+                const int raw = readIndex(slash2 + 1, tokenEnd);
+                m_sawRelativeIndex |= m_laterPiece && raw < 0;
+                nrm = resolveIndex(raw, nNrm);
+            }
         }
         m_scratch.push_back(pos);
         m_scratch.push_back(tex);
@@ -334,58 +591,103 @@ void ObjLineReader::parseFace(const char* p, const char* end)
             m_cornerNormal.push_back(m_scratch[3 * std::size_t(k) + 2]);
         }
     }
-    m_faceSizes.push_back(n);
+    if (m_allTriangles && n != 3)
+    {
+        // The first face that is not a triangle: from now on every face's size is kept.
+        for (std::size_t f = 0; f < m_numFaces; ++f)
+            m_faceSizes.push_back(3);
+        m_allTriangles = false;
+    }
+    if (!m_allTriangles)
+        m_faceSizes.push_back(n);
+    ++m_numFaces;
     if (m_wantMaterials)
         m_faceMaterial.push_back(m_currentMaterial);
 }
 
-bool ObjLineReader::validFace(const int* corners, int n, int numPositions)
+ObjLineReader::FaceCheck ObjLineReader::checkFace(const int* corners, int n, int numPositions)
 {
     for (int c = 0; c < n; ++c)
         if (corners[c] < 1 || corners[c] > numPositions)
-            return false;
+            return FaceOutOfRange;
     if (n == 3)
     {
         const int a = corners[0], b = corners[1], c = corners[2];
         if (a == b || a == c || b == c)
-        {
-            std::printf("%d, %d, %d\n", a, b, c);
-            return false;
-        }
+            return FaceDegenerate;
     }
-    return true;
+    return FaceValid;
+}
+
+bool ObjLineReader::validFace(const int* corners, int n, int numPositions)
+{
+    const FaceCheck check = checkFace(corners, n, numPositions);
+    if (check == FaceDegenerate)
+        std::printf("%d, %d, %d\n", corners[0], corners[1], corners[2]);
+    return check == FaceValid;
 }
 
 bool ObjLineReader::buildPlainMesh(CompactMesh& mesh)
 {
+    // Parts (the pieces of a parse in pieces) are checked and copied in parallel, each into
+    // its own place; the degenerate triangles are printed afterwards, in file order.
+    const std::vector<const ObjLineReader*> all = parts();
+    const std::size_t numParts = all.size();
     const int nPos = numPositions();
-    const std::size_t nFaces = m_faceSizes.size();
-    std::vector<unsigned char> keep(nFaces);
-    std::size_t keptFaces = 0, keptCorners = 0;
-    std::vector<int> face;
-    for (std::size_t f = 0, c = 0; f < nFaces; ++f)
+    struct PartResult
     {
-        const int n = m_faceSizes[f];
-        face.resize(std::size_t(n));
-        for (int k = 0; k < n; ++k)
-            face[std::size_t(k)] = m_cornerPos[c + std::size_t(k)];
-        c += std::size_t(n);
-        keep[f] = validFace(face.data(), n, nPos);
-        if (keep[f])
+        std::vector<unsigned char> keep;
+        std::vector<int> degenerate; ///< corner triples to print
+        std::size_t keptFaces = 0, keptCorners = 0, setAside = 0;
+    };
+    std::vector<PartResult> results(numParts);
+    qyUtil::ThreadPool& pool = qyUtil::ThreadPool::get();
+    qyUtil::runChunks(
+        pool, int(numParts),
+        [&](qyUtil::ThreadedChunkAlg&, int, int begin, int end)
         {
-            ++keptFaces;
-            keptCorners += std::size_t(n);
-        }
-        else
-        {
-            ++numSetAside;
-        }
+            std::vector<int> face;
+            for (int k = begin; k < end; ++k)
+            {
+                const ObjLineReader& part = *all[std::size_t(k)];
+                PartResult& res = results[std::size_t(k)];
+                res.keep.resize(part.m_numFaces);
+                for (std::size_t f = 0, c = 0; f < part.m_numFaces; ++f)
+                {
+                    const int n = part.parsedFaceSize(f);
+                    face.resize(std::size_t(n));
+                    for (int i = 0; i < n; ++i)
+                        face[std::size_t(i)] = part.m_cornerPos[c + std::size_t(i)];
+                    c += std::size_t(n);
+                    const FaceCheck check = checkFace(face.data(), n, nPos);
+                    res.keep[f] = check == FaceValid;
+                    if (check == FaceValid)
+                    {
+                        ++res.keptFaces;
+                        res.keptCorners += std::size_t(n);
+                        continue;
+                    }
+                    ++res.setAside;
+                    if (check == FaceDegenerate)
+                        res.degenerate.insert(res.degenerate.end(), face.begin(), face.end());
+                }
+            }
+        },
+        nullptr, 1);
+    std::size_t keptFaces = 0, keptCorners = 0;
+    for (const PartResult& res : results)
+    {
+        for (std::size_t i = 0; i < res.degenerate.size(); i += 3)
+            std::printf("%d, %d, %d\n", res.degenerate[i], res.degenerate[i + 1],
+                        res.degenerate[i + 2]);
+        keptFaces += res.keptFaces;
+        keptCorners += res.keptCorners;
+        numSetAside += int(res.setAside);
     }
     if (nPos == 0 || keptFaces == 0)
         return false;
     CompactMesh built;
     built.resizeVertexArray(nPos);
-    m_positions.copyTo(built.getVerticesRaw());
     const bool triangles = keptCorners == 3 * keptFaces;
     int* out;
     int* lengths = nullptr;
@@ -400,18 +702,41 @@ bool ObjLineReader::buildPlainMesh(CompactMesh& mesh)
         out = built.getPolyPoints();
         lengths = built.getPolyLengths();
     }
-    for (std::size_t f = 0, c = 0; f < nFaces; ++f)
+    float* const xyz = built.getVerticesRaw();
+    std::vector<std::size_t> posStart(numParts + 1, 0), keptFaceStart(numParts + 1, 0),
+        cornerStart(numParts + 1, 0);
+    for (std::size_t k = 0; k < numParts; ++k)
     {
-        const int n = m_faceSizes[f];
-        if (keep[f])
-        {
-            for (int k = 0; k < n; ++k)
-                *out++ = m_cornerPos[c + std::size_t(k)] - 1;
-            if (lengths)
-                *lengths++ = n;
-        }
-        c += std::size_t(n);
+        posStart[k + 1] = posStart[k] + all[k]->m_positions.size();
+        keptFaceStart[k + 1] = keptFaceStart[k] + results[k].keptFaces;
+        cornerStart[k + 1] = cornerStart[k] + results[k].keptCorners;
     }
+    qyUtil::runChunks(
+        pool, int(numParts),
+        [&](qyUtil::ThreadedChunkAlg&, int, int begin, int end)
+        {
+            for (int k = begin; k < end; ++k)
+            {
+                const ObjLineReader& part = *all[std::size_t(k)];
+                const PartResult& res = results[std::size_t(k)];
+                part.m_positions.copyTo(xyz + posStart[std::size_t(k)]);
+                int* o = out + cornerStart[std::size_t(k)];
+                int* len = lengths ? lengths + keptFaceStart[std::size_t(k)] : nullptr;
+                for (std::size_t f = 0, c = 0; f < part.m_numFaces; ++f)
+                {
+                    const int n = part.parsedFaceSize(f);
+                    if (res.keep[f])
+                    {
+                        for (int i = 0; i < n; ++i)
+                            *o++ = part.m_cornerPos[c + std::size_t(i)] - 1;
+                        if (len)
+                            *len++ = n;
+                    }
+                    c += std::size_t(n);
+                }
+            }
+        },
+        nullptr, 1);
     mesh = std::move(built);
     return true;
 }
@@ -419,18 +744,43 @@ bool ObjLineReader::buildPlainMesh(CompactMesh& mesh)
 bool ObjLineReader::finish()
 {
     const int nPos = numPositions(), nTex = numTexCoords(), nNrm = numNormals();
-    m_positions.moveTo(positions);
-    m_normals.moveTo(normals);
-    m_texCoords.moveTo(texCoords);
-    m_cornerPos.moveTo(cornerPos);
-    m_cornerTex.moveTo(cornerTex);
-    m_cornerNormal.moveTo(cornerNormal);
-
-    m_faceMaterial.moveTo(faceMaterial);
+    std::vector<ObjLineReader*> all;
+    if (m_pieces.empty())
+        all.push_back(this);
+    for (const auto& piece : m_pieces)
+        all.push_back(piece.get());
+    auto gather = [&all]<class T>(std::vector<T>& out, BlockSequence<T> ObjLineReader::*member)
+    {
+        std::size_t total = 0;
+        for (ObjLineReader* part : all)
+            total += (part->*member).size();
+        out.clear();
+        objText::reserveHuge(out, total);
+        for (ObjLineReader* part : all)
+            (part->*member).moveAppendTo(out);
+    };
+    gather(positions, &ObjLineReader::m_positions);
+    gather(normals, &ObjLineReader::m_normals);
+    gather(texCoords, &ObjLineReader::m_texCoords);
+    gather(cornerPos, &ObjLineReader::m_cornerPos);
+    gather(cornerTex, &ObjLineReader::m_cornerTex);
+    gather(cornerNormal, &ObjLineReader::m_cornerNormal);
+    gather(faceMaterial, &ObjLineReader::m_faceMaterial);
     m_finished = true;
     {
         std::vector<int> sizes;
-        m_faceSizes.moveTo(sizes);
+        std::size_t total = 0;
+        for (const ObjLineReader* part : all)
+            total += part->m_numFaces;
+        sizes.reserve(total);
+        for (ObjLineReader* part : all)
+        {
+            if (part->m_allTriangles)
+                sizes.insert(sizes.end(), part->m_numFaces, 3);
+            else
+                part->m_faceSizes.moveAppendTo(sizes);
+        }
+        m_pieces.clear();
         faceStart.resize(sizes.size() + 1);
         faceStart[0] = 0;
         for (std::size_t f = 0; f < sizes.size(); ++f)

@@ -169,26 +169,45 @@ bool buildWithSubsets(ObjLineReader& r, bool parsed, double parseSeconds, Compac
     // ascending; the first pair of a position keeps its vertex, every further one becomes a
     // new vertex after the positions.
     const std::size_t nCorners = r.cornerPos.size();
-    std::vector<std::uint64_t> pairs;
-    pairs.reserve(nCorners);
+    // A counting sort by position, then each position's texture indices sorted and made
+    // unique in place: pairTex[pairStart[p] .. pairStart[p + 1]) are position p's.
+    std::vector<int> pairStart(std::size_t(nPos) + 1, 0);
     for (std::size_t c = 0; c < nCorners; ++c)
         if (r.cornerTex[c] >= 0)
-            pairs.push_back((std::uint64_t(std::uint32_t(r.cornerPos[c])) << 32) |
-                            std::uint32_t(r.cornerTex[c]));
-    std::sort(pairs.begin(), pairs.end());
-    pairs.erase(std::unique(pairs.begin(), pairs.end()), pairs.end());
-    std::vector<int> pairStart(std::size_t(nPos) + 1, 0);
-    for (const std::uint64_t p : pairs)
-        ++pairStart[std::size_t(p >> 32) + 1];
+            ++pairStart[std::size_t(r.cornerPos[c]) + 1];
     for (std::size_t k = 1; k < pairStart.size(); ++k)
         pairStart[k] += pairStart[k - 1];
-    std::vector<int> pairVertex(pairs.size());
+    std::vector<int> pairTex(std::size_t(pairStart.back()));
+    {
+        std::vector<int> fill(pairStart.begin(), pairStart.end() - 1);
+        for (std::size_t c = 0; c < nCorners; ++c)
+            if (r.cornerTex[c] >= 0)
+                pairTex[std::size_t(fill[std::size_t(r.cornerPos[c])]++)] = r.cornerTex[c];
+    }
+    int numPairs = 0;
+    for (int p = 0; p < nPos; ++p)
+    {
+        int* b = pairTex.data() + pairStart[std::size_t(p)];
+        int* e = pairTex.data() + pairStart[std::size_t(p) + 1];
+        if (e - b > 16)
+            std::sort(b, e);
+        else
+            for (int* i = b + 1; i < e; ++i)
+                for (int* j = i; j > b && j[-1] > *j; --j)
+                    std::swap(j[-1], *j);
+        e = std::unique(b, e);
+        pairStart[std::size_t(p)] = numPairs;
+        numPairs = int(std::copy(b, e, pairTex.data() + numPairs) - pairTex.data());
+    }
+    pairStart[std::size_t(nPos)] = numPairs;
+    pairTex.resize(std::size_t(numPairs));
+    std::vector<int> pairVertex(pairTex.size());
     std::vector<int> splitSource; // new vertex - nPos -> source position
     std::vector<int> vertexTex(std::size_t(nPos), -1);
     for (int p = 0; p < nPos; ++p)
         for (int k = pairStart[std::size_t(p)]; k < pairStart[std::size_t(p) + 1]; ++k)
         {
-            const int tex = int(std::uint32_t(pairs[std::size_t(k)]));
+            const int tex = pairTex[std::size_t(k)];
             if (k == pairStart[std::size_t(p)])
             {
                 pairVertex[std::size_t(k)] = p;
@@ -219,7 +238,7 @@ bool buildWithSubsets(ObjLineReader& r, bool parsed, double parseSeconds, Compac
         int v = p;
         if (t >= 0)
             for (int k = pairStart[std::size_t(p)]; k < pairStart[std::size_t(p) + 1]; ++k)
-                if (int(std::uint32_t(pairs[std::size_t(k)])) == t)
+                if (pairTex[std::size_t(k)] == t)
                 {
                     v = pairVertex[std::size_t(k)];
                     break;

@@ -192,6 +192,7 @@ bool readFile(const char* path, FileText& out)
     // the size was too small.
     std::size_t capacity = std::size_t(st.st_size) + 1;
     out.m_data.reset(new char[capacity]);
+    adviseHugePages(out.m_data.get(), capacity);
     bool ok = true;
     for (;;)
     {
