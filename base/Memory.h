@@ -6,6 +6,11 @@
 #include <limits>
 #include <memory>
 #include <new>
+#include <vector>
+
+#if defined(__linux__)
+#include <sys/mman.h>
+#endif
 
 namespace qy
 {
@@ -36,6 +41,33 @@ template <class T> std::unique_ptr<T[]> makeBuffer(std::ptrdiff_t n)
     if (byteSize(n, sizeof(T)) == std::numeric_limits<std::size_t>::max())
         throw std::bad_alloc();
     return std::unique_ptr<T[]>(new T[std::size_t(n)]);
+}
+
+/// Asks for huge pages for the whole 2 MiB pages inside a large block that is about to be
+/// filled, where the system grants them on request: the first touch of a 100 MB array then
+/// costs fifty page faults instead of twenty-five thousand, which in a virtual machine are
+/// dear. A no-op elsewhere and for blocks under 4 MiB.
+inline void adviseHugePages(const void* data, std::size_t bytes)
+{
+#if defined(__linux__) && defined(MADV_HUGEPAGE)
+    constexpr std::size_t huge = std::size_t(2) << 20;
+    if (bytes < 2 * huge)
+        return;
+    const auto begin = reinterpret_cast<std::uintptr_t>(data);
+    const std::uintptr_t first = (begin + huge - 1) & ~(huge - 1);
+    const std::uintptr_t last = (begin + bytes) & ~(huge - 1);
+    if (last > first)
+        madvise(reinterpret_cast<void*>(first), last - first, MADV_HUGEPAGE);
+#else
+    (void)data;
+    (void)bytes;
+#endif
+}
+
+/// The same for the capacity of a vector.
+template <class T> void adviseHugePages(const std::vector<T>& v)
+{
+    adviseHugePages(v.data(), v.capacity() * sizeof(T));
 }
 
 } // namespace qy

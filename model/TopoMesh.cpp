@@ -5,41 +5,11 @@
 #include <memory>
 #include <utility>
 
-#if defined(__linux__)
-#include <sys/mman.h>
-#endif
+#include "base/Memory.h"
 
 namespace qyGeom
 {
-namespace
-{
-
-// Large arrays that are about to be filled ask for huge pages where the system offers them
-// on request: a mesh of millions of elements then takes hundreds instead of hundreds of
-// thousands of page faults. Only whole huge pages inside the block are advised.
-void adviseHugePages(const void* data, std::size_t bytes)
-{
-#if defined(__linux__) && defined(MADV_HUGEPAGE)
-    constexpr std::size_t huge = std::size_t(2) << 20;
-    if (bytes < 2 * huge)
-        return;
-    const auto begin = reinterpret_cast<std::uintptr_t>(data);
-    const std::uintptr_t first = (begin + huge - 1) & ~(huge - 1);
-    const std::uintptr_t last = (begin + bytes) & ~(huge - 1);
-    if (last > first)
-        madvise(reinterpret_cast<void*>(first), last - first, MADV_HUGEPAGE);
-#else
-    (void)data;
-    (void)bytes;
-#endif
-}
-
-template <class T> void adviseHugePages(const std::vector<T>& v)
-{
-    adviseHugePages(v.data(), v.capacity() * sizeof(T));
-}
-
-} // namespace
+using qy::adviseHugePages;
 
 TopoMeshModification::TopoMeshModification(const TopoMesh& mesh, int type)
     : TopoMeshModification(&mesh, type)

@@ -44,33 +44,12 @@ int parseInt(const char* p, const char* end, const char** stop = nullptr);
 #include <memory>
 #include <vector>
 
-#if defined(__linux__)
-#include <sys/mman.h>
-#endif
+#include "base/Memory.h"
 
 namespace qyGeom::objText
 {
 
-/// Asks for huge pages for the whole 2 MiB pages inside a large block that is about to be
-/// filled, where the system grants them on request: the first touch of a 100 MB array then
-/// costs fifty page faults instead of twenty-five thousand, which in a virtual machine are
-/// dear.
-inline void adviseHugePages(const void* data, std::size_t bytes)
-{
-#if defined(__linux__) && defined(MADV_HUGEPAGE)
-    constexpr std::size_t huge = std::size_t(2) << 20;
-    if (bytes < 2 * huge)
-        return;
-    const auto begin = reinterpret_cast<std::uintptr_t>(data);
-    const std::uintptr_t first = (begin + huge - 1) & ~(huge - 1);
-    const std::uintptr_t last = (begin + bytes) & ~(huge - 1);
-    if (last > first)
-        madvise(reinterpret_cast<void*>(first), last - first, MADV_HUGEPAGE);
-#else
-    (void)data;
-    (void)bytes;
-#endif
-}
+using qy::adviseHugePages;
 
 /// Reserves `n` entries in an empty vector and advises huge pages for them.
 template <class T> void reserveHuge(std::vector<T>& v, std::size_t n)
