@@ -90,7 +90,11 @@ void MeshArray::reallocate(int capacity)
     void* fresh = nullptr;
     if (capacity > 0)
     {
-        fresh = m_allocator->allocate(qy::byteSize(capacity, m_elementSize));
+        const std::size_t bytes = qy::byteSize(capacity, m_elementSize);
+        fresh = m_allocator->allocate(bytes);
+        // A large array is about to be written from end to end (zero-filled or copied):
+        // huge pages make that a few faults instead of one per 4 KiB.
+        qy::adviseHugePages(fresh, bytes);
         const int keep = std::min(m_size, capacity);
         if (keep > 0)
             std::memcpy(fresh, m_data, std::size_t(keep) * m_elementSize);

@@ -7,11 +7,13 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <new>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <unordered_map>
 #include <unordered_set>
 
+#include "base/Memory.h"
 #include "base/ThreadPool.h"
 #include "io/objText.h"
 #include "model/CompactMesh.h"
@@ -67,6 +69,42 @@ ObjLineReader::ObjLineReader(bool wantSubsets, bool wantMaterials, bool allowNon
     : m_wantSubsets(wantSubsets), m_wantMaterials(wantMaterials),
       m_allowNonManifold(allowNonManifold), m_keepAttributes(wantSubsets)
 {
+    m_arenas.push_back(std::make_unique<BlockArena>());
+    useArena(m_arenas.front().get());
+}
+
+void ObjLineReader::useArena(BlockArena* arena)
+{
+    for (auto* seq : {&m_positions, &m_texCoords})
+        seq->setArena(arena);
+    for (auto* seq : {&m_faceSizes, &m_cornerPos, &m_cornerTex, &m_faceMaterial})
+        seq->setArena(arena);
+}
+
+BlockArena::~BlockArena()
+{
+    for (const Chunk& c : m_chunks)
+        ::operator delete(c.data, c.bytes, std::align_val_t(ChunkAlignment));
+}
+
+void* BlockArena::allocate(std::size_t bytes)
+{
+    bytes = (bytes + 63) & ~std::size_t(63);
+    if (bytes > m_left)
+    {
+        const std::size_t chunkBytes = std::max(m_chunkBytes, bytes);
+        char* data =
+            static_cast<char*>(::operator new(chunkBytes, std::align_val_t(ChunkAlignment)));
+        m_chunks.push_back({data, chunkBytes});
+        qy::adviseHugePages(data, chunkBytes);
+        m_next = data;
+        m_left = chunkBytes;
+        m_chunkBytes = std::min(2 * m_chunkBytes, MaxChunkBytes);
+    }
+    void* p = m_next;
+    m_next += bytes;
+    m_left -= bytes;
+    return p;
 }
 
 bool ObjLineReader::readFile(const char* path)
@@ -272,9 +310,17 @@ bool ObjLineReader::parsePieces(int fd, std::size_t fileSize)
     class Job final : public qyUtil::ThreadedAlg
     {
     public:
-        Job(int fd, std::vector<std::unique_ptr<ObjLineReader>>& pieces)
-            : m_fd(fd), m_pieces(pieces)
+        Job(int fd, std::vector<std::unique_ptr<ObjLineReader>>& pieces,
+            std::vector<std::unique_ptr<BlockArena>>& arenas)
+            : m_fd(fd), m_pieces(pieces), m_arenas(arenas)
         {
+        }
+        void initialize(int numTasks) override
+        {
+            // One arena per task after the reader's own; they live as long as the reader.
+            m_first = m_arenas.size();
+            for (int t = 0; t < numTasks; ++t)
+                m_arenas.push_back(std::make_unique<BlockArena>());
         }
         void execute(int task, int) override
         {
@@ -286,6 +332,7 @@ bool ObjLineReader::parsePieces(int fd, std::size_t fileSize)
                     return;
                 const PieceText text = readPiece(m_fd, k, PieceBytes, buffer);
                 ObjLineReader& r = *m_pieces[k];
+                r.useArena(m_arenas[m_first + std::size_t(task)].get());
                 // The last piece of the file parses the text after its last '\n' too.
                 r.m_reachesEnd = text.reachesEnd;
                 r.parseLines(text.begin, text.end, text.reachesEnd);
@@ -296,9 +343,11 @@ bool ObjLineReader::parsePieces(int fd, std::size_t fileSize)
     private:
         int m_fd;
         std::vector<std::unique_ptr<ObjLineReader>>& m_pieces;
+        std::vector<std::unique_ptr<BlockArena>>& m_arenas;
+        std::size_t m_first = 0;
         std::atomic<std::size_t> m_next{0};
     };
-    Job job(fd, pieces);
+    Job job(fd, pieces, m_arenas);
     qyUtil::ThreadPool::get().run(job);
 
     // The pieces up to the one that stopped the reading or reached the end of the file
@@ -454,15 +503,9 @@ void ObjLineReader::parseLine(const char* p, const char* end)
         if (end - p >= 3 && p[2] == ' ' && p[1] == 'n')
         {
             if (!m_keepAttributes)
-            {
                 return;
-            }
             switchKind(KindN);
-            const char* q = p + 3;
-            for (float& xi : x)
-                q = readNumber(q, end, xi);
-            for (const float xi : x)
-                m_normals.push_back(xi);
+            ++m_numNormals;
             return;
         }
         if (end - p >= 3 && p[2] == ' ' && p[1] == 't')
@@ -523,73 +566,107 @@ void ObjLineReader::useMaterial(const char* p, const char* end)
     materialNames.push_back(name);
 }
 
+namespace
+{
+
+bool isFaceBlank(char c)
+{
+    return c == ' ' || c == '\t' || c == '\r';
+}
+
+/// The common index: an optional '-' and one to nine digits not followed by another digit.
+/// Advances q past it; false (q unchanged) for anything else.
+inline bool readShortIndex(const char*& q, const char* end, int& value)
+{
+    const char* r = q;
+    const bool negative = r < end && *r == '-';
+    r += negative;
+    const char* const digits = r;
+    unsigned v = 0;
+    while (r < end && r - digits < 9 && objText::isDigit(*r))
+        v = v * 10 + unsigned(*r++ - '0');
+    if (r == digits || (r < end && objText::isDigit(*r)))
+        return false;
+    value = negative ? -int(v) : int(v);
+    q = r;
+    return true;
+}
+
+} // namespace
+
 void ObjLineReader::parseFace(const char* p, const char* end)
 {
     m_scratch.clear();
-    // One triple for the whole line: a component that a corner does not give keeps the
-    // value of the previous corner.
-    int pos = -1, tex = -1, nrm = -1;
-    const int nPos = numPositions(), nTex = numTexCoords(), nNrm = numNormals();
+    // One pair for the whole line: a texture index that a corner does not give keeps the
+    // value of the previous corner. (Normal indices are not kept: no result uses them.)
+    int pos = -1, tex = -1;
+    const int nPos = numPositions(), nTex = numTexCoords();
     for (;;)
     {
-        while (p < end && (*p == ' ' || *p == '\t' || *p == '\r'))
+        while (p < end && isFaceBlank(*p))
             ++p;
         if (p == end)
             break;
-        // One pass finds the end of the token and its first two slashes.
-        const char* tokenEnd = p;
-        const char* slash = nullptr;
-        const char* slash2 = nullptr;
-        for (; tokenEnd < end; ++tokenEnd)
+        // The usual corner ("12", "12/7", "12/7/3", "12//3") in one pass; anything else
+        // takes the general path below, which reads as atoi does.
+        const char* q = p;
+        int rawPos = 0, rawTex = 0;
+        bool fast = readShortIndex(q, end, rawPos);
+        bool hasTex = false;
+        if (fast && m_keepAttributes && q < end && !isFaceBlank(*q))
         {
-            const char ch = *tokenEnd;
-            if (ch == ' ' || ch == '\t' || ch == '\r')
-                break;
-            if (ch == '/')
+            if (*q != '/')
+                fast = false;
+            else if (++q < end && *q != '/' && !isFaceBlank(*q))
             {
-                if (!slash)
-                    slash = tokenEnd;
-                else if (!slash2)
-                    slash2 = tokenEnd;
+                fast = readShortIndex(q, end, rawTex) && (q == end || isFaceBlank(*q) || *q == '/');
+                hasTex = true;
             }
         }
-        const int rawPos = readIndex(p, tokenEnd);
+        if (fast)
+        {
+            while (q < end && !isFaceBlank(*q))
+                ++q;
+        }
+        else
+        {
+            // One pass finds the end of the token and its first two slashes.
+            const char* slash = nullptr;
+            const char* slash2 = nullptr;
+            for (q = p; q < end && !isFaceBlank(*q); ++q)
+                if (*q == '/')
+                {
+                    if (!slash)
+                        slash = q;
+                    else if (!slash2)
+                        slash2 = q;
+                }
+            rawPos = readIndex(p, q);
+            const char* texEnd = slash2 ? slash2 : q;
+            hasTex = slash && texEnd > slash + 1;
+            if (hasTex)
+                rawTex = readIndex(slash + 1, texEnd);
+        }
         m_sawRelativeIndex |= m_laterPiece && rawPos < 0;
         pos = resolveIndex(rawPos, nPos);
-        // Texture and normal indices matter only to the reads that keep them.
-        if (slash && m_keepAttributes)
+        // Texture indices matter only to the reads that keep them.
+        if (hasTex && m_keepAttributes)
         {
-            const char* t = slash + 1;
-            const char* texEnd = slash2 ? slash2 : tokenEnd;
-            if (texEnd > t)
-            {
-                const int raw = readIndex(t, texEnd);
-                m_sawRelativeIndex |= m_laterPiece && raw < 0;
-                tex = resolveIndex(raw, nTex);
-            }
-            if (slash2)
-            {
-                const int raw = readIndex(slash2 + 1, tokenEnd);
-                m_sawRelativeIndex |= m_laterPiece && raw < 0;
-                nrm = resolveIndex(raw, nNrm);
-            }
+            m_sawRelativeIndex |= m_laterPiece && rawTex < 0;
+            tex = resolveIndex(rawTex, nTex);
         }
         m_scratch.push_back(pos);
         m_scratch.push_back(tex);
-        m_scratch.push_back(nrm);
-        p = tokenEnd;
+        p = q;
     }
-    const int n = int(m_scratch.size() / 3);
+    const int n = int(m_scratch.size() / 2);
     if (n < 3 || m_cornerPos.size() + std::size_t(n) > std::size_t(0x7fffffff))
         return;
     for (int k = 0; k < n; ++k)
     {
-        m_cornerPos.push_back(m_scratch[3 * std::size_t(k)]);
+        m_cornerPos.push_back(m_scratch[2 * std::size_t(k)]);
         if (m_keepAttributes)
-        {
-            m_cornerTex.push_back(m_scratch[3 * std::size_t(k) + 1]);
-            m_cornerNormal.push_back(m_scratch[3 * std::size_t(k) + 2]);
-        }
+            m_cornerTex.push_back(m_scratch[2 * std::size_t(k) + 1]);
     }
     if (m_allTriangles && n != 3)
     {
@@ -619,38 +696,31 @@ ObjLineReader::FaceCheck ObjLineReader::checkFace(const int* corners, int n, int
     return FaceValid;
 }
 
-bool ObjLineReader::validFace(const int* corners, int n, int numPositions)
+/// What validation found in one part of a read: which faces stay, the degenerate
+/// triangles to print (in order) and the counts.
+struct ObjLineReader::PartCheck
 {
-    const FaceCheck check = checkFace(corners, n, numPositions);
-    if (check == FaceDegenerate)
-        std::printf("%d, %d, %d\n", corners[0], corners[1], corners[2]);
-    return check == FaceValid;
-}
+    std::vector<unsigned char> keep;
+    std::vector<int> degenerate; ///< corner triples to print
+    std::size_t keptFaces = 0, keptCorners = 0, setAside = 0;
+};
 
-bool ObjLineReader::buildPlainMesh(CompactMesh& mesh)
+std::vector<ObjLineReader::PartCheck>
+ObjLineReader::validateParts(const std::vector<const ObjLineReader*>& all)
 {
-    // Parts (the pieces of a parse in pieces) are checked and copied in parallel, each into
-    // its own place; the degenerate triangles are printed afterwards, in file order.
-    const std::vector<const ObjLineReader*> all = parts();
-    const std::size_t numParts = all.size();
+    // Parts are checked in parallel; the degenerate triangles are printed afterwards, in file
+    // order, and set aside with the faces that name a position out of range.
     const int nPos = numPositions();
-    struct PartResult
-    {
-        std::vector<unsigned char> keep;
-        std::vector<int> degenerate; ///< corner triples to print
-        std::size_t keptFaces = 0, keptCorners = 0, setAside = 0;
-    };
-    std::vector<PartResult> results(numParts);
-    qyUtil::ThreadPool& pool = qyUtil::ThreadPool::get();
+    std::vector<PartCheck> results(all.size());
     qyUtil::runChunks(
-        pool, int(numParts),
+        qyUtil::ThreadPool::get(), int(all.size()),
         [&](qyUtil::ThreadedChunkAlg&, int, int begin, int end)
         {
             std::vector<int> face;
             for (int k = begin; k < end; ++k)
             {
                 const ObjLineReader& part = *all[std::size_t(k)];
-                PartResult& res = results[std::size_t(k)];
+                PartCheck& res = results[std::size_t(k)];
                 res.keep.resize(part.m_numFaces);
                 for (std::size_t f = 0, c = 0; f < part.m_numFaces; ++f)
                 {
@@ -674,15 +744,27 @@ bool ObjLineReader::buildPlainMesh(CompactMesh& mesh)
             }
         },
         nullptr, 1);
-    std::size_t keptFaces = 0, keptCorners = 0;
-    for (const PartResult& res : results)
+    for (const PartCheck& res : results)
     {
         for (std::size_t i = 0; i < res.degenerate.size(); i += 3)
             std::printf("%d, %d, %d\n", res.degenerate[i], res.degenerate[i + 1],
                         res.degenerate[i + 2]);
+        numSetAside += int(res.setAside);
+    }
+    return results;
+}
+
+bool ObjLineReader::buildPlainMesh(CompactMesh& mesh)
+{
+    const std::vector<const ObjLineReader*> all = parts();
+    const std::size_t numParts = all.size();
+    const int nPos = numPositions();
+    const std::vector<PartCheck> results = validateParts(all);
+    std::size_t keptFaces = 0, keptCorners = 0;
+    for (const PartCheck& res : results)
+    {
         keptFaces += res.keptFaces;
         keptCorners += res.keptCorners;
-        numSetAside += int(res.setAside);
     }
     if (nPos == 0 || keptFaces == 0)
         return false;
@@ -712,13 +794,13 @@ bool ObjLineReader::buildPlainMesh(CompactMesh& mesh)
         cornerStart[k + 1] = cornerStart[k] + results[k].keptCorners;
     }
     qyUtil::runChunks(
-        pool, int(numParts),
+        qyUtil::ThreadPool::get(), int(numParts),
         [&](qyUtil::ThreadedChunkAlg&, int, int begin, int end)
         {
             for (int k = begin; k < end; ++k)
             {
                 const ObjLineReader& part = *all[std::size_t(k)];
-                const PartResult& res = results[std::size_t(k)];
+                const PartCheck& res = results[std::size_t(k)];
                 part.m_positions.copyTo(xyz + posStart[std::size_t(k)]);
                 int* o = out + cornerStart[std::size_t(k)];
                 int* len = lengths ? lengths + keptFaceStart[std::size_t(k)] : nullptr;
@@ -743,87 +825,82 @@ bool ObjLineReader::buildPlainMesh(CompactMesh& mesh)
 
 bool ObjLineReader::finish()
 {
-    const int nPos = numPositions(), nTex = numTexCoords(), nNrm = numNormals();
-    std::vector<ObjLineReader*> all;
-    if (m_pieces.empty())
-        all.push_back(this);
-    for (const auto& piece : m_pieces)
-        all.push_back(piece.get());
-    auto gather = [&all]<class T>(std::vector<T>& out, BlockSequence<T> ObjLineReader::*member)
+    const std::vector<const ObjLineReader*> all = parts();
+    const std::size_t numParts = all.size();
+    const int nTex = numTexCoords(), nNrm = numNormals();
+    const std::vector<PartCheck> results = validateParts(all);
+
+    // Where each part's data goes in the joined arrays.
+    std::vector<std::size_t> posStart(numParts + 1, 0), texStart(numParts + 1, 0),
+        faceStartOf(numParts + 1, 0), cornerStart(numParts + 1, 0);
+    for (std::size_t k = 0; k < numParts; ++k)
     {
-        std::size_t total = 0;
-        for (ObjLineReader* part : all)
-            total += (part->*member).size();
-        out.clear();
-        objText::reserveHuge(out, total);
-        for (ObjLineReader* part : all)
-            (part->*member).moveAppendTo(out);
+        posStart[k + 1] = posStart[k] + all[k]->m_positions.size();
+        texStart[k + 1] = texStart[k] + all[k]->m_texCoords.size();
+        faceStartOf[k + 1] = faceStartOf[k] + results[k].keptFaces;
+        cornerStart[k + 1] = cornerStart[k] + results[k].keptCorners;
+    }
+    const std::size_t kept = faceStartOf[numParts], corners = cornerStart[numParts];
+    auto allocate = [](auto& v, std::size_t n)
+    {
+        v.clear();
+        objText::reserveHuge(v, n);
+        v.resize(n);
     };
-    gather(positions, &ObjLineReader::m_positions);
-    gather(normals, &ObjLineReader::m_normals);
-    gather(texCoords, &ObjLineReader::m_texCoords);
-    gather(cornerPos, &ObjLineReader::m_cornerPos);
-    gather(cornerTex, &ObjLineReader::m_cornerTex);
-    gather(cornerNormal, &ObjLineReader::m_cornerNormal);
-    gather(faceMaterial, &ObjLineReader::m_faceMaterial);
+    allocate(positions, posStart[numParts]);
+    allocate(texCoords, texStart[numParts]);
+    allocate(faceStart, kept + 1);
+    allocate(cornerPos, corners);
+    allocate(cornerTex, m_keepAttributes ? corners : 0);
+    allocate(faceMaterial, m_wantMaterials ? kept : 0);
+    faceStart[kept] = int(corners);
+
+    // The kept faces, 0-based, with texture indices out of range made absent; every part
+    // writes its own range.
+    qyUtil::runChunks(
+        qyUtil::ThreadPool::get(), int(numParts),
+        [&](qyUtil::ThreadedChunkAlg&, int, int begin, int end)
+        {
+            for (int k = begin; k < end; ++k)
+            {
+                const ObjLineReader& part = *all[std::size_t(k)];
+                const PartCheck& res = results[std::size_t(k)];
+                part.m_positions.copyTo(positions.data() + posStart[std::size_t(k)]);
+                part.m_texCoords.copyTo(texCoords.data() + texStart[std::size_t(k)]);
+                std::size_t out = cornerStart[std::size_t(k)];
+                std::size_t face = faceStartOf[std::size_t(k)];
+                for (std::size_t f = 0, c = 0; f < part.m_numFaces; ++f)
+                {
+                    const int n = part.parsedFaceSize(f);
+                    if (res.keep[f])
+                    {
+                        faceStart[face] = int(out);
+                        if (m_wantMaterials)
+                            faceMaterial[face] = part.m_faceMaterial[f];
+                        ++face;
+                        for (int i = 0; i < n; ++i, ++out)
+                        {
+                            cornerPos[out] = part.m_cornerPos[c + std::size_t(i)] - 1;
+                            if (!m_keepAttributes)
+                                continue;
+                            const int t = part.m_cornerTex[c + std::size_t(i)];
+                            cornerTex[out] = t >= 1 && t <= nTex ? t - 1 : -1;
+                        }
+                    }
+                    c += std::size_t(n);
+                }
+            }
+        },
+        nullptr, 1);
+    // The parsed blocks are no longer needed.
     m_finished = true;
-    {
-        std::vector<int> sizes;
-        std::size_t total = 0;
-        for (const ObjLineReader* part : all)
-            total += part->m_numFaces;
-        sizes.reserve(total);
-        for (ObjLineReader* part : all)
-        {
-            if (part->m_allTriangles)
-                sizes.insert(sizes.end(), part->m_numFaces, 3);
-            else
-                part->m_faceSizes.moveAppendTo(sizes);
-        }
-        m_pieces.clear();
-        faceStart.resize(sizes.size() + 1);
-        faceStart[0] = 0;
-        for (std::size_t f = 0; f < sizes.size(); ++f)
-            faceStart[f + 1] = faceStart[f] + sizes[f];
-    }
-    const int nFaces = int(faceStart.size()) - 1;
-    // Compact the face arrays in place, leaving out the set-aside faces.
-    std::size_t out = 0;
-    int kept = 0;
-    for (int f = 0; f < nFaces; ++f)
-    {
-        const std::size_t b = std::size_t(faceStart[std::size_t(f)]);
-        const std::size_t e = std::size_t(faceStart[std::size_t(f) + 1]);
-        if (!validFace(cornerPos.data() + b, int(e - b), nPos))
-        {
-            ++numSetAside;
-            continue;
-        }
-        const std::size_t start = out;
-        for (std::size_t c = b; c < e; ++c, ++out)
-        {
-            cornerPos[out] = cornerPos[c] - 1;
-            if (!m_keepAttributes)
-                continue;
-            const int t = cornerTex[c], nn = cornerNormal[c];
-            cornerTex[out] = t >= 1 && t <= nTex ? t - 1 : -1;
-            cornerNormal[out] = nn >= 1 && nn <= nNrm ? nn - 1 : -1;
-        }
-        faceStart[std::size_t(kept)] = int(start);
-        if (m_wantMaterials)
-            faceMaterial[std::size_t(kept)] = faceMaterial[std::size_t(f)];
-        ++kept;
-    }
-    faceStart[std::size_t(kept)] = int(out);
-    faceStart.resize(std::size_t(kept) + 1);
-    cornerPos.resize(out);
-    if (m_keepAttributes)
-    {
-        cornerTex.resize(out);
-        cornerNormal.resize(out);
-    }
-    if (m_wantMaterials)
-        faceMaterial.resize(std::size_t(kept));
+    m_numNormals = std::size_t(nNrm);
+    m_pieces.clear();
+    for (auto* seq : {&m_positions, &m_texCoords})
+        seq->clear();
+    for (auto* seq : {&m_faceSizes, &m_cornerPos, &m_cornerTex, &m_faceMaterial})
+        seq->clear();
+    m_arenas.clear();
 
     if (!m_allowNonManifold)
     {
@@ -832,9 +909,9 @@ bool ObjLineReader::finish()
         std::unordered_set<unsigned long long> directed;
         auto key = [](int a, int b)
         { return (static_cast<unsigned long long>(unsigned(a)) << 32) | unsigned(b); };
-        for (int f = 0; f < kept; ++f)
+        for (std::size_t f = 0; f < kept; ++f)
         {
-            const int b = faceStart[std::size_t(f)], e = faceStart[std::size_t(f) + 1];
+            const int b = faceStart[f], e = faceStart[f + 1];
             for (int c = b; c < e; ++c)
             {
                 const int v0 = cornerPos[std::size_t(c)];

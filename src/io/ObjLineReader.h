@@ -12,59 +12,104 @@ namespace qyGeom
 
 class CompactMesh;
 
-/// An append-only sequence in fixed blocks: appending never moves earlier entries, and
-/// growing it never copies (the arrays of a large file would otherwise be copied and
-/// re-faulted at every doubling).
+/// Memory for the block sequences of one read: chunks handed out by bumping a pointer and
+/// freed all at once with the arena. Chunks grow to 64 MiB and the large ones are advised
+/// for huge pages, so the arrays of a large file cost a few page faults instead of one per
+/// 4 KiB (dear in a virtual machine). Not thread-safe: each thread of a read has its own.
+class BlockArena
+{
+public:
+    BlockArena() = default;
+    BlockArena(const BlockArena&) = delete;
+    BlockArena& operator=(const BlockArena&) = delete;
+    ~BlockArena();
+
+    void* allocate(std::size_t bytes);
+
+private:
+    static constexpr std::size_t ChunkAlignment = std::size_t(2) << 20;
+    static constexpr std::size_t MaxChunkBytes = std::size_t(64) << 20;
+    struct Chunk
+    {
+        char* data;
+        std::size_t bytes;
+    };
+    std::vector<Chunk> m_chunks;
+    char* m_next = nullptr;
+    std::size_t m_left = 0;
+    std::size_t m_chunkBytes = std::size_t(1) << 20;
+};
+
+/// An append-only sequence in fixed blocks taken from an arena: appending never moves
+/// earlier entries, and growing it never copies (the arrays of a large file would otherwise
+/// be copied and re-faulted at every doubling).
 template <class T> class BlockSequence
 {
 public:
     static constexpr std::size_t BlockBits = 16;
     static constexpr std::size_t BlockSize = std::size_t(1) << BlockBits;
 
+    void setArena(BlockArena* arena) { m_arena = arena; }
     std::size_t size() const { return m_size; }
     void push_back(T v)
     {
-        if ((m_size & (BlockSize - 1)) == 0 && (m_size >> BlockBits) == m_blocks.size())
-            m_blocks.emplace_back(new T[BlockSize]);
-        m_blocks[m_size >> BlockBits][m_size & (BlockSize - 1)] = v;
+        if (m_next == m_blockEnd)
+            grow();
+        *m_next++ = v;
         ++m_size;
     }
     T operator[](std::size_t i) const { return m_blocks[i >> BlockBits][i & (BlockSize - 1)]; }
+    /// Calls fn(pointer, count) for the entries in order, a block at a time.
+    template <class Fn> void forEachBlock(Fn fn) const
+    {
+        for (std::size_t b = 0, done = 0; done < m_size; ++b)
+        {
+            const std::size_t n = std::min(BlockSize, m_size - done);
+            fn(m_blocks[b], n);
+            done += n;
+        }
+    }
     /// Replaces every entry v by fn(v).
     template <class Fn> void transform(Fn fn)
     {
-        for (std::size_t i = 0; i < m_size; ++i)
-        {
-            T& v = m_blocks[i >> BlockBits][i & (BlockSize - 1)];
-            v = fn(v);
-        }
+        forEachBlock(
+            [&fn](T* p, std::size_t n)
+            {
+                for (std::size_t i = 0; i < n; ++i)
+                    p[i] = fn(p[i]);
+            });
     }
     /// Copies the contents to out[0 .. size()).
     void copyTo(T* out) const
     {
-        for (std::size_t b = 0, done = 0; done < m_size; ++b)
-        {
-            const std::size_t n = std::min(BlockSize, m_size - done);
-            std::copy(m_blocks[b].get(), m_blocks[b].get() + n, out + done);
-            done += n;
-        }
+        forEachBlock(
+            [&out](const T* p, std::size_t n)
+            {
+                std::copy(p, p + n, out);
+                out += n;
+            });
     }
-    /// Appends the contents to `out` and empties the sequence.
-    void moveAppendTo(std::vector<T>& out)
+    /// Empties the sequence (the arena keeps the memory).
+    void clear()
     {
-        for (std::size_t b = 0, done = 0; done < m_size; ++b)
-        {
-            const std::size_t n = std::min(BlockSize, m_size - done);
-            out.insert(out.end(), m_blocks[b].get(), m_blocks[b].get() + n);
-            m_blocks[b].reset();
-            done += n;
-        }
         m_blocks.clear();
+        m_next = m_blockEnd = nullptr;
         m_size = 0;
     }
 
 private:
-    std::vector<std::unique_ptr<T[]>> m_blocks;
+    void grow()
+    {
+        T* block = static_cast<T*>(m_arena->allocate(BlockSize * sizeof(T)));
+        m_blocks.push_back(block);
+        m_next = block;
+        m_blockEnd = block + BlockSize;
+    }
+
+    BlockArena* m_arena = nullptr;
+    std::vector<T*> m_blocks;
+    T* m_next = nullptr;
+    T* m_blockEnd = nullptr;
     std::size_t m_size = 0;
 };
 
@@ -110,19 +155,21 @@ public:
     }
     int numNormals() const
     {
-        return int((m_finished ? normals.size() : pending(&ObjLineReader::m_normals)) / 3);
+        std::size_t n = m_numNormals;
+        for (const auto& piece : m_pieces)
+            n += piece->m_numNormals;
+        return int(n);
     }
     int numFaces() const { return int(faceStart.size()) - 1; }
     int faceSize(int f) const { return faceStart[std::size_t(f) + 1] - faceStart[std::size_t(f)]; }
 
     // Filled by finish() (the parse appends to the block sequences below).
     std::vector<float> positions; ///< 3 per position
-    std::vector<float> normals;   ///< 3 per normal
     std::vector<float> texCoords; ///< 2 per texture coordinate
     std::vector<int> faceStart{0};
     std::vector<int> cornerPos;
-    /// Empty for the reads without subsets (which keep no texture coordinates or normals).
-    std::vector<int> cornerTex, cornerNormal;
+    /// Empty for the reads without subsets (which keep no texture coordinates).
+    std::vector<int> cornerTex;
     /// Per face, the index in materialNames of the material in force, -1 for none (filled
     /// only when materials are wanted).
     std::vector<int> faceMaterial;
@@ -157,6 +204,8 @@ private:
     /// appends the pieces' results in order. False when the result could depend on the cut
     /// (see the .cpp); nothing is appended then.
     bool parsePieces(int fd, std::size_t fileSize);
+    /// Takes the blocks of every sequence from `arena` from now on.
+    void useArena(BlockArena* arena);
     /// The readers whose results make up this one's, in file order: the pieces of a
     /// parse in pieces, otherwise this reader.
     std::vector<const ObjLineReader*> parts() const;
@@ -171,13 +220,15 @@ private:
     };
     /// Whether a face (1-based corners) survives validation, and if not, why.
     static FaceCheck checkFace(const int* corners, int n, int numPositions);
-    /// Whether a face survives validation; prints a degenerate triangle.
-    static bool validFace(const int* corners, int n, int numPositions);
+    struct PartCheck;
+    /// Checks the faces of every part (in parallel), prints the degenerate triangles in file
+    /// order and counts the faces set aside.
+    std::vector<PartCheck> validateParts(const std::vector<const ObjLineReader*>& all);
 
     bool m_wantSubsets;
     bool m_wantMaterials;
     bool m_allowNonManifold;
-    /// Texture coordinates and normals (and the corners' indices of them) are kept only for
+    /// Texture coordinates (and the corners' indices of them) are kept only for
     /// the reads that use them (those with subsets).
     bool m_keepAttributes;
     bool m_finished = false;
@@ -196,15 +247,21 @@ private:
     int m_currentMaterial = -1;
     LineKind m_kind = KindOther;
     std::chrono::steady_clock::time_point m_kindStart;
-    std::vector<int> m_scratch; ///< corner triples of the current face line
-    BlockSequence<float> m_positions, m_normals, m_texCoords;
+    std::vector<int> m_scratch; ///< (position, texture) pairs of the current face line
+    BlockSequence<float> m_positions, m_texCoords;
+    /// Normals are counted, not kept: no result of the reader depends on their values or
+    /// on the corners' normal indices.
+    std::size_t m_numNormals = 0;
     /// The pieces of a parse in pieces, in file order (empty otherwise).
     std::vector<std::unique_ptr<ObjLineReader>> m_pieces;
     /// The faces parsed; their sizes are kept from the first face that is not a triangle on.
     std::size_t m_numFaces = 0;
     bool m_allTriangles = true;
     int parsedFaceSize(std::size_t f) const { return m_allTriangles ? 3 : m_faceSizes[f]; }
-    BlockSequence<int> m_faceSizes, m_cornerPos, m_cornerTex, m_cornerNormal, m_faceMaterial;
+    BlockSequence<int> m_faceSizes, m_cornerPos, m_cornerTex, m_faceMaterial;
+    /// The memory of the sequences: this reader's own arena first, then one per thread of a
+    /// parse in pieces (the pieces' sequences live in those).
+    std::vector<std::unique_ptr<BlockArena>> m_arenas;
 };
 
 } // namespace qyGeom

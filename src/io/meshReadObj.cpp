@@ -7,7 +7,9 @@
 
 #include "base/Progress.h"
 #include "base/StopWatch.h"
+#include "base/ThreadPool.h"
 #include "io/ObjLineReader.h"
+#include "io/objText.h"
 #include "model/BitVector.h"
 #include "model/CompactMesh.h"
 #include "model/MeshAdjacency.h"
@@ -88,7 +90,7 @@ void sortFacesByMaterial(ObjLineReader& r)
         bucketStart[std::size_t(r.faceMaterial[std::size_t(f)] + 2)] += r.faceSize(f);
     for (std::size_t k = 1; k < bucketStart.size(); ++k)
         bucketStart[k] += bucketStart[k - 1];
-    std::vector<int> pos(r.cornerPos.size()), tex(pos.size()), nrm(pos.size());
+    std::vector<int> pos(r.cornerPos.size()), tex(pos.size());
     std::vector<int> faceSizes(static_cast<std::size_t>(nFaces)), material(faceSizes.size());
     std::vector<int> faceCount(std::size_t(nMat) + 2, 0);
     for (int f = 0; f < nFaces; ++f)
@@ -102,7 +104,6 @@ void sortFacesByMaterial(ObjLineReader& r)
         int& dst = bucketStart[bucket];
         std::copy_n(r.cornerPos.begin() + b, n, pos.begin() + dst);
         std::copy_n(r.cornerTex.begin() + b, n, tex.begin() + dst);
-        std::copy_n(r.cornerNormal.begin() + b, n, nrm.begin() + dst);
         dst += n;
         const int slot = faceCount[bucket]++;
         faceSizes[std::size_t(slot)] = n;
@@ -110,7 +111,6 @@ void sortFacesByMaterial(ObjLineReader& r)
     }
     r.cornerPos.swap(pos);
     r.cornerTex.swap(tex);
-    r.cornerNormal.swap(nrm);
     r.faceMaterial.swap(material);
     for (int f = 0; f < nFaces; ++f)
         r.faceStart[std::size_t(f) + 1] = r.faceStart[std::size_t(f)] + faceSizes[std::size_t(f)];
@@ -231,47 +231,72 @@ bool buildWithSubsets(ObjLineReader& r, bool parsed, double parseSeconds, Compac
     }
 
     auto t0 = std::chrono::steady_clock::now();
-    std::vector<int> cornerVertex(nCorners);
-    for (std::size_t c = 0; c < nCorners; ++c)
-    {
-        const int p = r.cornerPos[c], t = r.cornerTex[c];
-        int v = p;
-        if (t >= 0)
-            for (int k = pairStart[std::size_t(p)]; k < pairStart[std::size_t(p) + 1]; ++k)
-                if (pairTex[std::size_t(k)] == t)
-                {
-                    v = pairVertex[std::size_t(k)];
-                    break;
-                }
-        cornerVertex[c] = v;
-    }
+    // The expanded mesh is a local one: the caller's mesh is replaced once, at the end. It
+    // is written in place: the positions, the split copies after them, and every corner
+    // re-pointed to the vertex of its (position, texture) pair.
     const int nVerts = nPos + splitCount;
-    std::vector<float> xyz(r.positions);
-    xyz.resize(3 * std::size_t(nVerts));
-    for (int k = 0; k < splitCount; ++k)
-        std::copy_n(r.positions.begin() + 3 * std::ptrdiff_t(splitSource[std::size_t(k)]), 3,
-                    xyz.begin() + 3 * std::ptrdiff_t(nPos + k));
-    // The expanded mesh is a local one: the caller's mesh is replaced once, at the end.
     CompactMesh expanded;
-    buildMesh(expanded, nVerts, xyz.data(), r, cornerVertex.data());
-    std::vector<float>().swap(xyz);
+    expanded.resizeVertexArray(nVerts);
+    expanded.resizeTriangleArray(nFaces);
+    {
+        float* xyz = expanded.getVerticesRaw();
+        std::copy(r.positions.begin(), r.positions.end(), xyz);
+        for (int k = 0; k < splitCount; ++k)
+            std::copy_n(r.positions.begin() + 3 * std::ptrdiff_t(splitSource[std::size_t(k)]), 3,
+                        xyz + 3 * std::ptrdiff_t(nPos + k));
+        int* cornerVertex = expanded.getTrianglesRaw();
+        const int* cornerPos = r.cornerPos.data();
+        const int* cornerTex = r.cornerTex.data();
+        qyUtil::runChunks(qyUtil::ThreadPool::get(), int(nCorners),
+                          [&](qyUtil::ThreadedChunkAlg&, int, int begin, int end)
+                          {
+                              for (int c = begin; c < end; ++c)
+                              {
+                                  const int p = cornerPos[c], t = cornerTex[c];
+                                  int v = p;
+                                  if (t >= 0)
+                                      for (int k = pairStart[std::size_t(p)];
+                                           k < pairStart[std::size_t(p) + 1]; ++k)
+                                          if (pairTex[std::size_t(k)] == t)
+                                          {
+                                              v = pairVertex[std::size_t(k)];
+                                              break;
+                                          }
+                                  cornerVertex[c] = v;
+                              }
+                          });
+    }
     dbg.print("Expand Compact Mesh For Determining Subsets: %f (sec)\n", since(t0));
 
     t0 = std::chrono::steady_clock::now();
     qy::Array<int> labels;
     const int nComponents = meshComponents(expanded, MeshAdjTris(), &labels);
     std::vector<qy::Reference<MeshSubset>> parts(static_cast<std::size_t>(nComponents));
-    for (auto& s : parts)
-        s = qy::makeReference<MeshSubset>();
-    for (int v = 0; v < nVerts; ++v)
-        if (labels[std::size_t(v)] >= 0)
-            parts[std::size_t(labels[std::size_t(v)])]->vertices().push_back(v);
-    const int* tris = expanded.getTrianglesRaw();
-    for (int t = 0; t < nFaces; ++t)
     {
-        const int label = labels[std::size_t(tris[3 * t])];
-        if (label >= 0)
-            parts[std::size_t(label)]->triangles().push_back(t);
+        // Each list is sized first, so that a chart of a million triangles is written once.
+        std::vector<int> numVerts(parts.size(), 0), numTris(parts.size(), 0);
+        for (int v = 0; v < nVerts; ++v)
+            if (labels[std::size_t(v)] >= 0)
+                ++numVerts[std::size_t(labels[std::size_t(v)])];
+        const int* tris = expanded.getTrianglesRaw();
+        for (int t = 0; t < nFaces; ++t)
+            if (labels[std::size_t(tris[3 * t])] >= 0)
+                ++numTris[std::size_t(labels[std::size_t(tris[3 * t])])];
+        for (std::size_t k = 0; k < parts.size(); ++k)
+        {
+            parts[k] = qy::makeReference<MeshSubset>();
+            objText::reserveHuge(parts[k]->vertices(), std::size_t(numVerts[k]));
+            objText::reserveHuge(parts[k]->triangles(), std::size_t(numTris[k]));
+        }
+        for (int v = 0; v < nVerts; ++v)
+            if (labels[std::size_t(v)] >= 0)
+                parts[std::size_t(labels[std::size_t(v)])]->vertices().push_back(v);
+        for (int t = 0; t < nFaces; ++t)
+        {
+            const int label = labels[std::size_t(tris[3 * t])];
+            if (label >= 0)
+                parts[std::size_t(label)]->triangles().push_back(t);
+        }
     }
     for (const auto& s : parts)
     {

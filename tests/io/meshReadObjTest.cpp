@@ -298,6 +298,37 @@ TEST(MeshReadObj, TextureIndicesCarryOverWithinAFaceLine)
               (qy::vector<qyLinear::Point2Flt>{{0.75f, 1}, {0.25f, 0.5f}, {0.75f, 1}}));
 }
 
+TEST(MeshReadObj, CornerTokensReadAsAtoi)
+{
+    // Every index is what atoi gives for its part of the token: a sign, leading zeros and
+    // trailing junk are read as atoi reads them, an empty part is absent.
+    const std::string head = "v 0 0 0\nv 1 0 0\nv 0 1 0\nvt 0.25 0.5\nvt 0.75 1\n";
+    const qy::vector<qyLinear::Point2Flt> second(3, {0.75f, 1}), first(3, {0.25f, 0.5f});
+    SubsetRead r = readMemory(head + "f +1/+2 2a/2 3/2x/5\n");
+    ASSERT_TRUE(r.ok);
+    ASSERT_EQ(r.uvs.size(), 1u);
+    EXPECT_EQ(r.uvs.front(), second);
+    r = readMemory(head + "f 0001/0001 2//9 3/1/\n");
+    ASSERT_TRUE(r.ok);
+    EXPECT_EQ(r.uvs.front(), first);
+    // "x" reads as texture 0, which is out of range: the vertex has no texture coordinate.
+    r = readMemory(head + "f 1/x/3 2/1 3/1\n");
+    ASSERT_TRUE(r.ok);
+    ASSERT_EQ(r.uvs.size(), 1u);
+    EXPECT_TRUE(r.uvs.front().empty());
+    // A ten-digit index is read in full (and is out of range here).
+    r = readMemory(head + "f 1/1000000001 2/2 3/2\n");
+    ASSERT_TRUE(r.ok);
+    ASSERT_EQ(r.uvs.size(), 1u);
+    EXPECT_TRUE(r.uvs.front().empty());
+
+    // The plain read takes the position part alone.
+    CompactMesh mesh;
+    ASSERT_TRUE(meshReadObj(
+        mesh, qyOS::Filename(writeFile("atoi.obj", head + "f 1.9 2e3/1 +3///\nf 3abc 0002 01\n"))));
+    EXPECT_EQ(triangles(mesh), (std::vector<int>{0, 1, 2, 2, 1, 0}));
+}
+
 TEST(MeshReadObj, SubsetsFollowTextureCharts)
 {
     // A quad of two triangles whose shared edge is a texture seam: two charts, so two
