@@ -84,7 +84,7 @@ void ObjLineReader::useArena(BlockArena* arena)
 BlockArena::~BlockArena()
 {
     for (const Chunk& c : m_chunks)
-        ::operator delete(c.data, c.bytes, std::align_val_t(ChunkAlignment));
+        ::operator delete(c.data, std::align_val_t(ChunkAlignment));
 }
 
 void* BlockArena::allocate(std::size_t bytes)

@@ -191,7 +191,7 @@ bool buildWithSubsets(ObjLineReader& r, bool parsed, double parseSeconds, Compac
         int* e = pairTex.data() + pairStart[std::size_t(p) + 1];
         if (e - b > 16)
             std::sort(b, e);
-        else
+        else if (e - b > 1) // (b may be null when no corner has a texture index)
             for (int* i = b + 1; i < e; ++i)
                 for (int* j = i; j > b && j[-1] > *j; --j)
                     std::swap(j[-1], *j);
