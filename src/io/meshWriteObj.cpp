@@ -5,9 +5,11 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <memory>
 #include <string>
 #include <vector>
 
+#include "base/ThreadPool.h"
 #include "io/objText.h"
 #include "model/CompactMesh.h"
 #include "model/MeshSubset.h"
@@ -78,6 +80,14 @@ char* formatFloatG6(float value, char* out)
     return out + decimals;
 }
 
+/// An output stream's default float format: %g with 6 significant digits. Writes at most
+/// 16 bytes.
+char* formatFloat(float v, char* out)
+{
+    char* end = formatFloatG6(v, out);
+    return end ? end : std::to_chars(out, out + 16, v, std::chars_format::general, 6).ptr;
+}
+
 /// Buffered text output to a file, with the number formats of the writers.
 class TextOut
 {
@@ -122,13 +132,16 @@ public:
     void putFloat(float v)
     {
         reserve(64);
-        char* out = m_buffer + m_used;
-        char* end = formatFloatG6(v, out);
-        if (!end)
-            end = std::to_chars(out, m_buffer + sizeof m_buffer, v, std::chars_format::general, 6)
-                      .ptr;
-        m_used = std::size_t(end - m_buffer);
+        m_used = std::size_t(formatFloat(v, m_buffer + m_used) - m_buffer);
     }
+    /// Room for n bytes (n at most the buffer's size) to be written at the pointer returned;
+    /// commit() then takes what was written.
+    char* room(std::size_t n)
+    {
+        reserve(n);
+        return m_buffer + m_used;
+    }
+    void commit(const char* end) { m_used = std::size_t(end - m_buffer); }
     /// %.10g of the value.
     void putG10(double v) { putChars(v, 10); }
     void putInt(long long v)
@@ -185,46 +198,25 @@ public:
             writeTuples("vt ", mesh.getUVsRaw(), n, 2);
     }
 
-    void writeTriangle(const CompactMesh& mesh, int t)
+    /// Writes the triangles tris[0 .. n) (indices into the mesh's triangles; those out of
+    /// range are skipped).
+    void writeTriangles(const CompactMesh& mesh, const int* tris, int n)
     {
         const bool normals = mesh.getNormalsRaw() != nullptr;
         const bool uvs = mesh.getUVsRaw() != nullptr;
-        const int* tri = mesh.getTrianglesRaw() + 3 * std::ptrdiff_t(t);
-        m_out.put("f ", 2);
-        for (int k = 0; k < 3; ++k)
-        {
-            const long long i = static_cast<long long>(m_offset) + tri[k] + 1;
-            m_out.putInt(i);
-            if (normals && uvs)
-            {
-                m_out.put('/');
-                m_out.putInt(i);
-                m_out.put('/');
-                m_out.putInt(i);
-            }
-            else if (normals)
-            {
-                m_out.put("//", 2);
-                m_out.putInt(i);
-            }
-            else if (uvs)
-            {
-                m_out.put('/');
-                m_out.putInt(i);
-            }
-            else
-            {
-                // Each index is followed by a blank, and every corner but the last by a
-                // second one: "f 1  2  3 ".
-                m_out.put(k < 2 ? "  " : " ");
-                continue;
-            }
-            if (k < 2)
-                m_out.put(' ');
-        }
-        m_out.put('\n');
+        const int* all = mesh.getTrianglesRaw();
+        const int numTris = mesh.getNumTriangles();
+        const unsigned offset = m_offset;
+        writeItems(n, 128,
+                   [=](int i, char* out)
+                   {
+                       const int t = tris ? tris[i] : i;
+                       if (t < 0 || t >= numTris)
+                           return out;
+                       return formatTriangle(all + 3 * std::ptrdiff_t(t), offset, normals, uvs,
+                                             out);
+                   });
     }
-
     void finishMesh(const CompactMesh& mesh) { m_offset += unsigned(mesh.getNumVertices()); }
 
     /// Vertices, then faces of a half-edge mesh; false at a face with a vertex that was not
@@ -272,19 +264,108 @@ public:
     TextOut& out() { return m_out; }
 
 private:
+    /// One face line of a triangle; at most 3 * 38 + 4 bytes.
+    static char* formatTriangle(const int* tri, unsigned offset, bool normals, bool uvs, char* out)
+    {
+        *out++ = 'f';
+        *out++ = ' ';
+        for (int k = 0; k < 3; ++k)
+        {
+            const long long i = static_cast<long long>(offset) + tri[k] + 1;
+            out = std::to_chars(out, out + 12, i).ptr;
+            if (normals && uvs)
+            {
+                *out++ = '/';
+                out = std::to_chars(out, out + 12, i).ptr;
+                *out++ = '/';
+                out = std::to_chars(out, out + 12, i).ptr;
+            }
+            else if (normals)
+            {
+                *out++ = '/';
+                *out++ = '/';
+                out = std::to_chars(out, out + 12, i).ptr;
+            }
+            else if (uvs)
+            {
+                *out++ = '/';
+                out = std::to_chars(out, out + 12, i).ptr;
+            }
+            else
+            {
+                // Each index is followed by a blank, and every corner but the last by a
+                // second one: "f 1  2  3 ".
+                *out++ = ' ';
+                if (k < 2)
+                    *out++ = ' ';
+                continue;
+            }
+            if (k < 2)
+                *out++ = ' ';
+        }
+        *out++ = '\n';
+        return out;
+    }
+
     void writeTuples(const char* prefix, const float* data, int n, int width)
     {
         const std::size_t prefixLength = std::strlen(prefix);
-        for (int i = 0; i < n; ++i)
+        writeItems(n, 64,
+                   [=](int i, char* out)
+                   {
+                       std::memcpy(out, prefix, prefixLength);
+                       out += prefixLength;
+                       for (int k = 0; k < width; ++k)
+                       {
+                           if (k)
+                               *out++ = ' ';
+                           out = formatFloat(data[std::ptrdiff_t(i) * width + k], out);
+                       }
+                       *out++ = '\n';
+                       return out;
+                   });
+    }
+
+    /// Writes the text of items 0 .. n - 1, format(i, out) writing at most maxItemBytes at
+    /// out and returning the end. Large runs are formatted on the thread pool, a batch of
+    /// chunks at a time into buffers allocated once, and written in order: the text does not
+    /// depend on the thread count.
+    template <class Format> void writeItems(int n, std::size_t maxItemBytes, Format format)
+    {
+        constexpr int chunkItems = 8192;
+        qyUtil::ThreadPool& pool = qyUtil::ThreadPool::get();
+        const int numChunks = (n + chunkItems - 1) / chunkItems;
+        if (numChunks < 2 || pool.getNumThreads() < 2)
         {
-            m_out.put(prefix, prefixLength);
-            for (int k = 0; k < width; ++k)
-            {
-                if (k)
-                    m_out.put(' ');
-                m_out.putFloat(data[std::ptrdiff_t(i) * width + k]);
-            }
-            m_out.put('\n');
+            for (int i = 0; i < n; ++i)
+                m_out.commit(format(i, m_out.room(maxItemBytes)));
+            return;
+        }
+        const int batch = std::min(numChunks, 2 * pool.getNumThreads());
+        const std::size_t chunkBytes = std::size_t(chunkItems) * maxItemBytes;
+        const std::unique_ptr<char[]> buffer(new char[std::size_t(batch) * chunkBytes]);
+        std::vector<std::size_t> used(std::size_t(batch), 0);
+        for (int first = 0; first < numChunks; first += batch)
+        {
+            const int count = std::min(batch, numChunks - first);
+            qyUtil::runChunks(
+                pool, count,
+                [&](qyUtil::ThreadedChunkAlg&, int, int begin, int end)
+                {
+                    for (int c = begin; c < end; ++c)
+                    {
+                        char* const start = buffer.get() + std::size_t(c) * chunkBytes;
+                        char* out = start;
+                        const int from = (first + c) * chunkItems;
+                        const int to = std::min(n, from + chunkItems);
+                        for (int i = from; i < to; ++i)
+                            out = format(i, out);
+                        used[std::size_t(c)] = std::size_t(out - start);
+                    }
+                },
+                nullptr, 1);
+            for (int c = 0; c < count; ++c)
+                m_out.put(buffer.get() + std::size_t(c) * chunkBytes, used[std::size_t(c)]);
         }
     }
 
@@ -321,9 +402,7 @@ bool meshWriteObj(const CompactMesh& mesh, const qyOS::Filename& file)
     if (!w.isOpen())
         return false;
     w.writeVertexData(mesh);
-    const int n = mesh.getNumTriangles();
-    for (int t = 0; t < n; ++t)
-        w.writeTriangle(mesh, t);
+    w.writeTriangles(mesh, nullptr, mesh.getNumTriangles());
     w.finishMesh(mesh);
     return true;
 }
@@ -339,18 +418,14 @@ bool meshWriteObj(const CompactMesh& mesh, const qy::list<qy::Reference<MeshSubs
     w.out().put(library.getName());
     w.out().put('\n');
     w.writeVertexData(mesh);
-    const int nTris = mesh.getNumTriangles();
     int k = 0;
     for (const qy::Reference<MeshSubset>& s : subsets)
     {
         w.out().put("usemtl mat");
         w.out().putInt(k++);
         w.out().put('\n');
-        if (!s)
-            continue;
-        for (const int t : s->triangles())
-            if (t >= 0 && t < nTris)
-                w.writeTriangle(mesh, t);
+        if (s)
+            w.writeTriangles(mesh, s->triangles().data(), int(s->triangles().size()));
     }
     w.finishMesh(mesh);
     writeMaterialLibrary(library, colors);

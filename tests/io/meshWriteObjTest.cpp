@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include "base/ThreadPool.h"
 #include "ioTestUtil.h"
 #include "model/CompactMesh.h"
 #include "model/MeshSubset.h"
@@ -182,6 +183,51 @@ TEST(MeshWriteObj, RoundTripsKeepVerticesAndTriangles)
     meshRead(exact, qyOS::Filename(txt));
     EXPECT_EQ(vertices(exact), vertices(sphere));
     EXPECT_EQ(triangles(exact), triangles(sphere));
+}
+
+TEST(MeshWriteObj, TextDoesNotDependOnTheThreadCount)
+{
+    // Large enough for the writer to format chunks on the pool: every face form and the
+    // subsets writer give the same bytes with one thread and with several.
+    CompactMesh mesh = qyTest::makeGrid(150, 150);
+    mesh.allocNormalArray();
+    mesh.allocUVArray();
+    for (int i = 0; i < mesh.getNumVertices(); ++i)
+    {
+        float* n = mesh.getNormalsRaw() + 3 * i;
+        n[0] = 1e-5f * float(i);
+        n[1] = -3e7f / float(i + 1);
+        n[2] = 1;
+        mesh.getUVsRaw()[2 * i] = 0.001f * float(i % 1000);
+        mesh.getUVsRaw()[2 * i + 1] = 1.0f / float(i + 3);
+    }
+    std::vector<int> odd;
+    for (int t = mesh.getNumTriangles() - 1; t >= -5; t -= 2)
+        odd.push_back(t); // backwards, with indices out of range at the end
+    qy::list<qy::Reference<MeshSubset>> subsets;
+    subsets.push_back(qy::makeReference<MeshSubset>(std::vector<int>{}, odd));
+    const qy::list<qyUtil::Color> colors = {{1, 0, 0}};
+    qyUtil::ThreadPool& pool = qyUtil::ThreadPool::get();
+    const int threads = pool.getNumThreads();
+    std::vector<std::string> texts[2];
+    for (int run = 0; run < 2; ++run)
+    {
+        pool.setNumThreads(run == 0 ? 1 : 4);
+        const std::string a = (scratchDir() / "threads.obj").string();
+        const std::string b = (scratchDir() / "threads-sub.obj").string();
+        ASSERT_TRUE(meshWriteObj(mesh, qyOS::Filename(a)));
+        ASSERT_TRUE(meshWriteObj(mesh, subsets, colors, qyOS::Filename(b)));
+        texts[run] = {readText(a), readText(b)};
+    }
+    pool.setNumThreads(threads);
+    EXPECT_TRUE(texts[0] == texts[1]);
+    // The last line is the last triangle, in the v/vt/vn form.
+    const int* last = mesh.getTrianglesRaw() + 3 * (mesh.getNumTriangles() - 1);
+    char want[128];
+    std::snprintf(want, sizeof want, "f %d/%d/%d %d/%d/%d %d/%d/%d\n", last[0] + 1, last[0] + 1,
+                  last[0] + 1, last[1] + 1, last[1] + 1, last[1] + 1, last[2] + 1, last[2] + 1,
+                  last[2] + 1);
+    EXPECT_EQ(texts[0][0].substr(texts[0][0].size() - std::strlen(want)), want);
 }
 
 TEST(MeshRead, HostileCountsAndMissingFiles)
