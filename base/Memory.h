@@ -6,6 +6,8 @@
 #include <limits>
 #include <memory>
 #include <new>
+#include <type_traits>
+#include <utility>
 #include <vector>
 
 #if defined(__linux__)
@@ -69,5 +71,37 @@ template <class T> void adviseHugePages(const std::vector<T>& v)
 {
     adviseHugePages(v.data(), v.capacity() * sizeof(T));
 }
+
+/// A std::allocator that leaves the elements a vector's resize() adds default-initialised
+/// (uninitialised for trivial types) and advises huge pages for large blocks: for arrays
+/// that are written from end to end right after they are sized.
+template <class T> class UninitAllocator : public std::allocator<T>
+{
+public:
+    template <class U> struct rebind
+    {
+        using other = UninitAllocator<U>;
+    };
+    UninitAllocator() = default;
+    template <class U> UninitAllocator(const UninitAllocator<U>&) noexcept {}
+
+    T* allocate(std::size_t n)
+    {
+        T* p = std::allocator<T>::allocate(n);
+        adviseHugePages(p, n * sizeof(T));
+        return p;
+    }
+    template <class U> void construct(U* p) noexcept(std::is_nothrow_default_constructible_v<U>)
+    {
+        ::new (static_cast<void*>(p)) U;
+    }
+    template <class U, class... Args> void construct(U* p, Args&&... args)
+    {
+        ::new (static_cast<void*>(p)) U(std::forward<Args>(args)...);
+    }
+};
+
+/// A vector whose resize() does not clear what it adds (see UninitAllocator).
+template <class T> using RawVector = std::vector<T, UninitAllocator<T>>;
 
 } // namespace qy

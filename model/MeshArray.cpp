@@ -2,6 +2,7 @@
 #include "model/MeshArray.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
 #include <new>
 #include <utility>
@@ -13,19 +14,36 @@ namespace qyGeom
 namespace
 {
 
-class NewAllocator final : public ArrayAllocator
+class MallocAllocator final : public ArrayAllocator
 {
 public:
-    void* allocate(std::size_t bytes) override { return ::operator new(bytes); }
-    void deallocate(void* p, std::size_t) noexcept override { ::operator delete(p); }
+    void* allocate(std::size_t bytes) override { return check(std::malloc(bytes), bytes); }
+    void* allocateZeroed(std::size_t bytes) override { return check(std::calloc(bytes, 1), bytes); }
+    void deallocate(void* p, std::size_t) noexcept override { std::free(p); }
+
+private:
+    static void* check(void* p, std::size_t bytes)
+    {
+        if (!p && bytes > 0)
+            throw std::bad_alloc();
+        return p;
+    }
 };
 
 } // namespace
 
 qy::Reference<ArrayAllocator> ArrayAllocator::getDefault()
 {
-    static qy::Reference<ArrayAllocator> instance(new NewAllocator);
+    static qy::Reference<ArrayAllocator> instance(new MallocAllocator);
     return instance;
+}
+
+void* ArrayAllocator::allocateZeroed(std::size_t bytes)
+{
+    void* p = allocate(bytes);
+    if (p && bytes > 0)
+        std::memset(p, 0, bytes);
+    return p;
 }
 
 MeshArray::MeshArray(std::size_t elementSize, qy::Reference<ArrayAllocator> allocator)
@@ -91,9 +109,9 @@ void MeshArray::reallocate(int capacity)
     if (capacity > 0)
     {
         const std::size_t bytes = qy::byteSize(capacity, m_elementSize);
-        fresh = m_allocator->allocate(bytes);
-        // A large array is about to be written from end to end (zero-filled or copied):
-        // huge pages make that a few faults instead of one per 4 KiB.
+        fresh = m_allocator->allocateZeroed(bytes);
+        // A large array is usually written from end to end next: huge pages make that a few
+        // faults instead of one per 4 KiB.
         qy::adviseHugePages(fresh, bytes);
         const int keep = std::min(m_size, capacity);
         if (keep > 0)
@@ -110,7 +128,12 @@ void MeshArray::resize(int n)
 {
     n = std::max(n, 0);
     if (n > m_capacity || n < m_capacity / 2)
+    {
+        // A new buffer reads as zero past the elements kept.
         reallocate(n);
+        m_size = n;
+        return;
+    }
     if (n > m_size)
         std::memset(static_cast<char*>(m_data) + std::size_t(m_size) * m_elementSize, 0,
                     std::size_t(n - m_size) * m_elementSize);

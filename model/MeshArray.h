@@ -18,6 +18,9 @@ public:
     /// Throws std::bad_alloc when the memory cannot be had.
     virtual void* allocate(std::size_t bytes) = 0;
     virtual void deallocate(void* p, std::size_t bytes) noexcept = 0;
+    /// Memory that reads as zero. The default allocates and clears; the default allocator
+    /// takes fresh zero pages from the system for large blocks instead of writing them.
+    virtual void* allocateZeroed(std::size_t bytes);
 
     static qy::Reference<ArrayAllocator> getDefault();
 };
@@ -53,6 +56,8 @@ public:
     void swap(MeshArray& other) noexcept;
 
 private:
+    /// Moves the first min(size, capacity) elements to a buffer of `capacity`; the rest of
+    /// the new buffer reads as zero.
     void reallocate(int capacity);
 
     void* m_data = nullptr;

@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+#include "base/Memory.h"
+
 namespace qyGeom
 {
 
@@ -164,15 +166,15 @@ public:
     int faceSize(int f) const { return faceStart[std::size_t(f) + 1] - faceStart[std::size_t(f)]; }
 
     // Filled by finish() (the parse appends to the block sequences below).
-    std::vector<float> positions; ///< 3 per position
-    std::vector<float> texCoords; ///< 2 per texture coordinate
-    std::vector<int> faceStart{0};
-    std::vector<int> cornerPos;
+    qy::RawVector<float> positions; ///< 3 per position
+    qy::RawVector<float> texCoords; ///< 2 per texture coordinate
+    qy::RawVector<int> faceStart{0};
+    qy::RawVector<int> cornerPos;
     /// Empty for the reads without subsets (which keep no texture coordinates).
-    std::vector<int> cornerTex;
+    qy::RawVector<int> cornerTex;
     /// Per face, the index in materialNames of the material in force, -1 for none (filled
     /// only when materials are wanted).
-    std::vector<int> faceMaterial;
+    qy::RawVector<int> faceMaterial;
     /// Material names in the order of first use.
     std::vector<std::string> materialNames;
     std::string mtllib;

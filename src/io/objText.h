@@ -52,10 +52,10 @@ namespace qyGeom::objText
 using qy::adviseHugePages;
 
 /// Reserves `n` entries in an empty vector and advises huge pages for them.
-template <class T> void reserveHuge(std::vector<T>& v, std::size_t n)
+template <class Vector> void reserveHuge(Vector& v, std::size_t n)
 {
     v.reserve(n);
-    adviseHugePages(v.data(), v.capacity() * sizeof(T));
+    adviseHugePages(v.data(), v.capacity() * sizeof(typename Vector::value_type));
 }
 
 /// The bytes of a whole file, in one uninitialised buffer (no zero-filling, no copy).
