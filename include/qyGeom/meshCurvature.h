@@ -40,7 +40,7 @@ enum class MeshCurvature : int
 /// @param vertices  the mesh's vertex array or a transformed copy of it (one per vertex)
 /// @param[out] out  resized to the triangle count
 /// @pre every triangle index lies inside the vertex array
-/// Threads: the triangles are split into one contiguous share per pool thread.
+/// Threads: the triangles run in contiguous chunks on the pool.
 QYGEOM_API void computeCotangents(const CompactMesh& mesh, const MeshVertex* vertices,
                                   qy::Array<Cotangents>& out);
 
@@ -66,7 +66,7 @@ QYGEOM_API void computeCotangents(const CompactMesh& mesh, const MeshVertex* ver
 ///
 /// @param adjTris, adjVertices  meshAdjTris and meshAdjVertices of the mesh
 /// @param[out] out  one float per vertex, in vertex order
-/// Threads: each pass splits the vertices into one contiguous share per pool thread; the
+/// Threads: each pass runs the vertices in contiguous chunks on the pool; the
 /// result does not depend on the thread count.
 /// Cost: O(V + T) plus, per vertex, the square of its triangle count to order the fan; one
 /// Cotangents (24 bytes) per triangle, and the copies when the matrix is not the identity.

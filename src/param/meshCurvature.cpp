@@ -13,6 +13,7 @@
 #include <memory>
 #include <vector>
 
+#include "base/Memory.h"
 #include "base/StopWatch.h"
 #include "base/ThreadPool.h"
 #include "model/CompactMesh.h"
@@ -56,33 +57,13 @@ inline double cotangent(V3 a, V3 b, V3 c)
     return d / std::sqrt(dot(u, u) * dot(w, w) - d * d);
 }
 
-// Runs fn(begin, end) over [0, n) in one contiguous share per pool thread (the first n mod k
-// shares one item longer), or over the whole range on this thread when the pool has one.
-template <class Fn> void runShares(int n, Fn&& fn)
+// Runs fn(begin, end) over the pool's chunks of [0, n): every item is computed alone from
+// read-only inputs, so how the range is cut never changes a result, and many small chunks
+// keep both cores busy when one of them is slowed by other work.
+template <class Fn> void forChunks(int n, Fn&& fn)
 {
-    qyUtil::ThreadPool& pool = qyUtil::ThreadPool::get();
-    if (pool.getNumThreads() == 1 || n < 2)
-    {
-        fn(0, n);
-        return;
-    }
-    class Job final : public qyUtil::ThreadedAlg
-    {
-    public:
-        Job(int total, Fn& f) : m_total(total), m_fn(f) {}
-        void execute(int task, int numTasks) override
-        {
-            int begin, end;
-            evenShare(m_total, task, numTasks, begin, end);
-            m_fn(begin, end);
-        }
-
-    private:
-        int m_total;
-        Fn& m_fn;
-    };
-    Job job(n, fn);
-    pool.run(job);
+    qyUtil::runChunks(qyUtil::ThreadPool::get(), n,
+                      [&](qyUtil::ThreadedChunkAlg&, int, int begin, int end) { fn(begin, end); });
 }
 
 // The corner of triangle `tri` at which v sits (its first occurrence), or -1.
@@ -270,7 +251,7 @@ void prefetchFan(const Inputs& in, int v)
         prefetch(in.vertices + 3 * std::ptrdiff_t(neighbours[k]));
 }
 
-// The boundary fill of one share: pass 1 (vertices whose neighbour count is not 2) averages
+// The boundary fill of one chunk: pass 1 (vertices whose neighbour count is not 2) averages
 // interior neighbours, pass 2 (at most 2 neighbours) averages neighbours with more than 2.
 void fillBoundary(const MeshAdjTris& adjTris, const MeshAdjVertices& adjVertices, int pass,
                   int begin, int end, float* out)
@@ -300,11 +281,11 @@ void fillBoundary(const MeshAdjTris& adjTris, const MeshAdjVertices& adjVertices
     }
 }
 
-// The cotangents of every triangle into `result`, one share of the triangles per thread.
+// The cotangents of every triangle into `result`, chunk by chunk on the pool.
 void cotangentsInto(const CompactMesh& mesh, const float* verts, Cotangents* result)
 {
     const int* tris = mesh.getTrianglesRaw();
-    runShares(mesh.getNumTriangles(),
+    forChunks(mesh.getNumTriangles(),
               [&](int begin, int end)
               {
                   for (int t = begin; t < end; ++t)
@@ -372,6 +353,7 @@ void meshCurvature(const CompactMesh& mesh, const MeshAdjTris& adjTris,
     // cleared array would cost a serial pass over 24 bytes per triangle).
     const std::unique_ptr<Cotangents[]> cotangents =
         std::make_unique_for_overwrite<Cotangents[]>(std::size_t(numTris));
+    qy::adviseHugePages(cotangents.get(), std::size_t(numTris) * sizeof(Cotangents));
     cotangentsInto(mesh, vertices, cotangents.get());
     debugChannel().print(" cotangents computed in: %f s\n", watch.clear());
 
@@ -383,7 +365,7 @@ void meshCurvature(const CompactMesh& mesh, const MeshAdjTris& adjTris,
                     &adjVertices,
                     kind,
                     vertices != mesh.getVerticesRaw() && matrix.determinant() < 0.0f ? -1.0 : 1.0};
-    runShares(numVerts,
+    forChunks(numVerts,
               [&](int begin, int end)
               {
                   std::vector<int> fan;
@@ -398,7 +380,7 @@ void meshCurvature(const CompactMesh& mesh, const MeshAdjTris& adjTris,
     debugChannel().print("  interior curvature computed: %f s\n", watch.clear());
 
     for (int pass = 1; pass <= 2; ++pass)
-        runShares(numVerts, [&](int begin, int end)
+        forChunks(numVerts, [&](int begin, int end)
                   { fillBoundary(adjTris, adjVertices, pass, begin, end, out); });
     std::vector<float>().swap(movedVertices);
     std::vector<float>().swap(movedNormals);
