@@ -394,6 +394,39 @@ void writeMaterialLibrary(const qyOS::Filename& file, const qy::list<qyUtil::Col
     }
 }
 
+/// Reads the whitespace-separated numbers of the minimal format one by one. Each number needs
+/// at least one byte of the file, so the arrays only grow with data that is there, whatever
+/// counts the header claims.
+struct CountedText
+{
+    const char* p;
+    const char* end;
+
+    bool readInt(int& v)
+    {
+        const char* stop;
+        v = objText::parseInt(p, end, &stop);
+        const bool ok = stop != p;
+        p = stop;
+        return ok;
+    }
+    bool readDouble(double& v)
+    {
+        const char* stop;
+        v = objText::parseDouble(p, end, &stop);
+        const bool ok = stop != p;
+        p = stop;
+        return ok;
+    }
+    bool readFloat(float& v)
+    {
+        double d;
+        const bool ok = readDouble(d);
+        v = float(d);
+        return ok;
+    }
+};
+
 } // namespace
 
 bool meshWriteObj(const CompactMesh& mesh, const qyOS::Filename& file)
@@ -536,35 +569,16 @@ void meshRead(CompactMesh& mesh, const qyOS::Filename& file)
     objText::FileText text;
     if (!objText::readFile(file.c_str(), text) && text.empty())
         return;
-    const char* p = text.data();
-    const char* const end = p + text.size();
-    // Each number needs at least one byte of the file, so the arrays only grow with data
-    // that is there, whatever counts the header claims.
-    auto readInt = [&](int& v)
-    {
-        const char* stop;
-        v = objText::parseInt(p, end, &stop);
-        const bool ok = stop != p;
-        p = stop;
-        return ok;
-    };
-    auto readFloat = [&](float& v)
-    {
-        const char* stop;
-        v = float(objText::parseDouble(p, end, &stop));
-        const bool ok = stop != p;
-        p = stop;
-        return ok;
-    };
+    CountedText in{text.data(), text.data() + text.size()};
     int nv = 0, nt = 0;
-    if (!readInt(nv) || !readInt(nt))
+    if (!in.readInt(nv) || !in.readInt(nt))
         nv = nt = 0;
     std::vector<float> xyz;
     bool ok = true;
     for (int i = 0; ok && i < nv; ++i)
     {
         float c[3];
-        ok = readFloat(c[0]) && readFloat(c[1]) && readFloat(c[2]);
+        ok = in.readFloat(c[0]) && in.readFloat(c[1]) && in.readFloat(c[2]);
         if (ok)
             xyz.insert(xyz.end(), c, c + 3);
     }
@@ -573,7 +587,7 @@ void meshRead(CompactMesh& mesh, const qyOS::Filename& file)
     for (int t = 0; ok && t < nt; ++t)
     {
         int count, v[3];
-        ok = readInt(count) && readInt(v[0]) && readInt(v[1]) && readInt(v[2]);
+        ok = in.readInt(count) && in.readInt(v[0]) && in.readInt(v[1]) && in.readInt(v[2]);
         if (!ok)
             break;
         bool inside = true;
@@ -598,33 +612,16 @@ void meshRead(TopoMesh& mesh, const qyOS::Filename& file)
     if (!objText::readFile(file.c_str(), text) && text.empty())
         return;
     mesh.clear();
-    const char* p = text.data();
-    const char* const end = p + text.size();
-    auto readInt = [&](int& v)
-    {
-        const char* stop;
-        v = objText::parseInt(p, end, &stop);
-        const bool ok = stop != p;
-        p = stop;
-        return ok;
-    };
-    auto readDouble = [&](double& v)
-    {
-        const char* stop;
-        v = objText::parseDouble(p, end, &stop);
-        const bool ok = stop != p;
-        p = stop;
-        return ok;
-    };
+    CountedText in{text.data(), text.data() + text.size()};
     int nv = 0, nf = 0;
-    if (!readInt(nv) || !readInt(nf))
+    if (!in.readInt(nv) || !in.readInt(nf))
         nv = nf = 0;
     int numVertices = 0;
     bool ok = true;
     for (; ok && numVertices < nv; ++numVertices)
     {
         double c[3];
-        ok = readDouble(c[0]) && readDouble(c[1]) && readDouble(c[2]);
+        ok = in.readDouble(c[0]) && in.readDouble(c[1]) && in.readDouble(c[2]);
         if (!ok)
             break;
         mesh.allocVertex(c[0], c[1], c[2]);
@@ -633,14 +630,14 @@ void meshRead(TopoMesh& mesh, const qyOS::Filename& file)
     for (int f = 0; ok && f < nf; ++f)
     {
         int n = 0;
-        ok = readInt(n);
+        ok = in.readInt(n);
         corners.clear();
         bool inside = n >= 3;
         // The corners are read one by one, so a huge count only reads what is there.
         for (int k = 0; ok && k < n; ++k)
         {
             int v;
-            ok = readInt(v);
+            ok = in.readInt(v);
             if (ok)
             {
                 inside = inside && v >= 0 && v < numVertices;
