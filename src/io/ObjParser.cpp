@@ -1,11 +1,15 @@
 // ObjParser: the strict, token-driven OBJ parser behind meshReadObj2.
 #include <algorithm>
+#include <atomic>
+#include <climits>
+#include <cstdint>
 #include <cstring>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "base/Filename.h"
+#include "base/ThreadPool.h"
 #include "io/objText.h"
 #include "qyGeom/meshReadObj.h"
 
@@ -577,6 +581,558 @@ private:
     std::vector<MeshObjCorner> m_corners;
 };
 
+// ---------------------------------------------------------------------------------------------
+// The fast path. Large files are cut into pieces at line starts and the pieces are read on the
+// thread pool by a line parser that takes the common statements (v, vt, vn, f, g, o, s,
+// comments and blank lines) straight from the text, without tokens. It accepts only text on
+// which the token parser above would succeed and give the same result; anything else (an
+// error, mtllib, usemtl, a statement carried to the next line by a comment, a rare number or
+// index form) makes it give up, and the whole file is then read again by the token parser,
+// which reports the first error exactly as a serial read does. Nothing is written into the
+// caller's MeshObjFile before the pieces have been checked, so giving up leaves no trace.
+
+/// Cut size of the pieces; every piece but the first starts after the first '\n' at or after
+/// its nominal start, so the cuts depend only on the text, never on the thread count.
+constexpr std::size_t PieceBytes = std::size_t(512) << 10;
+
+/// A `g` statement met before face `face` of its piece; an empty name keeps the group's name.
+struct GroupSwitch
+{
+    std::size_t face;
+    std::string name;
+};
+
+/// What one piece holds. Corner indices are final (0-based) except the negative ones, which
+/// are relative to the piece's first element and listed in the fix-up lists; `need*` is the
+/// least number of elements that must precede the piece for all its indices to be valid.
+struct Piece
+{
+    const char* begin = nullptr;
+    const char* end = nullptr;
+    bool ok = false;
+    std::vector<qyLinear::PointFlt> vertices;
+    std::vector<qyLinear::Point2Flt> texCoords;
+    std::vector<qyLinear::VectorFlt> normals;
+    std::vector<MeshObjCorner> corners;
+    std::vector<int> faceSizes;
+    std::vector<GroupSwitch> groups;
+    std::vector<std::size_t> fixVertex, fixTexCoord, fixNormal; ///< corners to shift
+    long long needVertices = 0, needTexCoords = 0, needNormals = 0;
+    int numTriangles = 0, numQuads = 0, numPolygons = 0;
+};
+
+constexpr double exactPowersOf10[] = {1e0,  1e1,  1e2,  1e3,  1e4,  1e5,  1e6,  1e7,
+                                      1e8,  1e9,  1e10, 1e11, 1e12, 1e13, 1e14, 1e15,
+                                      1e16, 1e17, 1e18, 1e19, 1e20, 1e21, 1e22};
+
+inline bool isBlank(char c)
+{
+    return c == ' ' || c == '\t';
+}
+
+/// Parses one piece; false when the text needs the token parser.
+class PieceParser
+{
+public:
+    explicit PieceParser(Piece& piece) : m_p(piece.begin), m_end(piece.end), m_out(piece)
+    {
+        // Generous reservations: untouched capacity costs address space, not memory.
+        const std::size_t bytes = std::size_t(m_end - m_p);
+        m_out.vertices.reserve(bytes / 24 + 16);
+        m_out.texCoords.reserve(bytes / 24 + 16);
+        m_out.normals.reserve(bytes / 24 + 16);
+        m_out.corners.reserve(bytes / 6 + 16);
+        m_out.faceSizes.reserve(bytes / 16 + 16);
+    }
+
+    bool parse()
+    {
+        for (;;)
+        {
+            while (m_p < m_end && isBlank(*m_p))
+                ++m_p;
+            if (m_p == m_end)
+                return true;
+            const char c = *m_p;
+            if (c == '\n')
+            {
+                ++m_p;
+                continue;
+            }
+            if (c == '\r')
+            {
+                if (m_end - m_p < 2 || m_p[1] != '\n')
+                    return false;
+                m_p += 2;
+                continue;
+            }
+            if (c == '#')
+            {
+                const void* nl = std::memchr(m_p, '\n', std::size_t(m_end - m_p));
+                m_p = nl ? static_cast<const char*>(nl) + 1 : m_end;
+                continue;
+            }
+            // A keyword is a whole word, ended by a blank, a line end or the end of the text.
+            const char* w = m_p;
+            while (w < m_end && !isWordEnd(*w))
+                ++w;
+            const std::size_t len = std::size_t(w - m_p);
+            const char c1 = len > 1 ? m_p[1] : 0;
+            m_p = w;
+            bool good;
+            if (len == 1 && c == 'v')
+                good = point3(m_out.vertices);
+            else if (len == 2 && c == 'v' && c1 == 't')
+                good = point2();
+            else if (len == 2 && c == 'v' && c1 == 'n')
+                good = point3(m_out.normals);
+            else if (len == 1 && c == 'f')
+                good = face();
+            else if (len == 1 && c == 'g')
+                good = group();
+            else if (len == 1 && c == 'o')
+                good = name(nullptr);
+            else if (len == 1 && c == 's')
+                good = smooth();
+            else
+                good = false;
+            if (!good)
+                return false;
+        }
+    }
+
+private:
+    /// A number token as the scanner cuts it, followed by a blank, a line end, a comment or
+    /// the end of the text; its value rounded to float as the token parser does.
+    bool number(float& out)
+    {
+        while (m_p < m_end && isBlank(*m_p))
+            ++m_p;
+        const char* const start = m_p;
+        const char* q = m_p;
+        bool negative = false;
+        if (q < m_end && (*q == '+' || *q == '-'))
+        {
+            negative = *q == '-';
+            ++q;
+        }
+        std::uint64_t mantissa = 0;
+        int digits = 0, scale = 0;
+        const char* const intStart = q;
+        for (; q < m_end && objText::isDigit(*q); ++q, ++digits)
+            mantissa = mantissa * 10 + std::uint64_t(*q - '0');
+        const bool intDigits = q > intStart;
+        bool fraction = false;
+        if (q < m_end && *q == '.')
+        {
+            const char* f = q + 1;
+            int fracDigits = 0;
+            for (; f < m_end && objText::isDigit(*f); ++f, ++fracDigits)
+                mantissa = mantissa * 10 + std::uint64_t(*f - '0');
+            if (intDigits || fracDigits > 0)
+            {
+                fraction = true;
+                q = f;
+                digits += fracDigits;
+                scale = -fracDigits;
+            }
+        }
+        if (!intDigits && !fraction)
+            return false;
+        if (q < m_end && (*q == 'e' || *q == 'E'))
+        {
+            const char* e = q + 1;
+            bool negativeExponent = false;
+            if (e < m_end && (*e == '+' || *e == '-'))
+            {
+                negativeExponent = *e == '-';
+                ++e;
+            }
+            const char* const expDigits = e;
+            int exponent = 0;
+            for (; e < m_end && objText::isDigit(*e); ++e)
+                exponent = std::min(exponent * 10 + (*e - '0'), 100000);
+            if (e == expDigits)
+                return false; // "1e" is a number and a name: the token parser decides
+            scale += negativeExponent ? -exponent : exponent;
+            q = e;
+        }
+        if (q < m_end && !isWordEnd(*q) && *q != '#')
+            return false; // text that the scanner would cut differently
+        double v;
+        if (digits <= 19 && mantissa <= (std::uint64_t(1) << 53) && scale >= -22 && scale <= 22)
+        {
+            // Both the digits and the power of ten are exact: one rounding, as strtod's.
+            v = double(mantissa);
+            if (scale < 0)
+                v /= exactPowersOf10[-scale];
+            else if (scale > 0)
+                v *= exactPowersOf10[scale];
+            if (negative)
+                v = -v;
+        }
+        else
+        {
+            const char* stop;
+            v = objText::parseDouble(start, q, &stop);
+        }
+        out = float(v);
+        m_p = q;
+        return true;
+    }
+
+    template <class T> bool point3(std::vector<T>& out)
+    {
+        T v;
+        if (!number(v.x) || !number(v.y) || !number(v.z))
+            return false;
+        out.push_back(v);
+        return true;
+    }
+
+    bool point2()
+    {
+        qyLinear::Point2Flt v;
+        if (!number(v.x) || !number(v.y))
+            return false;
+        m_out.texCoords.push_back(v);
+        return true;
+    }
+
+    /// An optionally negative index at m_p (as atoi reads it); false when there is none.
+    bool index(int& out)
+    {
+        const char* q = m_p;
+        const bool negative = q < m_end && *q == '-';
+        if (negative)
+            ++q;
+        const char* const digits = q;
+        unsigned value = 0;
+        for (; q < m_end && objText::isDigit(*q) && q - digits < 9; ++q)
+            value = value * 10 + unsigned(*q - '0');
+        if (q == digits)
+            return false;
+        if (q < m_end && objText::isDigit(*q))
+        {
+            // Ten digits or more: the saturating conversion decides.
+            while (q < m_end && objText::isDigit(*q))
+                ++q;
+            out = objText::parseInt(m_p, q);
+        }
+        else
+        {
+            out = negative ? -int(value) : int(value);
+        }
+        m_p = q;
+        return true;
+    }
+
+    /// Resolves index i against the `count` elements of the piece read so far: positive
+    /// indices become final, negative ones piece-relative (listed in `fix` for the join).
+    static bool resolve(int i, std::size_t count, long long& need, std::vector<std::size_t>& fix,
+                        std::size_t corner, int& out)
+    {
+        const long long n = static_cast<long long>(count);
+        if (i == 0)
+            return false;
+        if (i > 0)
+        {
+            need = std::max(need, i - n);
+            out = i - 1;
+            return true;
+        }
+        const long long r = i + n;
+        need = std::max(need, -r);
+        if (r < INT_MIN)
+            return false;
+        out = int(r);
+        fix.push_back(corner);
+        return true;
+    }
+
+    bool face()
+    {
+        const std::size_t first = m_out.corners.size();
+        for (;;)
+        {
+            while (m_p < m_end && isBlank(*m_p))
+                ++m_p;
+            if (m_p == m_end)
+                break;
+            const char c = *m_p;
+            if (c == '#' || c == '+' || c == '/' || c == '.')
+                return false;
+            if (!objText::isDigit(c) && c != '-')
+                break; // a line end or the next statement
+            const std::size_t at = m_out.corners.size();
+            MeshObjCorner corner;
+            int i;
+            if (!index(i) || !resolve(i, m_out.vertices.size(), m_out.needVertices, m_out.fixVertex,
+                                      at, corner.vertex))
+                return false;
+            if (m_p < m_end && *m_p == '/')
+            {
+                ++m_p;
+                if (m_p < m_end && *m_p != '/' && !isWordEnd(*m_p))
+                {
+                    if (!index(i) || !resolve(i, m_out.texCoords.size(), m_out.needTexCoords,
+                                              m_out.fixTexCoord, at, corner.texCoord))
+                        return false;
+                }
+                if (m_p < m_end && *m_p == '/')
+                {
+                    ++m_p;
+                    if (m_p < m_end && !isWordEnd(*m_p))
+                    {
+                        if (!index(i) || !resolve(i, m_out.normals.size(), m_out.needNormals,
+                                                  m_out.fixNormal, at, corner.normal))
+                            return false;
+                    }
+                }
+            }
+            if (m_p < m_end && !isWordEnd(*m_p))
+                return false;
+            m_out.corners.push_back(corner);
+        }
+        const std::size_t n = m_out.corners.size() - first;
+        if (n < 3 || n > 0x7fffffff)
+            return false;
+        (n == 3 ? m_out.numTriangles : n == 4 ? m_out.numQuads : m_out.numPolygons)++;
+        m_out.faceSizes.push_back(int(n));
+        return true;
+    }
+
+    /// A name token (not a keyword) at the next word; appended to *to when given. False when
+    /// the next word is not one or there is none.
+    bool name(std::string* to)
+    {
+        while (m_p < m_end && isBlank(*m_p))
+            ++m_p;
+        if (m_p == m_end || !isPlainNameStart(static_cast<unsigned char>(*m_p)))
+            return false;
+        const char* w = m_p;
+        while (w < m_end && !isWordEnd(*w))
+            ++w;
+        const std::string_view word(m_p, std::size_t(w - m_p));
+        for (const auto& k : keywords)
+            if (word == k.first)
+                return false;
+        if (to)
+        {
+            if (!to->empty())
+                *to += ' ';
+            *to += word;
+        }
+        m_p = w;
+        return true;
+    }
+
+    /// A name start that no number or corner rule can claim.
+    static bool isPlainNameStart(unsigned char c) { return isNameStart(c) && c != '.' && c != '/'; }
+
+    bool group()
+    {
+        GroupSwitch g;
+        g.face = m_out.faceSizes.size();
+        for (;;)
+        {
+            while (m_p < m_end && isBlank(*m_p))
+                ++m_p;
+            if (m_p == m_end || *m_p == '\n' || *m_p == '\r')
+                break;
+            if (!isPlainNameStart(static_cast<unsigned char>(*m_p)))
+                return false;
+            const char* const word = m_p;
+            if (!name(&g.name))
+            {
+                m_p = word; // a keyword: the next statement
+                break;
+            }
+        }
+        m_out.groups.push_back(std::move(g));
+        return true;
+    }
+
+    bool smooth()
+    {
+        while (m_p < m_end && isBlank(*m_p))
+            ++m_p;
+        const char* q = m_p;
+        if (m_end - q >= 3 && q[0] == 'o' && q[1] == 'f' && q[2] == 'f')
+            q += 3;
+        else
+        {
+            if (q < m_end && (*q == '-' || *q == '+'))
+                ++q;
+            const char* const digits = q;
+            while (q < m_end && objText::isDigit(*q))
+                ++q;
+            if (q == digits)
+                return false;
+            if (q < m_end && *q == '#')
+            {
+                m_p = q;
+                return true;
+            }
+        }
+        if (q < m_end && !isWordEnd(*q))
+            return false;
+        m_p = q;
+        return true;
+    }
+
+    const char* m_p;
+    const char* m_end;
+    Piece& m_out;
+};
+
+/// Reads the text in pieces into `file`; false (with `file` untouched) when the token
+/// parser has to read it.
+bool readPieces(const char* begin, const char* end, MeshObjFile& file)
+{
+    const std::size_t size = std::size_t(end - begin);
+    const std::size_t numPieces = std::max<std::size_t>(1, (size + PieceBytes - 1) / PieceBytes);
+    if (numPieces > 0x7fffffff)
+        return false;
+    std::vector<Piece> pieces(numPieces);
+    const char* start = begin;
+    for (std::size_t k = 0; k < numPieces; ++k)
+    {
+        pieces[k].begin = start;
+        if (k + 1 < numPieces)
+        {
+            const char* from = begin + (k + 1) * PieceBytes - 1;
+            if (from < start)
+                from = start;
+            const void* nl = std::memchr(from, '\n', std::size_t(end - from));
+            start = nl ? static_cast<const char*>(nl) + 1 : end;
+        }
+        else
+        {
+            start = end;
+        }
+        pieces[k].end = start;
+    }
+    std::atomic<bool> failed{false};
+    qyUtil::runChunks(
+        qyUtil::ThreadPool::get(), int(numPieces),
+        [&](qyUtil::ThreadedChunkAlg&, int, int b, int e)
+        {
+            for (int k = b; k < e; ++k)
+            {
+                if (failed.load(std::memory_order_relaxed))
+                    return;
+                Piece& piece = pieces[std::size_t(k)];
+                piece.ok = PieceParser(piece).parse();
+                if (!piece.ok)
+                    failed.store(true, std::memory_order_relaxed);
+            }
+        },
+        nullptr, 1);
+    if (failed.load())
+        return false;
+
+    // Every index must be valid with the elements before its piece.
+    std::size_t numV = file.vertices.size(), numT = file.texCoords.size(),
+                numN = file.normals.size();
+    std::size_t numFaces = 0;
+    for (const Piece& piece : pieces)
+    {
+        if (!piece.ok || piece.needVertices > static_cast<long long>(numV) ||
+            piece.needTexCoords > static_cast<long long>(numT) ||
+            piece.needNormals > static_cast<long long>(numN))
+            return false;
+        numV += piece.vertices.size();
+        numT += piece.texCoords.size();
+        numN += piece.normals.size();
+        numFaces += piece.faceSizes.size();
+    }
+    if (numV > 0x7fffffff || numT > 0x7fffffff || numN > 0x7fffffff || numFaces > 0x7fffffff)
+        return false;
+
+    // Negative indices counted back into earlier pieces: shift them by the elements that
+    // precede their piece.
+    numV = file.vertices.size();
+    numT = file.texCoords.size();
+    numN = file.normals.size();
+    long long triangles = file.numTriangles, quads = file.numQuads, polygons = file.numPolygons;
+    for (Piece& piece : pieces)
+    {
+        for (std::size_t c : piece.fixVertex)
+            piece.corners[c].vertex += int(numV);
+        for (std::size_t c : piece.fixTexCoord)
+            piece.corners[c].texCoord += int(numT);
+        for (std::size_t c : piece.fixNormal)
+            piece.corners[c].normal += int(numN);
+        numV += piece.vertices.size();
+        numT += piece.texCoords.size();
+        numN += piece.normals.size();
+        triangles += piece.numTriangles;
+        quads += piece.numQuads;
+        polygons += piece.numPolygons;
+    }
+    if (triangles > 0x7fffffff || quads > 0x7fffffff || polygons > 0x7fffffff)
+        return false;
+
+    // The lists, in piece order.
+    file.vertices.reserve(numV);
+    file.texCoords.reserve(numT);
+    file.normals.reserve(numN);
+    for (const Piece& piece : pieces)
+    {
+        file.vertices.insert(file.vertices.end(), piece.vertices.begin(), piece.vertices.end());
+        file.texCoords.insert(file.texCoords.end(), piece.texCoords.begin(), piece.texCoords.end());
+        file.normals.insert(file.normals.end(), piece.normals.begin(), piece.normals.end());
+    }
+    file.numTriangles = int(triangles);
+    file.numQuads = int(quads);
+    file.numPolygons = int(polygons);
+
+    // The groups: a `g` after faces closes the current group and opens one with its
+    // material (none: usemtl is left to the token parser); a `g` with names renames the
+    // group that is open.
+    qy::Reference<MeshObjGroup> group = qy::makeReference<MeshObjGroup>("default");
+    bool anyGroups = false;
+    for (const Piece& piece : pieces)
+        anyGroups = anyGroups || !piece.groups.empty();
+    if (!anyGroups)
+    {
+        std::size_t numCorners = 0;
+        for (const Piece& piece : pieces)
+            numCorners += piece.corners.size();
+        group->reserve(int(numFaces), int(std::min<std::size_t>(numCorners, 0x7fffffff)));
+    }
+    for (const Piece& piece : pieces)
+    {
+        const int* sizes = piece.faceSizes.data();
+        const MeshObjCorner* corners = piece.corners.data();
+        std::size_t f = 0;
+        auto addFaces = [&](std::size_t to)
+        {
+            for (; f < to; ++f)
+            {
+                group->addFace(sizes[f], corners);
+                corners += sizes[f];
+            }
+        };
+        for (const GroupSwitch& g : piece.groups)
+        {
+            addFaces(g.face);
+            if (group->getNumFaces() > 0)
+            {
+                file.groups.push_back(group);
+                group = qy::makeReference<MeshObjGroup>("default");
+            }
+            if (!g.name.empty())
+                group->setName(g.name);
+        }
+        addFaces(piece.faceSizes.size());
+    }
+    if (group->getNumFaces() > 0)
+        file.groups.push_back(group);
+    return true;
+}
+
 } // namespace
 
 qyUtil::Error meshReadObj2(const qyString::IString& fileName, qy::Reference<MeshObjFile> file)
@@ -589,7 +1145,9 @@ qyUtil::Error meshReadObj2(const qyString::IString& fileName, qy::Reference<Mesh
     try
     {
         const char* end = text.data() + text.size();
-        ObjParser(fileName, objText::skipByteOrderMark(text.data(), end), end, *file).parse();
+        const char* begin = objText::skipByteOrderMark(text.data(), end);
+        if (!readPieces(begin, end, *file))
+            ObjParser(fileName, begin, end, *file).parse();
     }
     catch (const qyUtil::Error& e)
     {
