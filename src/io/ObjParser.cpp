@@ -1,11 +1,16 @@
 // ObjParser: the strict, token-driven OBJ parser behind meshReadObj2.
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <climits>
 #include <cstdint>
 #include <cstring>
+#include <fcntl.h>
+#include <memory>
 #include <string>
 #include <string_view>
+#include <sys/stat.h>
+#include <unistd.h>
 #include <vector>
 
 #include "base/Filename.h"
@@ -591,9 +596,16 @@ private:
 // which reports the first error exactly as a serial read does. Nothing is written into the
 // caller's MeshObjFile before the pieces have been checked, so giving up leaves no trace.
 
-/// Cut size of the pieces; every piece but the first starts after the first '\n' at or after
-/// its nominal start, so the cuts depend only on the text, never on the thread count.
-constexpr std::size_t PieceBytes = std::size_t(512) << 10;
+/// Cut size of the pieces of a text of `size` bytes: some 32 pieces, between 64 KiB and
+/// 2 MiB each. Every piece but the first starts after the first '\n' at or after its nominal
+/// start, so the cuts depend only on the text, never on the thread count.
+std::size_t pieceBytes(std::size_t size)
+{
+    return std::clamp(size / 32, std::size_t(64) << 10, std::size_t(2) << 20);
+}
+
+/// Slices of a large file read on the thread pool.
+constexpr std::size_t ReadSliceBytes = std::size_t(2) << 20;
 
 /// A `g` statement met before face `face` of its piece; an empty name keeps the group's name.
 struct GroupSwitch
@@ -636,13 +648,14 @@ class PieceParser
 public:
     explicit PieceParser(Piece& piece) : m_p(piece.begin), m_end(piece.end), m_out(piece)
     {
-        // Generous reservations: untouched capacity costs address space, not memory.
+        // Generous reservations: untouched capacity costs address space, not memory. The
+        // large ones take huge pages, a few page faults instead of one per 4 KiB.
         const std::size_t bytes = std::size_t(m_end - m_p);
-        m_out.vertices.reserve(bytes / 24 + 16);
-        m_out.texCoords.reserve(bytes / 24 + 16);
-        m_out.normals.reserve(bytes / 24 + 16);
-        m_out.corners.reserve(bytes / 6 + 16);
-        m_out.faceSizes.reserve(bytes / 16 + 16);
+        objText::reserveHuge(m_out.vertices, bytes / 24 + 16);
+        objText::reserveHuge(m_out.texCoords, bytes / 24 + 16);
+        objText::reserveHuge(m_out.normals, bytes / 24 + 16);
+        objText::reserveHuge(m_out.corners, bytes / 6 + 16);
+        objText::reserveHuge(m_out.faceSizes, bytes / 16 + 16);
     }
 
     bool parse()
@@ -991,7 +1004,8 @@ private:
 bool readPieces(const char* begin, const char* end, MeshObjFile& file)
 {
     const std::size_t size = std::size_t(end - begin);
-    const std::size_t numPieces = std::max<std::size_t>(1, (size + PieceBytes - 1) / PieceBytes);
+    const std::size_t bytes = pieceBytes(size);
+    const std::size_t numPieces = std::max<std::size_t>(1, (size + bytes - 1) / bytes);
     if (numPieces > 0x7fffffff)
         return false;
     std::vector<Piece> pieces(numPieces);
@@ -1001,7 +1015,7 @@ bool readPieces(const char* begin, const char* end, MeshObjFile& file)
         pieces[k].begin = start;
         if (k + 1 < numPieces)
         {
-            const char* from = begin + (k + 1) * PieceBytes - 1;
+            const char* from = begin + (k + 1) * bytes - 1;
             if (from < start)
                 from = start;
             const void* nl = std::memchr(from, '\n', std::size_t(end - from));
@@ -1078,6 +1092,9 @@ bool readPieces(const char* begin, const char* end, MeshObjFile& file)
     file.vertices.reserve(numV);
     file.texCoords.reserve(numT);
     file.normals.reserve(numN);
+    qy::adviseHugePages(file.vertices);
+    qy::adviseHugePages(file.texCoords);
+    qy::adviseHugePages(file.normals);
     for (const Piece& piece : pieces)
     {
         file.vertices.insert(file.vertices.end(), piece.vertices.begin(), piece.vertices.end());
@@ -1101,6 +1118,7 @@ bool readPieces(const char* begin, const char* end, MeshObjFile& file)
         for (const Piece& piece : pieces)
             numCorners += piece.corners.size();
         group->reserve(int(numFaces), int(std::min<std::size_t>(numCorners, 0x7fffffff)));
+        qy::adviseHugePages(group->getCorners());
     }
     for (const Piece& piece : pieces)
     {
@@ -1133,19 +1151,103 @@ bool readPieces(const char* begin, const char* end, MeshObjFile& file)
     return true;
 }
 
+/// The text of a file: a large regular file read in slices on the thread pool, anything
+/// else by objText::readFile.
+struct Text
+{
+    objText::FileText file;
+    std::unique_ptr<char[]> sliced;
+    const char* data = nullptr;
+    std::size_t size = 0;
+};
+
+/// Reads `count` bytes at `offset`; false on an error or an early end of the file.
+bool readFully(int fd, char* to, std::size_t count, std::size_t offset)
+{
+    while (count > 0)
+    {
+        const ssize_t n = ::pread(fd, to, count, off_t(offset));
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0)
+            return false;
+        to += n;
+        count -= std::size_t(n);
+        offset += std::size_t(n);
+    }
+    return true;
+}
+
+/// Reads the whole file as objText::readFile does (false when that fails). A large regular
+/// file is read in slices on the thread pool, the copy from the page cache being
+/// a good part of the work; when the file turns out shorter or longer than its size said,
+/// or a read fails, it is read again the ordinary way.
+bool readText(const char* path, Text& text)
+{
+    const int fd = ::open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0)
+        return false;
+    struct stat st;
+    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode))
+    {
+        ::close(fd);
+        return false;
+    }
+    const std::size_t size = std::size_t(st.st_size);
+    if (size >= 2 * ReadSliceBytes && size / ReadSliceBytes < 0x7fffffff)
+    {
+        std::unique_ptr<char[]> data(new char[size]);
+        qy::adviseHugePages(data.get(), size);
+        const int slices = int((size + ReadSliceBytes - 1) / ReadSliceBytes);
+        std::atomic<bool> ok{true};
+        qyUtil::runChunks(
+            qyUtil::ThreadPool::get(), slices,
+            [&](qyUtil::ThreadedChunkAlg&, int, int b, int e)
+            {
+                for (int k = b; k < e && ok.load(std::memory_order_relaxed); ++k)
+                {
+                    const std::size_t from = std::size_t(k) * ReadSliceBytes;
+                    const std::size_t count = std::min(ReadSliceBytes, size - from);
+                    if (!readFully(fd, data.get() + from, count, from))
+                        ok.store(false, std::memory_order_relaxed);
+                }
+            },
+            nullptr, 1);
+        char more;
+        ssize_t n;
+        do
+            n = ::pread(fd, &more, 1, off_t(size));
+        while (n < 0 && errno == EINTR);
+        if (ok.load() && n == 0)
+        {
+            ::close(fd);
+            text.sliced = std::move(data);
+            text.data = text.sliced.get();
+            text.size = size;
+            return true;
+        }
+    }
+    ::close(fd);
+    if (!objText::readFile(path, text.file))
+        return false;
+    text.data = text.file.data();
+    text.size = text.file.size();
+    return true;
+}
+
 } // namespace
 
 qyUtil::Error meshReadObj2(const qyString::IString& fileName, qy::Reference<MeshObjFile> file)
 {
     if (!file)
         file = qy::makeReference<MeshObjFile>();
-    objText::FileText text;
-    if (!objText::readFile(fileName.c_str(), text))
+    Text text;
+    if (!readText(fileName.c_str(), text))
         return qyUtil::Error(1, "Cannot open file: %s", fileName.c_str());
     try
     {
-        const char* end = text.data() + text.size();
-        const char* begin = objText::skipByteOrderMark(text.data(), end);
+        const char* end = text.data + text.size;
+        const char* begin = objText::skipByteOrderMark(text.data, end);
         if (!readPieces(begin, end, *file))
             ObjParser(fileName, begin, end, *file).parse();
     }
