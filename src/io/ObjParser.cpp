@@ -588,11 +588,12 @@ private:
 
 // ---------------------------------------------------------------------------------------------
 // The fast path. Large files are cut into pieces at line starts and the pieces are read on the
-// thread pool by a line parser that takes the common statements (v, vt, vn, f, g, o, s,
-// comments and blank lines) straight from the text, without tokens. It accepts only text on
-// which the token parser above would succeed and give the same result; anything else (an
-// error, mtllib, usemtl, a statement carried to the next line by a comment, a rare number or
-// index form) makes it give up, and the whole file is then read again by the token parser,
+// thread pool by a line parser that takes the statements (v, vt, vn, f, g, o, s, usemtl,
+// mtllib, comments and blank lines) straight from the text, without tokens; the material
+// statements are carried out in file order when the pieces are joined. It accepts only text
+// on which the token parser above would succeed and give the same result; anything else (an
+// error, a statement carried to the next line by a comment, a rare number or index form)
+// makes it give up, and the whole file is then read again by the token parser,
 // which reports the first error exactly as a serial read does. Nothing is written into the
 // caller's MeshObjFile before the pieces have been checked, so giving up leaves no trace.
 
@@ -607,11 +608,20 @@ std::size_t pieceBytes(std::size_t size)
 /// Slices of a large file read on the thread pool.
 constexpr std::size_t ReadSliceBytes = std::size_t(2) << 20;
 
-/// A `g` statement met before face `face` of its piece; an empty name keeps the group's name.
-struct GroupSwitch
+/// A `g`, `usemtl` or `mtllib` statement met before face `face` of its piece. A `g` without
+/// a name keeps the group's name; `material` is filled when the statements are replayed.
+struct Event
 {
+    enum Kind
+    {
+        Group,
+        Usemtl,
+        Mtllib
+    };
+    Kind kind;
     std::size_t face;
     std::string name;
+    qy::Reference<MeshObjMaterial> material;
 };
 
 /// What one piece holds. Corner indices are final (0-based) except the negative ones, which
@@ -627,7 +637,7 @@ struct Piece
     std::vector<qyLinear::VectorFlt> normals;
     std::vector<MeshObjCorner> corners;
     std::vector<int> faceSizes;
-    std::vector<GroupSwitch> groups;
+    std::vector<Event> events;
     std::vector<std::size_t> fixVertex, fixTexCoord, fixNormal; ///< corners to shift
     long long needVertices = 0, needTexCoords = 0, needNormals = 0;
     int numTriangles = 0, numQuads = 0, numPolygons = 0;
@@ -705,6 +715,10 @@ public:
                 good = group();
             else if (len == 1 && c == 'o')
                 good = name(nullptr);
+            else if (len == 6 && std::string_view(w - 6, 6) == "usemtl")
+                good = event(Event::Usemtl);
+            else if (len == 6 && std::string_view(w - 6, 6) == "mtllib")
+                good = event(Event::Mtllib);
             else if (len == 1 && c == 's')
                 good = smooth();
             else
@@ -921,12 +935,17 @@ private:
     {
         while (m_p < m_end && isBlank(*m_p))
             ++m_p;
-        if (m_p == m_end || !isPlainNameStart(static_cast<unsigned char>(*m_p)))
+        if (m_p == m_end || !isNameStart(static_cast<unsigned char>(*m_p)))
             return false;
         const char* w = m_p;
         while (w < m_end && !isWordEnd(*w))
             ++w;
-        const std::string_view word(m_p, std::size_t(w - m_p));
+        const std::size_t length = std::size_t(w - m_p);
+        // The scanner's longest match: a number or a corner as long as the word wins.
+        bool isReal = false;
+        if (matchNumber(m_p, m_end, isReal) >= length || matchCorner(m_p, m_end) >= length)
+            return false;
+        const std::string_view word(m_p, length);
         for (const auto& k : keywords)
             if (word == k.first)
                 return false;
@@ -940,29 +959,31 @@ private:
         return true;
     }
 
-    /// A name start that no number or corner rule can claim.
-    static bool isPlainNameStart(unsigned char c) { return isNameStart(c) && c != '.' && c != '/'; }
-
     bool group()
     {
-        GroupSwitch g;
-        g.face = m_out.faceSizes.size();
+        Event g{Event::Group, m_out.faceSizes.size(), {}, {}};
         for (;;)
         {
             while (m_p < m_end && isBlank(*m_p))
                 ++m_p;
-            if (m_p == m_end || *m_p == '\n' || *m_p == '\r')
+            if (m_p == m_end)
                 break;
-            if (!isPlainNameStart(static_cast<unsigned char>(*m_p)))
-                return false;
-            const char* const word = m_p;
+            if (*m_p == '#')
+                return false; // a comment would carry the names on to the next line
             if (!name(&g.name))
-            {
-                m_p = word; // a keyword: the next statement
-                break;
-            }
+                break; // the next statement
         }
-        m_out.groups.push_back(std::move(g));
+        m_out.events.push_back(std::move(g));
+        return true;
+    }
+
+    /// usemtl or mtllib with its name; checked and carried out when the pieces are joined.
+    bool event(Event::Kind kind)
+    {
+        Event e{kind, m_out.faceSizes.size(), {}, {}};
+        if (!name(&e.name))
+            return false;
+        m_out.events.push_back(std::move(e));
         return true;
     }
 
@@ -1001,7 +1022,8 @@ private:
 
 /// Reads the text in pieces into `file`; false (with `file` untouched) when the token
 /// parser has to read it.
-bool readPieces(const char* begin, const char* end, MeshObjFile& file)
+bool readPieces(const qyString::IString& fileName, const char* begin, const char* end,
+                MeshObjFile& file)
 {
     const std::size_t size = std::size_t(end - begin);
     const std::size_t bytes = pieceBytes(size);
@@ -1064,6 +1086,50 @@ bool readPieces(const char* begin, const char* end, MeshObjFile& file)
     if (numV > 0x7fffffff || numT > 0x7fffffff || numN > 0x7fffffff || numFaces > 0x7fffffff)
         return false;
 
+    // The statements on materials and groups, replayed in file order on a copy of the
+    // material map: a library that fails to read, an unknown material or a usemtl after
+    // faces in its group leave the file to the token parser.
+    bool anyMaterials = false, anyGroups = false;
+    for (const Piece& piece : pieces)
+        for (const Event& e : piece.events)
+            (e.kind == Event::Group ? anyGroups : anyMaterials) = true;
+    auto materials = anyMaterials ? file.materials : decltype(file.materials)();
+    if (anyMaterials)
+    {
+        const std::string directory = qyOS::Filename(fileName).getDirectory();
+        std::size_t groupFaces = 0; // faces of the open group
+        for (Piece& piece : pieces)
+        {
+            std::size_t f = 0;
+            for (Event& e : piece.events)
+            {
+                groupFaces += e.face - f;
+                f = e.face;
+                if (e.kind == Event::Group)
+                {
+                    groupFaces = 0;
+                }
+                else if (e.kind == Event::Usemtl)
+                {
+                    const auto it = materials.find(e.name);
+                    if (it == materials.end() || groupFaces > 0)
+                        return false;
+                    e.material = it->second;
+                }
+                else
+                {
+                    qy::vector<qy::Reference<MeshObjMaterial>> read;
+                    const qyOS::Filename path = qyOS::Filename::join(directory, e.name);
+                    if (meshReadObjMaterial(path.str(), read))
+                        return false;
+                    for (auto& m : read)
+                        materials[m->getName()] = m;
+                }
+            }
+            groupFaces += piece.faceSizes.size() - f;
+        }
+    }
+
     // Negative indices counted back into earlier pieces: shift them by the elements that
     // precede their piece.
     numV = file.vertices.size();
@@ -1104,14 +1170,12 @@ bool readPieces(const char* begin, const char* end, MeshObjFile& file)
     file.numTriangles = int(triangles);
     file.numQuads = int(quads);
     file.numPolygons = int(polygons);
+    if (anyMaterials)
+        file.materials = std::move(materials);
 
     // The groups: a `g` after faces closes the current group and opens one with its
-    // material (none: usemtl is left to the token parser); a `g` with names renames the
-    // group that is open.
+    // material; a `g` with names renames the group that is open.
     qy::Reference<MeshObjGroup> group = qy::makeReference<MeshObjGroup>("default");
-    bool anyGroups = false;
-    for (const Piece& piece : pieces)
-        anyGroups = anyGroups || !piece.groups.empty();
     if (!anyGroups)
     {
         std::size_t numCorners = 0;
@@ -1133,16 +1197,25 @@ bool readPieces(const char* begin, const char* end, MeshObjFile& file)
                 corners += sizes[f];
             }
         };
-        for (const GroupSwitch& g : piece.groups)
+        for (const Event& e : piece.events)
         {
-            addFaces(g.face);
-            if (group->getNumFaces() > 0)
+            addFaces(e.face);
+            if (e.kind == Event::Usemtl)
             {
-                file.groups.push_back(group);
-                group = qy::makeReference<MeshObjGroup>("default");
+                group->setMaterial(e.material);
             }
-            if (!g.name.empty())
-                group->setName(g.name);
+            else if (e.kind == Event::Group)
+            {
+                if (group->getNumFaces() > 0)
+                {
+                    file.groups.push_back(group);
+                    qy::Reference<MeshObjGroup> next = qy::makeReference<MeshObjGroup>("default");
+                    next->setMaterial(group->getMaterial());
+                    group = next;
+                }
+                if (!e.name.empty())
+                    group->setName(e.name);
+            }
         }
         addFaces(piece.faceSizes.size());
     }
@@ -1248,7 +1321,7 @@ qyUtil::Error meshReadObj2(const qyString::IString& fileName, qy::Reference<Mesh
     {
         const char* end = text.data + text.size;
         const char* begin = objText::skipByteOrderMark(text.data, end);
-        if (!readPieces(begin, end, *file))
+        if (!readPieces(fileName, begin, end, *file))
             ObjParser(fileName, begin, end, *file).parse();
     }
     catch (const qyUtil::Error& e)

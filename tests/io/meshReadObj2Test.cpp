@@ -423,6 +423,7 @@ TEST(MeshReadObj2, LargeFilesReadAsOneStream)
         {"v 1 2 3\n f 1 2 0 # zero\n", 4, "Parse failed on line %d: invalid zero vertex index\n"},
         {"vt 1 1e\n", 2, "Parse failed on line %d: expected OBJ statement or end of file\n"},
         {"vt 1 -\n", 2, "Unrecognized input on line %d"},
+        {"g x\nusemtl late\n", 3, "Parse failed on line %d: material not found: late\n"},
     };
     for (const auto& c : cases)
     {
