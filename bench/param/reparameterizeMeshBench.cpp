@@ -230,6 +230,16 @@ BENCHMARK_CAPTURE(BM_FlattenObj, bunnyCutFirst, "bunny00.obj", true)
 BENCHMARK_CAPTURE(BM_FlattenObj, elephantGenus3CutFirst, "refined_elephant.obj", true)
     ->Unit(benchmark::kSecond)
     ->Iterations(1);
+// Closed animals whose legs, heads and tails fold unless the cut reaches their tips.
+BENCHMARK_CAPTURE(BM_FlattenObj, cowCutFirst, "cow.obj", true)
+    ->Unit(benchmark::kSecond)
+    ->Iterations(1);
+BENCHMARK_CAPTURE(BM_FlattenObj, camelCutFirst, "camel.obj", true)
+    ->Unit(benchmark::kSecond)
+    ->Iterations(1);
+BENCHMARK_CAPTURE(BM_FlattenObj, dinoCutFirst, "dino.obj", true)
+    ->Unit(benchmark::kSecond)
+    ->Iterations(1);
 
 void BM_FlattenCutCylinder(benchmark::State& state)
 {

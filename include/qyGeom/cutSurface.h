@@ -53,15 +53,27 @@ public:
 /// at a 180 degree fold), so cuts prefer short paths and creases. A closed component of genus 0
 /// is slit open along the path of T from its root to its farthest vertex (at least two edges).
 ///
+/// A closed component (of any genus) then has its cut extended to its extremities, since a
+/// conformal flattening shrinks exponentially into every protrusion the cut misses until float
+/// UVs fold. In rounds (at most 24 per component), shortest paths by the same costs grow from
+/// every vertex on the cut; the local maxima of that distance are ranked by how far their
+/// region sticks out, h^2 / A for a region of height h above a level and area A (a tube of
+/// radius r and length h shrinks like exp(-2 pi h^2 / A)), and the best one above 0.5, else the
+/// farthest vertex while it is at least a quarter of the component's bounding-box diagonal
+/// away, is joined to the cut along its shortest path. Each path meets the cut only at its
+/// end, so the cut stays a tree on the cut graph and the component one disk. Components that
+/// already have a boundary keep the cut described above.
+///
 /// @param[in,out] mesh  Cut in place. Vertex i < V keeps index i; triangles keep their order.
 /// @param[in,out] region  In: edges to cut in any case. Out: see CutRegion.
 /// @param[in] makeDisk  add the cut graph's edges.
 /// @return true when the mesh was cut (vertices added); false leaves it untouched.
-/// Debug channel: "cutSurface: %d vertices, %d triangles\n", "  cut %d edges, added %d
-///   vertices\n" and the phases' times.
+/// Debug channel: "cutSurface: %d vertices, %d triangles\n", with makeDisk "  extended the cut
+///   to %d extremities\n", "  cut %d edges, added %d vertices\n" and the phases' times.
 /// Notifies: Remapped without remaps (existing vertices and triangles keep their numbers),
 ///   normalsModified and uvsModified when those arrays exist, triangleNormalsValid.
-/// Cost: O(E log E) time (edge sort, shortest paths, tree); about 60 bytes per triangle.
+/// Cost: O(E log E) time (edge sort, shortest paths, tree) and as much again per path to an
+///   extremity; about 100 bytes per triangle.
 QYGEOM_API bool cutSurface(CompactMesh& mesh, CutRegion& region, bool makeDisk);
 
 } // namespace qyGeom

@@ -135,6 +135,279 @@ qyLinear::Vector faceNormal(const MeshVertex* verts, const int* c)
     return len > 0.0 ? n / len : qyLinear::Vector(0, 0, 0);
 }
 
+// Most paths added to the cut of one closed component.
+constexpr int maxExtremityPaths = 24;
+// A protrusion earns a path when h^2 / A (see below) exceeds this. Round caps stay below about
+// 0.4 (a flat disk 1 / pi, a hemisphere pi / 8); a tube that runs on beyond its round tip for
+// about its radius reaches 0.5, and its far end would shrink to exp(-pi) of its base's scale.
+constexpr double protrusionScore = 0.5;
+// Without such a protrusion, the farthest vertex earns a path while it is farther from the cut
+// than this fraction of the component's bounding-box diagonal.
+constexpr double extremityFraction = 0.25;
+
+// Extends the cut graph `inGraph` of every closed component (root >= 0) by shortest paths to
+// its extremities and returns the number of paths added. A conformal flattening of a disk cut
+// from a closed surface shrinks exponentially into every protrusion the cut does not reach,
+// until single-precision UVs fold or collapse; a cut that runs out to each protrusion's tip
+// lets the layout open it up. Each round takes, per component, the tip of the protrusion that
+// would shrink most (or the vertex farthest from the cut) and joins it to the cut along its
+// shortest path, which meets the cut at its last vertex only: the cut stays a tree hanging on
+// the existing cut graph and the component stays one disk. The distances are then updated
+// from the new path alone.
+int extendToExtremities(const CompactMesh& mesh, const EdgeTable& table,
+                        const std::vector<char>& open, const std::vector<double>& cost,
+                        const std::vector<int>& incStart, const std::vector<int>& inc,
+                        DisjointSets& comps, const std::vector<int>& root,
+                        std::vector<char>& inGraph)
+{
+    const int numVertices = mesh.getNumVertices();
+    const int numTris = mesh.getNumTriangles();
+    const int numEdges = table.numEdges();
+    const int* tris = mesh.getTrianglesRaw();
+    const MeshVertex* verts = mesh.getVertices();
+
+    // Component of every edge and vertex of a closed component (-1 elsewhere), and the
+    // components' bounding boxes.
+    std::vector<int> edgeComp(std::size_t(numEdges), -1), vertComp(std::size_t(numVertices), -1);
+    std::vector<int> closed;
+    std::vector<double> box(6 * std::size_t(numTris), 0.0);
+    std::vector<char> boxSet(std::size_t(numTris), 0);
+    std::vector<double> vertArea(std::size_t(numVertices), 0.0);
+    for (int t = 0; t < numTris; ++t)
+    {
+        const int* c = tris + 3 * std::size_t(t);
+        if (!validTriangle(c, numVertices))
+            continue;
+        const int r = comps.find(t);
+        if (root[std::size_t(r)] < 0)
+            continue;
+        double* b = box.data() + 6 * std::size_t(r);
+        if (!boxSet[std::size_t(r)])
+        {
+            boxSet[std::size_t(r)] = 1;
+            closed.push_back(r);
+            const qyLinear::Point p = verts[c[0]].asPoint();
+            for (int k = 0; k < 3; ++k)
+                b[k] = b[k + 3] = p[k];
+        }
+        const double third = qyLinear::cross(verts[c[1]].asPoint() - verts[c[0]].asPoint(),
+                                             verts[c[2]].asPoint() - verts[c[0]].asPoint())
+                                 .length() /
+                             6.0;
+        for (int j = 0; j < 3; ++j)
+        {
+            vertArea[std::size_t(c[j])] += third;
+            if (vertComp[std::size_t(c[j])] < 0)
+                vertComp[std::size_t(c[j])] = r;
+            const qyLinear::Point p = verts[c[j]].asPoint();
+            for (int k = 0; k < 3; ++k)
+            {
+                b[k] = std::min(b[k], p[k]);
+                b[k + 3] = std::max(b[k + 3], p[k]);
+            }
+        }
+    }
+    if (closed.empty())
+        return 0;
+    for (int e = 0; e < numEdges; ++e)
+        if (!open[std::size_t(e)])
+        {
+            const int t = table.halfEdges[std::size_t(table.start[std::size_t(e)])] / 3;
+            const int r = comps.find(t);
+            if (root[std::size_t(r)] >= 0)
+                edgeComp[std::size_t(e)] = r;
+        }
+    std::vector<double> threshold(std::size_t(numTris), 0.0);
+    for (int r : closed)
+    {
+        const double* b = box.data() + 6 * std::size_t(r);
+        const double diagonal =
+            std::sqrt((b[3] - b[0]) * (b[3] - b[0]) + (b[4] - b[1]) * (b[4] - b[1]) +
+                      (b[5] - b[2]) * (b[5] - b[2]));
+        threshold[std::size_t(r)] = extremityFraction * diagonal;
+    }
+
+    // Multi-source shortest paths from every vertex on the cut; `grow` takes the new sources
+    // and lowers the distances they improve.
+    std::vector<double> dist(std::size_t(numVertices), HUGE_VAL);
+    std::vector<int> parentEdge(std::size_t(numVertices), -1);
+    using Item = std::pair<double, int>;
+    std::priority_queue<Item, std::vector<Item>, std::greater<Item>> heap;
+    std::vector<int> sources;
+    auto grow = [&]()
+    {
+        for (int v : sources)
+        {
+            dist[std::size_t(v)] = 0.0;
+            parentEdge[std::size_t(v)] = -1;
+            heap.emplace(0.0, v);
+        }
+        sources.clear();
+        while (!heap.empty())
+        {
+            const auto [d, v] = heap.top();
+            heap.pop();
+            if (d > dist[std::size_t(v)])
+                continue;
+            for (int i = incStart[std::size_t(v)]; i < incStart[std::size_t(v) + 1]; ++i)
+            {
+                const int e = inc[std::size_t(i)];
+                if (edgeComp[std::size_t(e)] < 0)
+                    continue;
+                const int w = table.v0(e) == v ? table.v1(e) : table.v0(e);
+                const double nd = d + cost[std::size_t(e)];
+                if (nd < dist[std::size_t(w)])
+                {
+                    dist[std::size_t(w)] = nd;
+                    parentEdge[std::size_t(w)] = e;
+                    heap.emplace(nd, w);
+                }
+            }
+        }
+    };
+    std::vector<char> onCut(std::size_t(numVertices), 0);
+    for (int e = 0; e < numEdges; ++e)
+        if (inGraph[std::size_t(e)] && edgeComp[std::size_t(e)] >= 0)
+            for (int v : {table.v0(e), table.v1(e)})
+                if (!onCut[std::size_t(v)])
+                {
+                    onCut[std::size_t(v)] = 1;
+                    sources.push_back(v);
+                }
+    grow();
+
+    // A path is taken only if it stays in its component and ends on that component's cut
+    // (a vertex shared with another component could lead elsewhere).
+    auto endsOnOwnCut = [&](int v, int r)
+    {
+        while (parentEdge[std::size_t(v)] >= 0)
+        {
+            const int e = parentEdge[std::size_t(v)];
+            if (edgeComp[std::size_t(e)] != r)
+                return false;
+            v = table.v0(e) == v ? table.v1(e) : table.v0(e);
+        }
+        for (int i = incStart[std::size_t(v)]; i < incStart[std::size_t(v) + 1]; ++i)
+        {
+            const int e = inc[std::size_t(i)];
+            if (inGraph[std::size_t(e)] && edgeComp[std::size_t(e)] == r)
+                return true;
+        }
+        return false;
+    };
+
+    // How far each local maximum of the distance sticks out: sweeping the vertices from the
+    // farthest down, regions grow around their peaks (the local maxima) and merge at saddles,
+    // where the lower peak's region joins the older one; a region that reaches the cut is the
+    // oldest. At every level a region has a height h (its peak minus the level) and an area A.
+    // A tube of radius r and length h has A = 2 pi r h, and a conformal map shrinks along it
+    // like exp(-h / r) = exp(-2 pi h^2 / A): the largest h^2 / A a peak's region reaches ranks
+    // the protrusions by how much their far end would shrink, whatever their size.
+    std::vector<int> order, pos(std::size_t(numVertices), -1),
+        peak(static_cast<std::size_t>(numVertices));
+    std::vector<double> regionArea(static_cast<std::size_t>(numVertices));
+    std::vector<double> bestScore(static_cast<std::size_t>(numTris));
+    std::vector<int> far(std::size_t(numTris), -1), best(std::size_t(numTris), -1);
+    std::vector<int> added(std::size_t(numTris), 0);
+    DisjointSets regions(static_cast<std::size_t>(numVertices));
+    auto rankProtrusions = [&]()
+    {
+        order.clear();
+        for (int v = 0; v < numVertices; ++v)
+            if (vertComp[std::size_t(v)] >= 0 && dist[std::size_t(v)] != HUGE_VAL)
+                order.push_back(v);
+        std::sort(order.begin(), order.end(),
+                  [&](int a, int b)
+                  {
+                      return dist[std::size_t(a)] != dist[std::size_t(b)]
+                                 ? dist[std::size_t(a)] > dist[std::size_t(b)]
+                                 : a < b;
+                  });
+        for (int v : order)
+            pos[std::size_t(v)] = -1;
+        std::iota(regions.parent.begin(), regions.parent.end(), 0);
+        for (int r : closed)
+        {
+            far[std::size_t(r)] = best[std::size_t(r)] = -1;
+            bestScore[std::size_t(r)] = 0.0;
+        }
+        for (int i = 0; i < int(order.size()); ++i)
+        {
+            const int v = order[std::size_t(i)];
+            pos[std::size_t(v)] = i;
+            peak[std::size_t(v)] = dist[std::size_t(v)] > 0.0 ? v : -1;
+            regionArea[std::size_t(v)] = vertArea[std::size_t(v)];
+            const int r = vertComp[std::size_t(v)];
+            if (far[std::size_t(r)] < 0)
+                far[std::size_t(r)] = v;
+            for (int k = incStart[std::size_t(v)]; k < incStart[std::size_t(v) + 1]; ++k)
+            {
+                const int e = inc[std::size_t(k)];
+                if (edgeComp[std::size_t(e)] < 0)
+                    continue;
+                const int w = table.v0(e) == v ? table.v1(e) : table.v0(e);
+                if (pos[std::size_t(w)] < 0)
+                    continue;
+                const int a = regions.find(v), b = regions.find(w);
+                if (a == b)
+                    continue;
+                // A region that reached the cut (its peak -1) is older than any other.
+                const int pa = peak[std::size_t(a)], pb = peak[std::size_t(b)];
+                const bool aOlder =
+                    pb < 0 || (pa >= 0 && pos[std::size_t(pa)] < pos[std::size_t(pb)]);
+                const int older = aOlder ? pa : pb;
+                const double sum = regionArea[std::size_t(a)] + regionArea[std::size_t(b)];
+                regions.unite(a, b);
+                const int top = regions.find(a);
+                peak[std::size_t(top)] = older;
+                regionArea[std::size_t(top)] = sum;
+            }
+            const int top = regions.find(v), p = peak[std::size_t(top)];
+            if (p >= 0)
+            {
+                const double h = dist[std::size_t(p)] - dist[std::size_t(v)];
+                const double area = regionArea[std::size_t(top)];
+                const double score = area > 0.0 ? h * h / area : 0.0;
+                const int rp = vertComp[std::size_t(p)];
+                if (score > bestScore[std::size_t(rp)])
+                {
+                    bestScore[std::size_t(rp)] = score;
+                    best[std::size_t(rp)] = p;
+                }
+            }
+        }
+    };
+    for (int round = 0; round < maxExtremityPaths; ++round)
+    {
+        rankProtrusions();
+        for (int r : closed)
+        {
+            // The protrusion that would shrink most, else the farthest vertex while it is far.
+            int v = bestScore[std::size_t(r)] > protrusionScore ? best[std::size_t(r)] : -1;
+            if (v < 0 && far[std::size_t(r)] >= 0 &&
+                dist[std::size_t(far[std::size_t(r)])] >= threshold[std::size_t(r)])
+                v = far[std::size_t(r)];
+            if (v < 0 || added[std::size_t(r)] != round || !endsOnOwnCut(v, r))
+                continue;
+            ++added[std::size_t(r)];
+            while (parentEdge[std::size_t(v)] >= 0)
+            {
+                const int e = parentEdge[std::size_t(v)];
+                inGraph[std::size_t(e)] = 1;
+                sources.push_back(v);
+                v = table.v0(e) == v ? table.v1(e) : table.v0(e);
+            }
+        }
+        if (sources.empty())
+            break;
+        grow();
+    }
+    int total = 0;
+    for (int r : closed)
+        total += added[std::size_t(r)];
+    return total;
+}
+
 // Chooses the edges of a cut graph and marks them in `cut`. `open` marks the edges that are
 // already boundaries of the surface (boundary, non-manifold or cut by the caller).
 void chooseDiskCut(const CompactMesh& mesh, const EdgeTable& table, const std::vector<char>& open,
@@ -374,6 +647,9 @@ void chooseDiskCut(const CompactMesh& mesh, const EdgeTable& table, const std::v
             }
         }
     }
+    const int paths =
+        extendToExtremities(mesh, table, open, cost, incStart, inc, comps, root, inGraph);
+    debugChannel().print("  extended the cut to %d extremities\n", paths);
     for (int e = 0; e < numEdges; ++e)
         if (inGraph[std::size_t(e)] && !open[std::size_t(e)])
             cut[std::size_t(e)] = 1;
