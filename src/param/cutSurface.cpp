@@ -145,6 +145,41 @@ constexpr double protrusionScore = 0.5;
 // than this fraction of the component's bounding-box diagonal.
 constexpr double extremityFraction = 0.25;
 
+/// Priority queue of (distance, vertex), nearest first.
+using PathHeap = std::priority_queue<std::pair<double, int>, std::vector<std::pair<double, int>>,
+                                     std::greater<std::pair<double, int>>>;
+
+/// Shortest paths from the vertices on `heap` (entered at their `dist`): pops the heap empty,
+/// lowering `dist` and recording in `parentEdge` the edge each vertex was reached through, over
+/// the edges incident to each vertex (`incStart` / `inc`) that `blocked(e)` does not exclude.
+template <class Blocked>
+void growPaths(const EdgeTable& table, const std::vector<double>& cost,
+               const std::vector<int>& incStart, const std::vector<int>& inc, Blocked blocked,
+               PathHeap& heap, std::vector<double>& dist, std::vector<int>& parentEdge)
+{
+    while (!heap.empty())
+    {
+        const auto [d, v] = heap.top();
+        heap.pop();
+        if (d > dist[std::size_t(v)])
+            continue;
+        for (int i = incStart[std::size_t(v)]; i < incStart[std::size_t(v) + 1]; ++i)
+        {
+            const int e = inc[std::size_t(i)];
+            if (blocked(e))
+                continue;
+            const int w = table.v0(e) == v ? table.v1(e) : table.v0(e);
+            const double nd = d + cost[std::size_t(e)];
+            if (nd < dist[std::size_t(w)])
+            {
+                dist[std::size_t(w)] = nd;
+                parentEdge[std::size_t(w)] = e;
+                heap.emplace(nd, w);
+            }
+        }
+    }
+}
+
 // Extends the cut graph `inGraph` of every closed component (root >= 0) by shortest paths to
 // its extremities and returns the number of paths added. A conformal flattening of a disk cut
 // from a closed surface shrinks exponentially into every protrusion the cut does not reach,
@@ -231,8 +266,7 @@ int extendToExtremities(const CompactMesh& mesh, const EdgeTable& table,
     // and lowers the distances they improve.
     std::vector<double> dist(std::size_t(numVertices), HUGE_VAL);
     std::vector<int> parentEdge(std::size_t(numVertices), -1);
-    using Item = std::pair<double, int>;
-    std::priority_queue<Item, std::vector<Item>, std::greater<Item>> heap;
+    PathHeap heap;
     std::vector<int> sources;
     auto grow = [&]()
     {
@@ -243,27 +277,9 @@ int extendToExtremities(const CompactMesh& mesh, const EdgeTable& table,
             heap.emplace(0.0, v);
         }
         sources.clear();
-        while (!heap.empty())
-        {
-            const auto [d, v] = heap.top();
-            heap.pop();
-            if (d > dist[std::size_t(v)])
-                continue;
-            for (int i = incStart[std::size_t(v)]; i < incStart[std::size_t(v) + 1]; ++i)
-            {
-                const int e = inc[std::size_t(i)];
-                if (edgeComp[std::size_t(e)] < 0)
-                    continue;
-                const int w = table.v0(e) == v ? table.v1(e) : table.v0(e);
-                const double nd = d + cost[std::size_t(e)];
-                if (nd < dist[std::size_t(w)])
-                {
-                    dist[std::size_t(w)] = nd;
-                    parentEdge[std::size_t(w)] = e;
-                    heap.emplace(nd, w);
-                }
-            }
-        }
+        growPaths(
+            table, cost, incStart, inc, [&](int e) { return edgeComp[std::size_t(e)] < 0; }, heap,
+            dist, parentEdge);
     };
     std::vector<char> onCut(std::size_t(numVertices), 0);
     for (int e = 0; e < numEdges; ++e)
@@ -501,8 +517,7 @@ void chooseDiskCut(const CompactMesh& mesh, const EdgeTable& table, const std::v
 
     std::vector<double> dist(std::size_t(numVertices), HUGE_VAL);
     std::vector<int> parentEdge(std::size_t(numVertices), -1);
-    using Item = std::pair<double, int>;
-    std::priority_queue<Item, std::vector<Item>, std::greater<Item>> heap;
+    PathHeap heap;
     for (int e = 0; e < numEdges; ++e)
         if (open[std::size_t(e)])
             for (int v : {table.v0(e), table.v1(e)})
@@ -517,27 +532,9 @@ void chooseDiskCut(const CompactMesh& mesh, const EdgeTable& table, const std::v
             dist[std::size_t(root[std::size_t(t)])] = 0.0;
             heap.emplace(0.0, root[std::size_t(t)]);
         }
-    while (!heap.empty())
-    {
-        const auto [d, v] = heap.top();
-        heap.pop();
-        if (d > dist[std::size_t(v)])
-            continue;
-        for (int i = incStart[std::size_t(v)]; i < incStart[std::size_t(v) + 1]; ++i)
-        {
-            const int e = inc[std::size_t(i)];
-            if (open[std::size_t(e)])
-                continue;
-            const int w = table.v0(e) == v ? table.v1(e) : table.v0(e);
-            const double nd = d + cost[std::size_t(e)];
-            if (nd < dist[std::size_t(w)])
-            {
-                dist[std::size_t(w)] = nd;
-                parentEdge[std::size_t(w)] = e;
-                heap.emplace(nd, w);
-            }
-        }
-    }
+    growPaths(
+        table, cost, incStart, inc, [&](int e) { return open[std::size_t(e)] != 0; }, heap, dist,
+        parentEdge);
     std::vector<char> inTree(std::size_t(numEdges), 0);
     for (int v = 0; v < numVertices; ++v)
         if (parentEdge[std::size_t(v)] >= 0)
