@@ -5,11 +5,9 @@
 #include <climits>
 #include <cstdint>
 #include <cstring>
-#include <fcntl.h>
 #include <memory>
 #include <string>
 #include <string_view>
-#include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
 
@@ -1257,16 +1255,10 @@ bool readFully(int fd, char* to, std::size_t count, std::size_t offset)
 /// or a read fails, it is read again the ordinary way.
 bool readText(const char* path, Text& text)
 {
-    const int fd = ::open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    std::size_t size = 0;
+    const int fd = objText::openRegularFile(path, size);
     if (fd < 0)
         return false;
-    struct stat st;
-    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode))
-    {
-        ::close(fd);
-        return false;
-    }
-    const std::size_t size = std::size_t(st.st_size);
     if (size >= 2 * ReadSliceBytes && size / ReadSliceBytes < 0x7fffffff)
     {
         std::unique_ptr<char[]> data(new char[size]);

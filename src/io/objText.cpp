@@ -173,24 +173,33 @@ int parseInt(const char* p, const char* end, const char** stop)
     return static_cast<int>(static_cast<unsigned long long>(v) & 0xffffffffULL);
 }
 
-bool readFile(const char* path, FileText& out)
+int openRegularFile(const char* path, std::size_t& size)
 {
-    out.m_data.reset();
-    out.m_size = 0;
-    // Non-blocking open, so that a FIFO named in a file cannot stall the reader; only
-    // regular files are read.
+    // Non-blocking open, so that a FIFO named in a file cannot stall the reader.
     const int fd = ::open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     if (fd < 0)
-        return false;
+        return -1;
     struct stat st;
     if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode))
     {
         ::close(fd);
-        return false;
+        return -1;
     }
+    size = std::size_t(st.st_size);
+    return fd;
+}
+
+bool readFile(const char* path, FileText& out)
+{
+    out.m_data.reset();
+    out.m_size = 0;
+    std::size_t size = 0;
+    const int fd = openRegularFile(path, size);
+    if (fd < 0)
+        return false;
     // The size is a hint: the file may change while it is read, so the buffer grows when
     // the size was too small.
-    std::size_t capacity = std::size_t(st.st_size) + 1;
+    std::size_t capacity = size + 1;
     out.m_data.reset(new char[capacity]);
     adviseHugePages(out.m_data.get(), capacity);
     bool ok = true;

@@ -72,6 +72,11 @@ private:
     std::size_t m_size = 0;
 };
 
+/// Opens a regular file for reading and gives its size; -1 when it cannot be opened or is not
+/// a regular file (a directory, a device, a FIFO: the open does not block on a FIFO). The
+/// caller closes the descriptor.
+int openRegularFile(const char* path, std::size_t& size);
+
 /// Reads a whole regular file into `out`. False when the file cannot be opened, is not a
 /// regular file (a directory, a device, a FIFO) or a read fails; `out` then holds what was
 /// read.
