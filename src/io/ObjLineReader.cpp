@@ -703,6 +703,28 @@ struct ObjLineReader::PartCheck
     std::vector<unsigned char> keep;
     std::vector<int> degenerate; ///< corner triples to print
     std::size_t keptFaces = 0, keptCorners = 0, setAside = 0;
+
+    /// Where each part's data go in the joined arrays: entry k is where part k starts, the
+    /// last entry the total. Positions and texture coordinates count floats.
+    struct Offsets
+    {
+        std::vector<std::size_t> pos, tex, face, corner;
+    };
+    static Offsets offsets(const std::vector<const ObjLineReader*>& all,
+                           const std::vector<PartCheck>& results)
+    {
+        const std::size_t n = all.size();
+        Offsets o{std::vector<std::size_t>(n + 1, 0), std::vector<std::size_t>(n + 1, 0),
+                  std::vector<std::size_t>(n + 1, 0), std::vector<std::size_t>(n + 1, 0)};
+        for (std::size_t k = 0; k < n; ++k)
+        {
+            o.pos[k + 1] = o.pos[k] + all[k]->m_positions.size();
+            o.tex[k + 1] = o.tex[k] + all[k]->m_texCoords.size();
+            o.face[k + 1] = o.face[k] + results[k].keptFaces;
+            o.corner[k + 1] = o.corner[k] + results[k].keptCorners;
+        }
+        return o;
+    }
 };
 
 std::vector<ObjLineReader::PartCheck>
@@ -785,14 +807,7 @@ bool ObjLineReader::buildPlainMesh(CompactMesh& mesh)
         lengths = built.getPolyLengths();
     }
     float* const xyz = built.getVerticesRaw();
-    std::vector<std::size_t> posStart(numParts + 1, 0), keptFaceStart(numParts + 1, 0),
-        cornerStart(numParts + 1, 0);
-    for (std::size_t k = 0; k < numParts; ++k)
-    {
-        posStart[k + 1] = posStart[k] + all[k]->m_positions.size();
-        keptFaceStart[k + 1] = keptFaceStart[k] + results[k].keptFaces;
-        cornerStart[k + 1] = cornerStart[k] + results[k].keptCorners;
-    }
+    const PartCheck::Offsets at = PartCheck::offsets(all, results);
     qyUtil::runChunks(
         qyUtil::ThreadPool::get(), int(numParts),
         [&](qyUtil::ThreadedChunkAlg&, int, int begin, int end)
@@ -801,9 +816,9 @@ bool ObjLineReader::buildPlainMesh(CompactMesh& mesh)
             {
                 const ObjLineReader& part = *all[std::size_t(k)];
                 const PartCheck& res = results[std::size_t(k)];
-                part.m_positions.copyTo(xyz + posStart[std::size_t(k)]);
-                int* o = out + cornerStart[std::size_t(k)];
-                int* len = lengths ? lengths + keptFaceStart[std::size_t(k)] : nullptr;
+                part.m_positions.copyTo(xyz + at.pos[std::size_t(k)]);
+                int* o = out + at.corner[std::size_t(k)];
+                int* len = lengths ? lengths + at.face[std::size_t(k)] : nullptr;
                 for (std::size_t f = 0, c = 0; f < part.m_numFaces; ++f)
                 {
                     const int n = part.parsedFaceSize(f);
@@ -830,25 +845,16 @@ bool ObjLineReader::finish()
     const int nTex = numTexCoords(), nNrm = numNormals();
     const std::vector<PartCheck> results = validateParts(all);
 
-    // Where each part's data goes in the joined arrays.
-    std::vector<std::size_t> posStart(numParts + 1, 0), texStart(numParts + 1, 0),
-        faceStartOf(numParts + 1, 0), cornerStart(numParts + 1, 0);
-    for (std::size_t k = 0; k < numParts; ++k)
-    {
-        posStart[k + 1] = posStart[k] + all[k]->m_positions.size();
-        texStart[k + 1] = texStart[k] + all[k]->m_texCoords.size();
-        faceStartOf[k + 1] = faceStartOf[k] + results[k].keptFaces;
-        cornerStart[k + 1] = cornerStart[k] + results[k].keptCorners;
-    }
-    const std::size_t kept = faceStartOf[numParts], corners = cornerStart[numParts];
+    const PartCheck::Offsets at = PartCheck::offsets(all, results);
+    const std::size_t kept = at.face[numParts], corners = at.corner[numParts];
     auto allocate = [](auto& v, std::size_t n)
     {
         v.clear();
         objText::reserveHuge(v, n);
         v.resize(n);
     };
-    allocate(positions, posStart[numParts]);
-    allocate(texCoords, texStart[numParts]);
+    allocate(positions, at.pos[numParts]);
+    allocate(texCoords, at.tex[numParts]);
     allocate(faceStart, kept + 1);
     allocate(cornerPos, corners);
     allocate(cornerTex, m_keepAttributes ? corners : 0);
@@ -865,10 +871,10 @@ bool ObjLineReader::finish()
             {
                 const ObjLineReader& part = *all[std::size_t(k)];
                 const PartCheck& res = results[std::size_t(k)];
-                part.m_positions.copyTo(positions.data() + posStart[std::size_t(k)]);
-                part.m_texCoords.copyTo(texCoords.data() + texStart[std::size_t(k)]);
-                std::size_t out = cornerStart[std::size_t(k)];
-                std::size_t face = faceStartOf[std::size_t(k)];
+                part.m_positions.copyTo(positions.data() + at.pos[std::size_t(k)]);
+                part.m_texCoords.copyTo(texCoords.data() + at.tex[std::size_t(k)]);
+                std::size_t out = at.corner[std::size_t(k)];
+                std::size_t face = at.face[std::size_t(k)];
                 for (std::size_t f = 0, c = 0; f < part.m_numFaces; ++f)
                 {
                     const int n = part.parsedFaceSize(f);
