@@ -21,7 +21,8 @@ class TopoMesh;
 /// index normals and texture coordinates with the vertex index: "f 1/1/1 2/2/2 3/3/3",
 /// "f 1//1 2//2 3//3", "f 1/1 2/2 3/3", or with neither "f 1  2  3 " (two blanks between
 /// indices and one before the line end; readers skip repeated blanks).
-/// @return false when the file cannot be opened; write errors are not reported.
+/// @return false when the file cannot be opened; write errors are not reported (see
+/// meshWriteObjChecked).
 QYGEOM_API bool meshWriteObj(const CompactMesh& mesh, const qyOS::Filename& file);
 
 /// As above, but "mtllib <base>.mtl" first and the triangles written subset by subset, each
@@ -71,5 +72,26 @@ QYGEOM_API void meshWrite(const CompactMesh& mesh, const qyOS::Filename& file);
 /// "%.10g %.10g %.10g\n" per live vertex in index order, then per face its corner count and
 /// " %d" per corner (0-based in the order written), "\n".
 QYGEOM_API void meshWrite(TopoMesh& mesh, const qyOS::Filename& file);
+
+/// The checked writers: the same files as meshWriteObj and meshWrite above, byte for byte,
+/// but every failure counts. They return false when the file cannot be opened, when a write
+/// fails (a full disk, a file size limit, an I/O error), when closing the file fails, when a
+/// half-edge face names a vertex that is not live, and, with subsets, when the material
+/// library cannot be opened or written. A failure also puts one error line on
+/// qyOS::AppOutput: "<function>: cannot write '<file>': <reason>\n", the reason being the
+/// system's text for the error ("No space left on device").
+/// Failure: the file may hold part of the text; nothing is removed (the name may be a
+/// device or a file that the caller owns). Write to a temporary name and move it into place
+/// on success when a complete old file must survive.
+QYGEOM_API bool meshWriteObjChecked(const CompactMesh& mesh, const qyOS::Filename& file);
+QYGEOM_API bool meshWriteObjChecked(const CompactMesh& mesh,
+                                    const qy::list<qy::Reference<MeshSubset>>& subsets,
+                                    const qy::list<qyUtil::Color>& colors,
+                                    const qyOS::Filename& file);
+QYGEOM_API bool meshWriteObjChecked(const TopoMesh& mesh, const qyOS::Filename& file);
+QYGEOM_API bool meshWriteObjChecked(const qy::list<qy::Reference<TopoMesh>>& meshes,
+                                    const qyOS::Filename& file);
+QYGEOM_API bool meshWriteChecked(const CompactMesh& mesh, const qyOS::Filename& file);
+QYGEOM_API bool meshWriteChecked(TopoMesh& mesh, const qyOS::Filename& file);
 
 } // namespace qyGeom

@@ -1,5 +1,6 @@
 #include "qyGeom/meshWriteObj.h"
 
+#include <cerrno>
 #include <charconv>
 #include <cmath>
 #include <cstdint>
@@ -9,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "base/AppOutput.h"
 #include "base/ThreadPool.h"
 #include "io/objText.h"
 #include "model/CompactMesh.h"
@@ -88,23 +90,42 @@ char* formatFloat(float v, char* out)
     return end ? end : std::to_chars(out, out + 16, v, std::chars_format::general, 6).ptr;
 }
 
-/// Buffered text output to a file, with the number formats of the writers.
+/// Buffered text output to a file, with the number formats of the writers. The text is
+/// gathered here and handed to the system in large blocks (the stream itself is unbuffered),
+/// so the first failed write is seen where it happens and its errno kept; once a write has
+/// failed, the rest of the text is dropped.
 class TextOut
 {
 public:
-    explicit TextOut(const char* path) : m_file(std::fopen(path, "wb")) {}
-    ~TextOut()
+    explicit TextOut(const char* path) : m_file(std::fopen(path, "wb"))
     {
         if (m_file)
-        {
-            flush();
-            std::fclose(m_file);
-        }
+            std::setvbuf(m_file, nullptr, _IONBF, 0);
+        else
+            m_error = errno ? errno : EIO;
     }
+    ~TextOut() { close(); }
     TextOut(const TextOut&) = delete;
     TextOut& operator=(const TextOut&) = delete;
 
     bool isOpen() const { return m_file != nullptr; }
+    /// True once opening, a write or the close failed.
+    bool failed() const { return m_error != 0; }
+    /// The errno of the first failure; 0 when none.
+    int error() const { return m_error; }
+
+    /// Writes what is buffered and closes the file; false when any write or the close failed.
+    bool close()
+    {
+        if (m_file)
+        {
+            flush();
+            if (std::fclose(m_file) != 0 && !m_error)
+                m_error = errno ? errno : EIO;
+            m_file = nullptr;
+        }
+        return !m_error;
+    }
 
     void put(const char* s, std::size_t n)
     {
@@ -113,7 +134,7 @@ public:
             flush();
             if (n > sizeof m_buffer)
             {
-                std::fwrite(s, 1, n, m_file);
+                write(s, n);
                 return;
             }
         }
@@ -168,11 +189,20 @@ private:
     void flush()
     {
         if (m_used)
-            std::fwrite(m_buffer, 1, m_used, m_file);
+            write(m_buffer, m_used);
         m_used = 0;
+    }
+    void write(const char* s, std::size_t n)
+    {
+        if (!m_file || m_error)
+            return;
+        errno = 0;
+        if (std::fwrite(s, 1, n, m_file) != n)
+            m_error = errno ? errno : EIO;
     }
 
     FILE* m_file;
+    int m_error = 0;
     std::size_t m_used = 0;
     char m_buffer[1 << 16];
 };
@@ -345,7 +375,7 @@ private:
         const std::size_t chunkBytes = std::size_t(chunkItems) * maxItemBytes;
         const std::unique_ptr<char[]> buffer(new char[std::size_t(batch) * chunkBytes]);
         std::vector<std::size_t> used(std::size_t(batch), 0);
-        for (int first = 0; first < numChunks; first += batch)
+        for (int first = 0; first < numChunks && !m_out.failed(); first += batch)
         {
             const int count = std::min(batch, numChunks - first);
             qyUtil::runChunks(
@@ -374,11 +404,12 @@ private:
     unsigned m_offset = 0;
 };
 
-void writeMaterialLibrary(const qyOS::Filename& file, const qy::list<qyUtil::Color>& colors)
+/// Writes the material library; the errno of the failure, or 0.
+int writeMaterialLibrary(const qyOS::Filename& file, const qy::list<qyUtil::Color>& colors)
 {
     TextOut out(file.c_str());
     if (!out.isOpen())
-        return;
+        return out.error();
     int k = 0;
     for (const qyUtil::Color& c : colors)
     {
@@ -392,6 +423,102 @@ void writeMaterialLibrary(const qyOS::Filename& file, const qy::list<qyUtil::Col
         out.putFloat(c.b);
         out.put("\nKa 1.0 1.0 1.0\nKs 1.0 1.0 1.0\nKe 0.0 0.0 0.0\n\n");
     }
+    out.close();
+    return out.error();
+}
+
+/// Whether a writer reports only an output that did not open (the plain forms) or also a
+/// write or close that failed (the checked forms, which name the function and the reason
+/// on the application output).
+struct Checking
+{
+    const char* function = nullptr; // null: unchecked
+
+    bool failed(const qyOS::Filename& file, const char* reason) const
+    {
+        if (function)
+            qyOS::AppOutput::getInstance().error("%s: cannot write '%s': %s\n", function,
+                                                 file.c_str(), reason);
+        return false;
+    }
+    bool failed(const qyOS::Filename& file, int error) const
+    {
+        return failed(file, std::strerror(error));
+    }
+};
+
+/// Opens an OBJ writer on `file`, runs `body` (false: a face names a vertex that was not
+/// written), closes the file and says whether the call succeeds under `check`.
+template <class Body> bool writeObjFile(const qyOS::Filename& file, Checking check, Body body)
+{
+    ObjWriter w(file);
+    if (!w.isOpen())
+        return check.failed(file, w.out().error());
+    const bool complete = body(w);
+    const bool written = w.out().close();
+    if (!check.function)
+        return complete;
+    if (!written)
+        return check.failed(file, w.out().error());
+    return complete || check.failed(file, "a face names a vertex that is not in the mesh");
+}
+
+bool writeCompactObj(const CompactMesh& mesh, const qyOS::Filename& file, Checking check)
+{
+    return writeObjFile(file, check,
+                        [&](ObjWriter& w)
+                        {
+                            w.writeVertexData(mesh);
+                            w.writeTriangles(mesh, nullptr, mesh.getNumTriangles());
+                            w.finishMesh(mesh);
+                            return true;
+                        });
+}
+
+bool writeSubsetsObj(const CompactMesh& mesh, const qy::list<qy::Reference<MeshSubset>>& subsets,
+                     const qy::list<qyUtil::Color>& colors, const qyOS::Filename& file,
+                     Checking check)
+{
+    qyOS::Filename library;
+    const bool written = writeObjFile(file, check,
+                                      [&](ObjWriter& w)
+                                      {
+                                          library = w.materialFile();
+                                          w.out().put("mtllib ");
+                                          w.out().put(library.getName());
+                                          w.out().put('\n');
+                                          w.writeVertexData(mesh);
+                                          int k = 0;
+                                          for (const qy::Reference<MeshSubset>& s : subsets)
+                                          {
+                                              w.out().put("usemtl mat");
+                                              w.out().putInt(k++);
+                                              w.out().put('\n');
+                                              if (s)
+                                                  w.writeTriangles(mesh, s->triangles().data(),
+                                                                   int(s->triangles().size()));
+                                          }
+                                          w.finishMesh(mesh);
+                                          return true;
+                                      });
+    if (!written)
+        return false;
+    // The plain form keeps the OBJ file as its result whatever becomes of the library.
+    const int error = writeMaterialLibrary(library, colors);
+    return error == 0 || !check.function || check.failed(library, error);
+}
+
+bool writeTopoObj(const qy::list<qy::Reference<TopoMesh>>& meshes, const qyOS::Filename& file,
+                  Checking check)
+{
+    return writeObjFile(file, check,
+                        [&](ObjWriter& w)
+                        {
+                            for (const qy::Reference<TopoMesh>& m : meshes)
+                                if (!m || !w.writeTopoMesh(*m))
+                                    return false;
+                            return true;
+                        });
 }
 
 /// Reads the whitespace-separated numbers of the minimal format one by one. Each number needs
@@ -431,62 +558,54 @@ struct CountedText
 
 bool meshWriteObj(const CompactMesh& mesh, const qyOS::Filename& file)
 {
-    ObjWriter w(file);
-    if (!w.isOpen())
-        return false;
-    w.writeVertexData(mesh);
-    w.writeTriangles(mesh, nullptr, mesh.getNumTriangles());
-    w.finishMesh(mesh);
-    return true;
+    return writeCompactObj(mesh, file, {});
 }
 
 bool meshWriteObj(const CompactMesh& mesh, const qy::list<qy::Reference<MeshSubset>>& subsets,
                   const qy::list<qyUtil::Color>& colors, const qyOS::Filename& file)
 {
-    ObjWriter w(file);
-    if (!w.isOpen())
-        return false;
-    const qyOS::Filename library = w.materialFile();
-    w.out().put("mtllib ");
-    w.out().put(library.getName());
-    w.out().put('\n');
-    w.writeVertexData(mesh);
-    int k = 0;
-    for (const qy::Reference<MeshSubset>& s : subsets)
-    {
-        w.out().put("usemtl mat");
-        w.out().putInt(k++);
-        w.out().put('\n');
-        if (s)
-            w.writeTriangles(mesh, s->triangles().data(), int(s->triangles().size()));
-    }
-    w.finishMesh(mesh);
-    writeMaterialLibrary(library, colors);
-    return true;
+    return writeSubsetsObj(mesh, subsets, colors, file, {});
 }
 
 bool meshWriteObj(const TopoMesh& mesh, const qyOS::Filename& file)
 {
-    ObjWriter w(file);
-    return w.isOpen() && w.writeTopoMesh(mesh);
+    return writeObjFile(file, {}, [&](ObjWriter& w) { return w.writeTopoMesh(mesh); });
 }
 
 bool meshWriteObj(const qy::list<qy::Reference<TopoMesh>>& meshes, const qyOS::Filename& file)
 {
-    ObjWriter w(file);
-    if (!w.isOpen())
-        return false;
-    for (const qy::Reference<TopoMesh>& m : meshes)
-        if (!m || !w.writeTopoMesh(*m))
-            return false;
-    return true;
+    return writeTopoObj(meshes, file, {});
 }
 
-void meshWrite(TopoMesh& mesh, const qyOS::Filename& file)
+bool meshWriteObjChecked(const CompactMesh& mesh, const qyOS::Filename& file)
 {
-    TextOut out(file.c_str());
-    if (!out.isOpen())
-        return;
+    return writeCompactObj(mesh, file, {"meshWriteObjChecked"});
+}
+
+bool meshWriteObjChecked(const CompactMesh& mesh,
+                         const qy::list<qy::Reference<MeshSubset>>& subsets,
+                         const qy::list<qyUtil::Color>& colors, const qyOS::Filename& file)
+{
+    return writeSubsetsObj(mesh, subsets, colors, file, {"meshWriteObjChecked"});
+}
+
+bool meshWriteObjChecked(const TopoMesh& mesh, const qyOS::Filename& file)
+{
+    return writeObjFile(file, {"meshWriteObjChecked"},
+                        [&](ObjWriter& w) { return w.writeTopoMesh(mesh); });
+}
+
+bool meshWriteObjChecked(const qy::list<qy::Reference<TopoMesh>>& meshes,
+                         const qyOS::Filename& file)
+{
+    return writeTopoObj(meshes, file, {"meshWriteObjChecked"});
+}
+
+namespace
+{
+
+void writeMinimal(TopoMesh& mesh, TextOut& out)
+{
     out.putInt(mesh.getNumVertices());
     out.put(' ');
     out.putInt(mesh.getNumFaces());
@@ -530,11 +649,8 @@ void meshWrite(TopoMesh& mesh, const qyOS::Filename& file)
     }
 }
 
-void meshWrite(const CompactMesh& mesh, const qyOS::Filename& file)
+void writeMinimal(const CompactMesh& mesh, TextOut& out)
 {
-    TextOut out(file.c_str());
-    if (!out.isOpen())
-        return;
     const int nv = mesh.getNumVertices(), nt = mesh.getNumTriangles();
     out.putInt(nv);
     out.put(' ');
@@ -562,6 +678,39 @@ void meshWrite(const CompactMesh& mesh, const qyOS::Filename& file)
         }
         out.put('\n');
     }
+}
+
+/// The minimal format of `mesh` into `file`; false (reported under `check`) when the file
+/// did not open, or, when checked, a write or the close failed.
+template <class Mesh> bool writeMinimalFile(Mesh& mesh, const qyOS::Filename& file, Checking check)
+{
+    TextOut out(file.c_str());
+    if (!out.isOpen())
+        return check.failed(file, out.error());
+    writeMinimal(mesh, out);
+    return out.close() || !check.function || check.failed(file, out.error());
+}
+
+} // namespace
+
+void meshWrite(TopoMesh& mesh, const qyOS::Filename& file)
+{
+    writeMinimalFile(mesh, file, {});
+}
+
+void meshWrite(const CompactMesh& mesh, const qyOS::Filename& file)
+{
+    writeMinimalFile(mesh, file, {});
+}
+
+bool meshWriteChecked(TopoMesh& mesh, const qyOS::Filename& file)
+{
+    return writeMinimalFile(mesh, file, {"meshWriteChecked"});
+}
+
+bool meshWriteChecked(const CompactMesh& mesh, const qyOS::Filename& file)
+{
+    return writeMinimalFile(mesh, file, {"meshWriteChecked"});
 }
 
 void meshRead(CompactMesh& mesh, const qyOS::Filename& file)

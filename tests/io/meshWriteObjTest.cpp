@@ -3,12 +3,14 @@
 
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <random>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
+#include "base/AppOutput.h"
 #include "base/ThreadPool.h"
 #include "ioTestUtil.h"
 #include "model/CompactMesh.h"
@@ -228,6 +230,83 @@ TEST(MeshWriteObj, TextDoesNotDependOnTheThreadCount)
                   last[0] + 1, last[1] + 1, last[1] + 1, last[1] + 1, last[2] + 1, last[2] + 1,
                   last[2] + 1);
     EXPECT_EQ(texts[0][0].substr(texts[0][0].size() - std::strlen(want)), want);
+}
+
+TEST(MeshWriteObjChecked, ReportsAWriteOrCloseThatFailsAndWritesTheSameText)
+{
+    // /dev/full opens, but every write to it fails with ENOSPC. A small file fails only when
+    // its buffered text is written at the close; a large one fails in the middle, also on
+    // the pool's path.
+    if (!std::filesystem::exists("/dev/full"))
+        GTEST_SKIP() << "no /dev/full";
+    std::vector<std::string> errors;
+    const qyOS::AppOutput::Sink previous = qyOS::AppOutput::getInstance().setSink(
+        [&](qyOS::AppOutput::Kind kind, const char* text)
+        {
+            if (kind == qyOS::AppOutput::ErrorMessage)
+                errors.push_back(text);
+        });
+    const qyOS::Filename full("/dev/full");
+    const std::string fullError = "cannot write '/dev/full': No space left on device\n";
+    auto reported = [&](const std::string& function)
+    {
+        const bool found = errors.size() == 1 && errors[0] == function + ": " + fullError;
+        errors.clear();
+        return found;
+    };
+    qy::list<qy::Reference<MeshSubset>> subsets;
+    subsets.push_back(qy::makeReference<MeshSubset>(std::vector<int>{}, std::vector<int>{0}));
+    const qy::list<qyUtil::Color> colors = {{1, 0, 0}};
+    auto topo = qy::makeReference<TopoMesh>();
+    ASSERT_TRUE(meshReadObj(*topo, qyOS::Filename(qyIoTest::writeFile(
+                                       "tri.obj", "v 0 0 0\nv 1 0 0\nv 0 1 0\nf 1 2 3\n"))));
+    for (const CompactMesh& mesh : {oneTriangle(), qyTest::makeGrid(150, 150)})
+    {
+        SCOPED_TRACE(mesh.getNumTriangles());
+        EXPECT_FALSE(meshWriteObjChecked(mesh, full));
+        EXPECT_TRUE(reported("meshWriteObjChecked"));
+        EXPECT_FALSE(meshWriteObjChecked(mesh, subsets, colors, full));
+        EXPECT_TRUE(reported("meshWriteObjChecked"));
+        EXPECT_FALSE(meshWriteChecked(mesh, full));
+        EXPECT_TRUE(reported("meshWriteChecked"));
+        // The plain forms keep their contract: only an output that does not open fails.
+        EXPECT_TRUE(meshWriteObj(mesh, full));
+        EXPECT_TRUE(errors.empty());
+    }
+    EXPECT_FALSE(meshWriteObjChecked(*topo, full));
+    EXPECT_TRUE(reported("meshWriteObjChecked"));
+    EXPECT_FALSE(meshWriteObjChecked(qy::list<qy::Reference<TopoMesh>>{topo}, full));
+    EXPECT_TRUE(reported("meshWriteObjChecked"));
+    EXPECT_FALSE(meshWriteChecked(*topo, full));
+    EXPECT_TRUE(reported("meshWriteChecked"));
+
+    // A material library that cannot be written fails the checked call; the OBJ stands.
+    const std::filesystem::path obj = scratchDir() / "blocked.obj";
+    std::filesystem::remove_all(scratchDir() / "blocked.mtl");
+    std::filesystem::create_directory(scratchDir() / "blocked.mtl");
+    EXPECT_TRUE(meshWriteObj(oneTriangle(), subsets, colors, qyOS::Filename(obj.string())));
+    EXPECT_TRUE(errors.empty());
+    EXPECT_FALSE(meshWriteObjChecked(oneTriangle(), subsets, colors, qyOS::Filename(obj.string())));
+    ASSERT_EQ(errors.size(), 1u);
+    EXPECT_EQ(errors[0], "meshWriteObjChecked: cannot write '" +
+                             (scratchDir() / "blocked.mtl").string() + "': Is a directory\n");
+    errors.clear();
+    EXPECT_FALSE(meshWriteObjChecked(oneTriangle(), qyOS::Filename("/nonexistent/dir/x.obj")));
+    EXPECT_EQ(errors.size(), 1u);
+    errors.clear();
+
+    // On success: the plain forms' text, and no message.
+    const CompactMesh grid = qyTest::makeGrid(150, 150);
+    const std::string plain = (scratchDir() / "plain.obj").string();
+    const std::string checked = (scratchDir() / "checked.obj").string();
+    ASSERT_TRUE(meshWriteObj(grid, qyOS::Filename(plain)));
+    ASSERT_TRUE(meshWriteObjChecked(grid, qyOS::Filename(checked)));
+    EXPECT_TRUE(readText(plain) == readText(checked));
+    meshWrite(grid, qyOS::Filename(plain));
+    ASSERT_TRUE(meshWriteChecked(grid, qyOS::Filename(checked)));
+    EXPECT_TRUE(readText(plain) == readText(checked));
+    EXPECT_TRUE(errors.empty());
+    qyOS::AppOutput::getInstance().setSink(previous);
 }
 
 TEST(MeshRead, HostileCountsAndMissingFiles)
