@@ -19,7 +19,9 @@ QYGEOM_API qyLinear::Normal polygonNormal(int n, const qyLinear::Point* points);
 /// are avoided where the polygon allows. An ear is a convex corner whose triangle holds no
 /// other corner; when a polygon has none (it crosses itself after projection, or its corners
 /// are collinear), the corner with the largest turn is clipped instead, so the call never
-/// fails and always gives n - 2 triangles for n >= 3.
+/// fails and always gives n - 2 triangles for n >= 3. Corners with a non-finite coordinate
+/// leave no turn to compare: the polygon is then cut into a fan-like strip in loop order, so
+/// any input, however broken, gives valid indices and terminates.
 ///
 /// @param[in] points  n corners; consecutive duplicates are allowed (they give zero-area
 ///   triangles).

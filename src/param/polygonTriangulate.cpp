@@ -94,6 +94,8 @@ public:
                     }
                 }
             }
+            if (best < 0)
+                best = start; // every turn is NaN (a non-finite corner): clip in loop order
             const int p = m_prev[std::size_t(best)], q = m_next[std::size_t(best)];
             out.push_back(p);
             out.push_back(best);

@@ -141,3 +141,52 @@ TEST(PolygonTriangulate, PrefersWellShapedEars)
         EXPECT_LE(span, 1.0) << "triangle " << t / 3;
     }
 }
+
+TEST(PolygonTriangulate, HostileCornersGiveValidIndicesAndTerminate)
+{
+    // Whatever the corners hold (infinities, NaN, one point repeated, a bow tie, a loop that
+    // doubles back on itself), the result is n - 2 triangles of distinct, in-range corners that
+    // use every polygon edge once.
+    const double inf = HUGE_VAL, nan = std::nan("");
+    const std::vector<std::vector<Point>> polygons = {
+        // A square with one corner at infinity (how "1e400" reads), seen from the flattening's
+        // hole filling.
+        {{1, 1, 0}, {2, 1, 0}, {2, 2, inf}, {1, 2, 0}},
+        {{0, 0, 0}, {1, 0, -inf}, {1, 1, 0}, {0.5, 2, inf}, {0, 1, 0}},
+        {{0, 0, 0}, {1, 0, 0}, {nan, 1, 0}, {0, 1, 0}, {-1, 0.5, 0}},
+        {{nan, nan, nan}, {nan, nan, nan}, {nan, nan, nan}, {nan, nan, nan}, {nan, nan, nan}},
+        {{2, 2, 2}, {2, 2, 2}, {2, 2, 2}, {2, 2, 2}, {2, 2, 2}, {2, 2, 2}},
+        {{0, 0, 0}, {1, 1, 0}, {1, 0, 0}, {0, 1, 0}},                           // bow tie
+        {{0, 0, 0}, {3, 0, 0}, {3, 1, 0}, {-1, 1, 0}, {-1, -1, 0}, {2, -1, 0}}, // doubles back
+        {{1e300, 0, 0}, {-1e300, 1e300, 0}, {0, -1e300, 1e300}, {1e-300, 0, 0}},
+    };
+    // A longer rim with non-finite corners scattered over it.
+    std::vector<Point> rim;
+    for (int i = 0; i < 40; ++i)
+    {
+        const double a = 2.0 * M_PI * i / 40;
+        rim.emplace_back(std::cos(a), std::sin(a), i % 7 == 3 ? inf : i % 11 == 5 ? nan : 0.0);
+    }
+    std::vector<std::vector<Point>> all = polygons;
+    all.push_back(rim);
+    for (const auto& poly : all)
+    {
+        const int n = int(poly.size());
+        SCOPED_TRACE(testing::Message() << n << " corners");
+        std::vector<int> tris;
+        EXPECT_EQ(qyGeom::polygonTriangulate(n, poly.data(), tris), n - 2);
+        ASSERT_EQ(tris.size(), 3 * std::size_t(n - 2));
+        std::set<std::pair<int, int>> directed;
+        for (std::size_t t = 0; t < tris.size(); t += 3)
+        {
+            const int a = tris[t], b = tris[t + 1], c = tris[t + 2];
+            ASSERT_TRUE(a >= 0 && a < n && b >= 0 && b < n && c >= 0 && c < n);
+            EXPECT_TRUE(a != b && b != c && a != c);
+            directed.insert({a, b});
+            directed.insert({b, c});
+            directed.insert({c, a});
+        }
+        for (int i = 0; i < n; ++i)
+            EXPECT_TRUE(directed.count({i, (i + 1) % n})) << "edge " << i << " missing";
+    }
+}
