@@ -266,6 +266,8 @@ bool matchEdgeBatch(const int* tris, int numVerts, int numTris, int vBegin, int 
         end[i] = running;
     }
     end[range] = running;
+    if (running == 0)
+        return true; // no edge starts in this batch (its vertices are unused)
     if (entriesSize < running)
     {
         entries.reset();

@@ -230,6 +230,15 @@ TEST(MeshAdjacency, MatchesStraightforwardReferencesWithAnyThreadCount)
     meshes.push_back({"uv sphere", qyTest::makeUVSphere(60, 200)});
     meshes.push_back({"hemisphere", qyTest::makeHemisphere(8, 40)});
     meshes.push_back({"tangle", tangle(30000, 3000)});
+    // Unreferenced vertices at the start, in the middle and at the end leave whole edge
+    // batches and thread shares without a single edge.
+    meshes.push_back({"unused first", qyTest::makeMesh({9, 9, 9, 8, 8, 8, 7, 7, 7, 6, 6,
+                                                        6, 0, 0, 0, 1, 0, 0, 0, 1, 0},
+                                                       {4, 5, 6})});
+    meshes.push_back(
+        {"padded sphere", qyTest::withUnusedVertices(qyTest::makeUVSphere(60, 200), 20000, 37, 5)});
+    meshes.push_back(
+        {"padded tangle", qyTest::withUnusedVertices(tangle(30000, 3000), 5, 3000, 40000)});
     for (const qyTest::TestMesh& m : meshes)
         for (int threads : {1, 2, 3})
         {

@@ -13,6 +13,9 @@
 
 #include "model/CompactMesh.h"
 #include "model/MeshModification.h"
+#include "model/Remap.h"
+#include "qyGeom/meshBoundingBox.h"
+#include "qyGeom/meshCompact.h"
 #include "testMeshes.h"
 
 using qyGeom::CompactMesh;
@@ -236,5 +239,61 @@ TEST(MeshNormals, ThreadCountDoesNotChangeAnyBit)
         qyGeom::meshComputeNormals(mesh);
         EXPECT_EQ(std::memcmp(mesh.getNormalsRaw(), reference.getNormalsRaw(), bytes), 0)
             << threads << " threads";
+    }
+}
+
+TEST(MeshNormals, ThreadedBuildersGiveTheSameResultsWithUnusedVerticesAnywhere)
+{
+    // Unreferenced vertices at the start, in the middle and at the end leave some thread
+    // shares without a triangle corner; weld, normals and box must not depend on the split.
+    struct Case
+    {
+        const char* name;
+        CompactMesh mesh;
+    };
+    const CompactMesh sphere = qyTest::makeUVSphere(60, 200);
+    const std::vector<Case> cases = {
+        {"at the start", qyTest::withUnusedVertices(sphere, 30000, 0, 0)},
+        {"in the middle", qyTest::withUnusedVertices(sphere, 0, 30000, 0)},
+        {"at the end", qyTest::withUnusedVertices(sphere, 0, 0, 30000)},
+        {"soup, everywhere",
+         qyTest::withUnusedVertices(qyTest::makeTriangleSoup(sphere), 3, 5000, 7)},
+    };
+    for (const Case& c : cases)
+    {
+        std::vector<float> firstWeld, firstNormals;
+        std::vector<int> firstTris;
+        for (int threads : {1, 2, 3})
+        {
+            SCOPED_TRACE(std::string(c.name) + ", threads " + std::to_string(threads));
+            qyTest::ScopedThreadCount scope(threads);
+            CompactMesh welded(c.mesh);
+            qyGeom::Remap remap;
+            qyGeom::meshCompact(welded, qyTest::quietProgress(), remap);
+            CompactMesh lit(c.mesh);
+            qyGeom::meshComputeNormals(lit);
+            qyGeom::BoundingBox box;
+            qyGeom::meshBoundingBox(c.mesh, box);
+            EXPECT_EQ(box.maxPt().x, 1e3); // the unused vertices count in the box
+            EXPECT_EQ(box.minPt().y, -1e3);
+            const float* w = welded.getVerticesRaw();
+            const std::vector<float> weld(w, w + 3 * std::size_t(welded.getNumVertices()));
+            const int* t = welded.getTrianglesRaw();
+            const std::vector<int> tris(t, t + 3 * std::size_t(welded.getNumTriangles()));
+            const float* n = reinterpret_cast<const float*>(lit.getNormals());
+            const std::vector<float> normals(n, n + 3 * std::size_t(lit.getNumVertices()));
+            for (float x : normals)
+                ASSERT_TRUE(std::isfinite(x));
+            if (threads == 1)
+            {
+                firstWeld = weld;
+                firstTris = tris;
+                firstNormals = normals;
+                continue;
+            }
+            EXPECT_EQ(weld, firstWeld);
+            EXPECT_EQ(tris, firstTris);
+            EXPECT_EQ(normals, firstNormals);
+        }
     }
 }

@@ -52,6 +52,28 @@ CompactMesh makeMesh(const std::vector<float>& xyz, const std::vector<int>& tria
     return mesh;
 }
 
+CompactMesh withUnusedVertices(const CompactMesh& mesh, int atStart, int inMiddle, int atEnd)
+{
+    const int n = mesh.getNumVertices(), half = n / 2;
+    const float* v = mesh.getVerticesRaw();
+    std::vector<float> xyz;
+    auto unused = [&xyz](int count)
+    {
+        for (int i = 0; i < count; ++i)
+            xyz.insert(xyz.end(), {1e3f, -1e3f, 7.0f});
+    };
+    unused(atStart);
+    xyz.insert(xyz.end(), v, v + 3 * std::size_t(half));
+    unused(inMiddle);
+    xyz.insert(xyz.end(), v + 3 * std::size_t(half), v + 3 * std::size_t(n));
+    unused(atEnd);
+    std::vector<int> tris(mesh.getTrianglesRaw(),
+                          mesh.getTrianglesRaw() + 3 * std::size_t(mesh.getNumTriangles()));
+    for (int& c : tris)
+        c += atStart + (c >= half ? inMiddle : 0);
+    return makeMesh(xyz, tris);
+}
+
 CompactMesh makeGrid(int nx, int ny)
 {
     Builder b;

@@ -61,6 +61,10 @@ CompactMesh makeHemisphere(int rings, int segments);
 CompactMesh makeTriangleSoup(const CompactMesh& mesh);
 /// A mesh from literal vertex coordinates (3 per vertex) and triangle indices (3 per triangle).
 CompactMesh makeMesh(const std::vector<float>& xyz, const std::vector<int>& triangles);
+/// `mesh`'s triangles over its vertices with unreferenced vertices inserted: `atStart` before
+/// the first, `inMiddle` after the first half, `atEnd` after the last. Unused vertices sit at
+/// (1e3, -1e3, 7) so that a builder that wrongly reads them moves its results visibly.
+CompactMesh withUnusedVertices(const CompactMesh& mesh, int atStart, int inMiddle, int atEnd);
 
 /// Small meshes grouped by property, for tests that loop over cases with SCOPED_TRACE.
 struct TestMesh
