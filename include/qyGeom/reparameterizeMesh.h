@@ -1,5 +1,6 @@
 // reparameterizeMesh: conformal flattening of a disk-like triangle mesh into UV coordinates.
 #pragma once
+#include <string>
 #include <utility>
 
 #include "base/Containers.h"
@@ -39,6 +40,8 @@ struct VertexRows;
 /// Every vertex of the caller's mesh receives the UV of the welded vertex it became. After a cut
 /// the vertices along the seam therefore carry the UV of one side only; a caller who wants the
 /// seam in its own mesh cuts it first (cutSurface) and flattens it with compaction off.
+/// Vertices that no triangle uses take no part in the layout and receive UV (0, 0); a vertex
+/// whose triangles all lack area is held at (0, 0) of the layout by the solve.
 ///
 /// Lifetime: keeps a reference to the mesh until destroyed; the mesh must outlive the object.
 /// Threads: runs on the calling thread.
@@ -79,6 +82,14 @@ public:
     /// Cost: the solve dominates: at most 2V - 4 conjugate-gradient steps on 2V - 4 unknowns.
     bool flatten(qyUtil::Progress& progress);
 
+    /// Why the last flatten() returned false, as a phrase for a message ("a boundary loop has
+    /// fewer than three edges", "cancelled", ...); empty before the first run and after a
+    /// success. The flattening never reports success with a non-finite UV: a triangle corner
+    /// with an infinite or NaN coordinate is refused before any work, and a solution that is
+    /// not finite (vertices spanning too many orders of magnitude) is refused before it is
+    /// applied.
+    const std::string& failureReason() const { return failure; }
+
     /// One boundary edge of the working mesh: (start, end) vertex indices.
     using boundaryEdge = std::pair<int, int>;
     /// A boundary loop as its edges in order; the last ends where the first starts.
@@ -105,6 +116,7 @@ private:
     int doCG(qy::vector<qyLinear::Point2>& uvs, int pin0, int pin1,
              const qy::vector<qyLinear::Point>& points, const qy::vector<int>& freeIndex,
              const qy::vector<MeshTriangle>& holeTriangles, qyUtil::Progress& progress);
+    bool usedUvsFinite(const qy::vector<qyLinear::Point2>& uvs);
     void applyUvsToMesh(const qy::vector<qyLinear::Point2>& uvs, const Remap& remap);
 
     CompactMesh& mesh;
@@ -115,6 +127,8 @@ private:
     bool cutEnabled = true;
     /// False once a run has welded or cut work: the next run starts from a fresh copy.
     bool workIsCopy = true;
+    /// Why the last flatten() returned false; empty after a success.
+    std::string failure;
 };
 
 } // namespace qyGeom

@@ -81,6 +81,26 @@ int countBoundaries(const CompactMesh& m)
     return boundaries.size();
 }
 
+// The first vertex used by a triangle of `m` with a coordinate that is infinite or NaN, or -1.
+// Corners outside the vertex array are left to the degenerate-triangle test.
+int firstNonFiniteCorner(const CompactMesh& m)
+{
+    const int numVertices = m.getNumVertices();
+    const float* xyz = m.getVerticesRaw();
+    const int* tris = m.getTrianglesRaw();
+    int first = -1;
+    for (std::size_t i = 0; i < 3 * std::size_t(m.getNumTriangles()); ++i)
+    {
+        const int v = tris[i];
+        if (v < 0 || v >= numVertices || (first >= 0 && v >= first))
+            continue;
+        const float* p = xyz + 3 * std::size_t(v);
+        if (!(std::isfinite(p[0]) && std::isfinite(p[1]) && std::isfinite(p[2])))
+            first = v;
+    }
+    return first;
+}
+
 // Any unit vector orthogonal to d (d non-zero).
 qyLinear::Vector orthogonalTo(const qyLinear::Vector& d)
 {
@@ -111,13 +131,32 @@ bool reparameterizeMesh::flatten()
 
 bool reparameterizeMesh::flatten(qyUtil::Progress& progress)
 {
+    failure.clear();
+    // Every early return below gives false; a cancelled progress names the reason itself.
+    auto fail = [&](const char* reason = nullptr)
+    {
+        if (progress.cancelled())
+            failure = "cancelled";
+        else if (reason)
+            failure = reason;
+        return false;
+    };
     qyUtil::Progress child;
     Remap remap;
     progress.subPhase(0.025, child);
     child.setCaption("Copying Mesh");
     prepareMesh(child, remap);
     if (progress.cancelled())
+        return fail();
+    // A non-finite corner would make every later step meaningless (and the hole filling's
+    // projection undefined): refuse it here, naming the caller's vertex.
+    const int badVertex = firstNonFiniteCorner(mesh);
+    if (badVertex >= 0)
+    {
+        failure = "vertex " + std::to_string(badVertex) +
+                  " of a triangle has a coordinate that is not a finite number";
         return false;
+    }
 
     progress.subPhase(0.1, child);
     child.setCaption("Finding Mesh Boundaries");
@@ -125,18 +164,21 @@ bool reparameterizeMesh::flatten(qyUtil::Progress& progress)
     int genus = getMeshGenus(boundaries);
     debugChannel().print("- - - MeshReparameterize: genus = %d\n", genus);
     if (genus < 0 || progress.cancelled())
-        return false;
+        return fail();
     if (genus > 0 || boundaries.empty())
     {
         if (!cutEnabled)
-            return false;
+            return fail(genus > 0 ? "the surface has handles and cutting is off"
+                                  : "the surface is closed and cutting is off");
         // The cut keeps every vertex index and appends the copies, so remap stays valid.
         CutRegion region;
         cutSurface(work, region, true);
         boundaries.clear();
         genus = getMeshGenus(boundaries);
-        if (genus != 0 || progress.cancelled())
-            return false;
+        if (genus < 0 || progress.cancelled())
+            return fail();
+        if (genus != 0)
+            return fail("cutting the surface did not give a disk");
     }
 
     progress.subPhase(0.025, child);
@@ -147,37 +189,42 @@ bool reparameterizeMesh::flatten(qyUtil::Progress& progress)
     {
         output.error("There must be a boundary for the disk, none found. No changes made.\n");
         debugChannel().print("- - - MeshReparameterize: outerBoundary = %d\n", outer);
-        return false;
+        return fail("no boundary loop has any extent");
     }
     if (progress.cancelled())
-        return false;
+        return fail();
 
     progress.subPhase(0.025, child);
     child.setCaption("Creating Plane");
     qy::vector<qyLinear::Point> points;
     rotateAndProject(boundaries[std::size_t(outer)], points, extreme);
     if (progress.cancelled())
-        return false;
+        return fail();
 
     progress.subPhase(0.025, child);
     qy::vector<int> freeIndex;
     buildFreeIndex(freeIndex, extreme);
     if (progress.cancelled())
-        return false;
+        return fail();
 
     progress.subPhase(0.025, child);
     child.setCaption("Filling Mesh Holes");
     qy::vector<MeshTriangle> holeTriangles;
     fillHoles(boundaries, outer, freeIndex, holeTriangles);
     if (progress.cancelled())
-        return false;
+        return fail();
 
     progress.subPhase(0.75, child);
     child.setCaption("Solving");
     qy::vector<qyLinear::Point2> uvs;
     const int code = doCG(uvs, extreme[0], extreme[1], points, freeIndex, holeTriangles, child);
     if (code != 0 || progress.cancelled())
-        return false;
+        return fail("the solver met negative curvature (the system is not positive definite)");
+    // Nothing non-finite reaches the caller's mesh: a layout the solver could not represent
+    // (vertices at wildly different scales, for one) is a failure, not a result.
+    if (!usedUvsFinite(uvs))
+        return fail("the solved layout is not finite (the vertices span too many orders of "
+                    "magnitude for the solver)");
 
     progress.subPhase(0.025, child);
     child.setCaption("Applying to Mesh");
@@ -231,6 +278,7 @@ int reparameterizeMesh::getMeshGenus(qy::vector<Boundary>& boundaries)
     if (testDegenerate(numTriangles, work.getTrianglesRaw()))
     {
         debug.print("getMeshGenus: testDegenerate == true\n");
+        failure = "a triangle repeats a corner or names a vertex that does not exist";
         return -1;
     }
     const qy::Reference<MeshBoundaries> loops = cache.getBoundaries(work);
@@ -239,6 +287,7 @@ int reparameterizeMesh::getMeshGenus(qy::vector<Boundary>& boundaries)
     if (numBoundaries < 0)
     {
         debug.print("getMeshGenus: numBoundaries < 0 \n");
+        failure = "the boundary loops could not be traced";
         return -1;
     }
     int boundaryEdges = 0;
@@ -247,6 +296,7 @@ int reparameterizeMesh::getMeshGenus(qy::vector<Boundary>& boundaries)
         if (loops->getLength(b) < 3)
         {
             debug.print("getMeshGenus: boundary length < 3 \n");
+            failure = "a boundary loop has fewer than three edges";
             return -1;
         }
         boundaryEdges += loops->getLength(b);
@@ -265,6 +315,7 @@ int reparameterizeMesh::getMeshGenus(qy::vector<Boundary>& boundaries)
     if (genus < 0)
     {
         debug.print("getMeshGenus: genus = %d \n", genus);
+        failure = "the Euler characteristic is above 2 (several pieces, or not a surface)";
         return -1;
     }
     for (int b = 0; b < numBoundaries; ++b)
@@ -572,6 +623,19 @@ int reparameterizeMesh::doCG(qy::vector<qyLinear::Point2>& uvs, int pin0, int pi
         x0[2 * f] = points[std::size_t(v)].x;
         x0[2 * f + 1] = points[std::size_t(v)].y;
         setupVertexCG(*adjTris, cg, rhs, v, freeIndex, points, holeTriangles, holeStart, holeList);
+        // A vertex on no triangle with area (unused, or only on degenerate triangles) has
+        // empty rows, which would make the system singular: they become u = v = 0 instead.
+        for (int r = 2 * f; r < 2 * f + 2; ++r)
+        {
+            SparseMatrix::Row& row = cg.A().row(r);
+            if (std::all_of(row.begin(), row.end(),
+                            [](const SparseElement& e) { return e.value == 0.0; }))
+            {
+                row.clear();
+                row.emplace_back(r, 1.0);
+                rhs[r] = x0[r] = 0.0;
+            }
+        }
     }
 
     debug.print("  assembled %d entries: %f s\n", cg.A().nnz(), watch.clear());
@@ -627,15 +691,28 @@ int reparameterizeMesh::doCG(qy::vector<qyLinear::Point2>& uvs, int pin0, int pi
     return 0;
 }
 
+bool reparameterizeMesh::usedUvsFinite(const qy::vector<qyLinear::Point2>& uvs)
+{
+    const qy::Reference<MeshAdjTris> adjTris = cache.getAdjTris(work);
+    for (std::size_t v = 0; v < uvs.size(); ++v)
+        if (adjTris->numTris(int(v)) > 0 && !(std::isfinite(uvs[v].x) && std::isfinite(uvs[v].y)))
+            return false;
+    return true;
+}
+
 void reparameterizeMesh::applyUvsToMesh(const qy::vector<qyLinear::Point2>& uvs, const Remap& remap)
 {
+    // The layout is that of the vertices on triangles; a vertex that no triangle uses has no
+    // place in it and gets (0, 0).
+    const qy::Reference<MeshAdjTris> adjTris = cache.getAdjTris(work);
     double lo[2] = {HUGE_VAL, HUGE_VAL}, hi[2] = {-HUGE_VAL, -HUGE_VAL};
-    for (const qyLinear::Point2& p : uvs)
-        for (int k = 0; k < 2; ++k)
-        {
-            lo[k] = std::min(lo[k], p[k]);
-            hi[k] = std::max(hi[k], p[k]);
-        }
+    for (std::size_t v = 0; v < uvs.size(); ++v)
+        if (adjTris->numTris(int(v)) > 0)
+            for (int k = 0; k < 2; ++k)
+            {
+                lo[k] = std::min(lo[k], uvs[v][k]);
+                hi[k] = std::max(hi[k], uvs[v][k]);
+            }
     const double width = hi[0] - lo[0], height = hi[1] - lo[1];
     double scale = std::min(1.0 / width, 1.0 / height);
     if (!std::isfinite(scale))
@@ -647,7 +724,7 @@ void reparameterizeMesh::applyUvsToMesh(const qy::vector<qyLinear::Point2>& uvs,
     for (int v = 0; v < numVertices; ++v)
     {
         const int w = remap(v);
-        if (w < 0 || std::size_t(w) >= uvs.size())
+        if (w < 0 || std::size_t(w) >= uvs.size() || adjTris->numTris(w) == 0)
         {
             out[v].set(0.0f, 0.0f);
             continue;

@@ -312,6 +312,86 @@ TEST(ReparameterizeMesh, BadInputFailsWithTheMeshUntouched)
         EXPECT_EQ(mesh.count(), 0);
         EXPECT_EQ(mesh.getUVs(), nullptr);
         EXPECT_NE(debug.text().find(c.debugLine), std::string::npos) << debug.text();
+        EXPECT_FALSE(flattener.failureReason().empty());
+    }
+}
+
+TEST(ReparameterizeMesh, NeverReportsSuccessWithANonFiniteLayout)
+{
+    const float inf = HUGE_VALF, nan = std::nanf("");
+    // A square annulus, outer square 0..3 around inner square 1..2: the inner hole is filled
+    // by the polygon triangulation during the solve.
+    const std::vector<float> annulus = {0, 0, 0, 3, 0, 0, 3, 3, 0, 0, 3, 0,
+                                        1, 1, 0, 2, 1, 0, 2, 2, 0, 1, 2, 0};
+    const std::vector<int> annulusTris = {0, 1, 5, 0, 5, 4, 1, 2, 6, 1, 6, 5,
+                                          2, 3, 7, 2, 7, 6, 3, 0, 4, 3, 4, 7};
+    // An open box of half-size 0.067 (no top), as scanned small parts come.
+    const float h = 0.067f;
+    std::vector<float> box;
+    for (int k = 0; k < 8; ++k)
+        box.insert(box.end(), {k & 1 ? h : -h, k & 2 ? h : -h, k & 4 ? h : -h});
+    const std::vector<int> boxTris = {0, 2, 1, 1, 2, 3, 0, 1, 5, 0, 5, 4, 1, 3, 7,
+                                      1, 7, 5, 3, 2, 6, 3, 6, 7, 2, 0, 4, 2, 4, 6};
+
+    struct Case
+    {
+        const char* name;
+        std::vector<float> xyz;
+        std::vector<int> tris;
+        int unusedFirst = 0, unusedLast = 0;
+    };
+    std::vector<Case> refused = {
+        {"one outer and one inner corner at infinity", annulus, annulusTris},
+        {"a NaN corner", annulus, annulusTris},
+    };
+    refused[0].xyz[3 * 2 + 2] = inf;
+    refused[0].xyz[3 * 6 + 2] = inf;
+    refused[1].xyz[3 * 5 + 0] = nan;
+    for (const Case& c : refused)
+    {
+        SCOPED_TRACE(c.name);
+        qyTest::RecordingMesh mesh(qyTest::makeMesh(c.xyz, c.tris));
+        OutputCapture output;
+        reparameterizeMesh flattener(mesh);
+        EXPECT_FALSE(flattener.flatten());
+        EXPECT_EQ(mesh.count(), 0);
+        EXPECT_EQ(mesh.getUVs(), nullptr);
+        EXPECT_NE(flattener.failureReason().find("not a finite number"), std::string::npos)
+            << flattener.failureReason();
+    }
+
+    // Meshes that are flattened, or refused with a reason, but never given a non-finite UV:
+    // unused vertices (finite, infinite and far away), and one corner far from the others.
+    std::vector<Case> others = {
+        {"unused vertices", annulus, annulusTris, 2, 1},
+        {"a far corner", box, boxTris},
+    };
+    others[0].xyz.insert(others[0].xyz.begin(), {5, 5, 5, inf, 0, nan});
+    others[0].xyz.insert(others[0].xyz.end(), {0, 6.7e16f, 0});
+    for (int& v : others[0].tris)
+        v += 2;
+    others[1].xyz[3 * 4 + 1] = 6.7e16f;
+    for (const Case& c : others)
+    {
+        SCOPED_TRACE(c.name);
+        qyTest::RecordingMesh mesh(qyTest::makeMesh(c.xyz, c.tris));
+        OutputCapture output;
+        reparameterizeMesh flattener(mesh);
+        if (!flattener.flatten())
+        {
+            EXPECT_FALSE(flattener.failureReason().empty());
+            EXPECT_EQ(mesh.getUVs(), nullptr);
+            continue;
+        }
+        EXPECT_TRUE(flattener.failureReason().empty());
+        expectUnitSquare(mesh);
+        for (int v = 0; v < mesh.getNumVertices(); ++v)
+        {
+            EXPECT_TRUE(std::isfinite(mesh.getUVs()[v].u) && std::isfinite(mesh.getUVs()[v].v));
+            // The vertices on the triangles fill the square; the unused ones sit at its corner.
+            if (v < c.unusedFirst || v >= mesh.getNumVertices() - c.unusedLast)
+                EXPECT_TRUE(mesh.getUVs()[v].u == 0.0f && mesh.getUVs()[v].v == 0.0f) << v;
+        }
     }
 }
 
@@ -337,6 +417,7 @@ TEST(ReparameterizeMesh, CancellingAnywhereLeavesTheMeshUntouched)
         qyUtil::Progress progress({}, [&] { return ++count >= k; });
         reparameterizeMesh flattener(mesh);
         EXPECT_FALSE(flattener.flatten(progress));
+        EXPECT_EQ(flattener.failureReason(), "cancelled");
         EXPECT_EQ(mesh.count(), 0);
         EXPECT_EQ(mesh.getUVs(), nullptr);
     }
