@@ -120,12 +120,19 @@ QYGEOM_API bool meshReadObj(CompactMesh& mesh, const qyOS::Filename& file);
 /// Without texture coordinates the vertices are welded (meshCompact) and duplicate and
 /// degenerate triangles are removed; no subsets are made. With texture coordinates, every
 /// connected component of the mesh whose vertices are split where corners of one position
-/// carry different texture coordinates becomes one subset (its vertices, ascending, and its
-/// triangles); `uvs` gets one list per subset, one entry per subset vertex (empty when some
-/// vertex of the subset has no texture coordinate). The returned mesh has one vertex per
-/// position again, so a vertex on a seam appears in several subsets. When splitting would
-/// add 101 or more vertices and more than there are positions, the texture coordinates are
-/// dropped instead ("Texture coords deleted!") and duplicate triangles are removed.
+/// carry different texture coordinates becomes one subset (its vertices and its triangles);
+/// `uvs` gets one list per subset, one entry per subset vertex (empty when some vertex of the
+/// subset has no texture coordinate). The split keeps each position's vertex for its lowest
+/// texture index and appends one copy per further texture index, walking the positions and
+/// then their texture indices in ascending order; a subset lists its split vertices in that
+/// numbering, ascending, each given as the position it copies. So a subset's vertex list runs
+/// ascending through the positions whose own vertex it holds and then through its copies: a
+/// position can come twice (a seam inside one chart, with both UVs in `uvs`) and out of order
+/// (`0 1 2 3 2`: position 2 once for each of its texture coordinates). The returned mesh has
+/// one vertex per position again, so a vertex on a seam appears in several subsets. When
+/// splitting would add 101 or more vertices and more than there are positions, the texture
+/// coordinates are dropped instead ("Texture coords deleted!") and duplicate triangles are
+/// removed.
 /// Faces are ordered by material (in the order of first use, faces before any usemtl first)
 /// and keep their file order within one material.
 ///

@@ -357,6 +357,17 @@ TEST(MeshReadObj, SubsetsFollowTextureCharts)
     ASSERT_TRUE(m.ok);
     EXPECT_EQ(m.subsets.size(), 2u);
 
+    // A seam inside one chart (the two triangles still meet at position 0): position 2 comes
+    // twice in the one subset, its copy last, with one UV per entry.
+    SubsetRead seam = readMemory("v 0 0 0\nv 1 0 0\nv 1 1 0\nv 0 1 0\n"
+                                 "vt 0 0\nvt 1 0\nvt 1 1\nvt 0 1\nvt 2 2\n"
+                                 "f 1/1 2/2 3/3\nf 1/1 3/5 4/4\n");
+    ASSERT_TRUE(seam.ok);
+    ASSERT_EQ(seam.subsets.size(), 1u);
+    EXPECT_EQ(seam.subsets.front()->vertices(), (std::vector<int>{0, 1, 2, 3, 2}));
+    EXPECT_EQ(seam.uvs.front(),
+              (qy::vector<qyLinear::Point2Flt>{{0, 0}, {1, 0}, {1, 1}, {0, 1}, {2, 2}}));
+
     // Without texture coordinates the vertices are welded and duplicates removed.
     r = readWithSubsets("weld.obj", "v 0 0 0\nv 1 0 0\nv 0 1 0\nv 1 0 0\n"
                                     "f 1 2 3\nf 1 4 3\nf 3 1 2\n");
