@@ -1,4 +1,6 @@
-// Fuzz target: the minimal counted mesh format, through a file, into both mesh kinds.
+// Fuzz target: the minimal counted mesh format, through a file, into both mesh kinds, and the
+// mesh pipeline on the indexed mesh.
+#include "fuzzPipeline.h"
 #include "fuzzSupport.h"
 #include "model/CompactMesh.h"
 #include "model/TopoMesh.h"
@@ -14,6 +16,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     for (int i = 0; i < 3 * nt; ++i)
         if (tris[i] < 0 || tris[i] >= nv)
             __builtin_trap();
+    qyFuzz::runMeshPipeline(mesh);
     qyGeom::TopoMesh topo;
     qyGeom::meshRead(topo, qyOS::Filename(path));
     // Writing it back must walk every face.

@@ -1,7 +1,9 @@
-// Fuzz target: the forgiving OBJ reader over a memory block, with subsets.
+// Fuzz target: the forgiving OBJ reader over a memory block, with subsets, and the mesh
+// pipeline on the mesh it returns.
 #include <cstddef>
 #include <cstdint>
 
+#include "fuzzPipeline.h"
 #include "model/CompactMesh.h"
 #include "model/MeshSubset.h"
 #include "qyGeom/meshReadObj.h"
@@ -29,6 +31,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
                 if (t < 0 || t >= nt)
                     __builtin_trap();
         }
+        qyFuzz::runMeshPipeline(mesh);
     }
     return 0;
 }
