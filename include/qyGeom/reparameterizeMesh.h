@@ -27,6 +27,22 @@ class NVector;
 class Remap;
 struct VertexRows;
 
+/// How a flattening ended (reparameterizeMesh::status()).
+enum class FlattenStatus
+{
+    Ok,
+    Cancelled,          ///< the progress object asked to stop
+    NonFiniteVertex,    ///< a triangle corner has an infinite or NaN coordinate
+    DegenerateTriangle, ///< a triangle repeats a corner or names a vertex that does not exist
+    ShortBoundary,      ///< a boundary loop of fewer than three edges, or one that cannot be traced
+    SeveralPieces,      ///< a negative genus: several pieces, or not a surface
+    NotADisk,           ///< closed or with handles, and cutting is off
+    CutFailed,          ///< cutting to a disk did not give genus 0
+    NoOuterBoundary,    ///< no boundary loop has any extent
+    SolverFailed,       ///< the solver met negative curvature
+    NonFiniteLayout,    ///< the solution is not finite
+};
+
 /// Flattens a triangle mesh onto the plane with a conformal (angle-preserving) map and writes
 /// the layout as the mesh's per-vertex UVs, fitted into the unit square with its aspect kept.
 ///
@@ -82,13 +98,17 @@ public:
     /// Cost: the solve dominates: at most 2V - 4 conjugate-gradient steps on 2V - 4 unknowns.
     bool flatten(qyUtil::Progress& progress);
 
-    /// Why the last flatten() returned false, as a phrase for a message ("a boundary loop has
-    /// fewer than three edges", "cancelled", ...); empty before the first run and after a
-    /// success. The flattening never reports success with a non-finite UV: a triangle corner
-    /// with an infinite or NaN coordinate is refused before any work, and a solution that is
-    /// not finite (vertices spanning too many orders of magnitude) is refused before it is
-    /// applied.
+    /// How the last flatten() ended: Ok before the first run and after a success. The
+    /// flattening never reports success with a non-finite UV: a triangle corner with an
+    /// infinite or NaN coordinate is refused before any work (NonFiniteVertex), and a solution
+    /// that is not finite (vertices spanning too many orders of magnitude) is refused before
+    /// it is applied (NonFiniteLayout).
+    FlattenStatus status() const { return lastStatus; }
+    /// The status as a phrase for a message ("a boundary loop has fewer than three edges",
+    /// "cancelled", ...; for NonFiniteVertex it names the caller's vertex); empty for Ok.
     const std::string& failureReason() const { return failure; }
+    /// The phrase of a status, as failureReason() gives it (without a vertex number).
+    static const char* describe(FlattenStatus status);
 
     /// One boundary edge of the working mesh: (start, end) vertex indices.
     using boundaryEdge = std::pair<int, int>;
@@ -127,8 +147,10 @@ private:
     bool cutEnabled = true;
     /// False once a run has welded or cut work: the next run starts from a fresh copy.
     bool workIsCopy = true;
-    /// Why the last flatten() returned false; empty after a success.
-    std::string failure;
+    void setStatus(FlattenStatus status);
+
+    FlattenStatus lastStatus = FlattenStatus::Ok;
+    std::string failure; // describe(lastStatus), with the vertex for NonFiniteVertex
 };
 
 } // namespace qyGeom

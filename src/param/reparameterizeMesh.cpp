@@ -129,16 +129,54 @@ bool reparameterizeMesh::flatten()
     return flatten(progress);
 }
 
+const char* reparameterizeMesh::describe(FlattenStatus status)
+{
+    switch (status)
+    {
+    case FlattenStatus::Ok:
+        return "";
+    case FlattenStatus::Cancelled:
+        return "cancelled";
+    case FlattenStatus::NonFiniteVertex:
+        return "a coordinate is not a finite number";
+    case FlattenStatus::DegenerateTriangle:
+        return "a triangle repeats a corner or names a vertex that does not exist";
+    case FlattenStatus::ShortBoundary:
+        return "a boundary loop has fewer than three edges";
+    case FlattenStatus::SeveralPieces:
+        return "the Euler characteristic is above 2 (several pieces, or not a surface)";
+    case FlattenStatus::NotADisk:
+        return "the surface is closed or has handles, and cutting is off";
+    case FlattenStatus::CutFailed:
+        return "cutting the surface did not give a disk";
+    case FlattenStatus::NoOuterBoundary:
+        return "no boundary loop has any extent";
+    case FlattenStatus::SolverFailed:
+        return "the solver met negative curvature (the system is not positive definite)";
+    case FlattenStatus::NonFiniteLayout:
+        return "the solved layout is not finite (the vertices span too many orders of "
+               "magnitude for the solver)";
+    }
+    return "";
+}
+
+void reparameterizeMesh::setStatus(FlattenStatus status)
+{
+    lastStatus = status;
+    failure = describe(status);
+}
+
 bool reparameterizeMesh::flatten(qyUtil::Progress& progress)
 {
-    failure.clear();
-    // Every early return below gives false; a cancelled progress names the reason itself.
-    auto fail = [&](const char* reason = nullptr)
+    setStatus(FlattenStatus::Ok);
+    // Every early return below gives false; a cancelled progress is the reason whatever the
+    // step found, and a step that set its own reason (getMeshGenus) keeps it.
+    auto fail = [&](FlattenStatus why = FlattenStatus::Ok)
     {
         if (progress.cancelled())
-            failure = "cancelled";
-        else if (reason)
-            failure = reason;
+            setStatus(FlattenStatus::Cancelled);
+        else if (why != FlattenStatus::Ok)
+            setStatus(why);
         return false;
     };
     qyUtil::Progress child;
@@ -153,8 +191,8 @@ bool reparameterizeMesh::flatten(qyUtil::Progress& progress)
     const int badVertex = firstNonFiniteCorner(mesh);
     if (badVertex >= 0)
     {
-        failure = "vertex " + std::to_string(badVertex) +
-                  " of a triangle has a coordinate that is not a finite number";
+        setStatus(FlattenStatus::NonFiniteVertex);
+        failure = "vertex " + std::to_string(badVertex) + " of a triangle: " + failure;
         return false;
     }
 
@@ -168,8 +206,7 @@ bool reparameterizeMesh::flatten(qyUtil::Progress& progress)
     if (genus > 0 || boundaries.empty())
     {
         if (!cutEnabled)
-            return fail(genus > 0 ? "the surface has handles and cutting is off"
-                                  : "the surface is closed and cutting is off");
+            return fail(FlattenStatus::NotADisk);
         // The cut keeps every vertex index and appends the copies, so remap stays valid.
         CutRegion region;
         cutSurface(work, region, true);
@@ -178,7 +215,7 @@ bool reparameterizeMesh::flatten(qyUtil::Progress& progress)
         if (genus < 0 || progress.cancelled())
             return fail();
         if (genus != 0)
-            return fail("cutting the surface did not give a disk");
+            return fail(FlattenStatus::CutFailed);
     }
 
     progress.subPhase(0.025, child);
@@ -189,7 +226,7 @@ bool reparameterizeMesh::flatten(qyUtil::Progress& progress)
     {
         output.error("There must be a boundary for the disk, none found. No changes made.\n");
         debugChannel().print("- - - MeshReparameterize: outerBoundary = %d\n", outer);
-        return fail("no boundary loop has any extent");
+        return fail(FlattenStatus::NoOuterBoundary);
     }
     if (progress.cancelled())
         return fail();
@@ -219,12 +256,11 @@ bool reparameterizeMesh::flatten(qyUtil::Progress& progress)
     qy::vector<qyLinear::Point2> uvs;
     const int code = doCG(uvs, extreme[0], extreme[1], points, freeIndex, holeTriangles, child);
     if (code != 0 || progress.cancelled())
-        return fail("the solver met negative curvature (the system is not positive definite)");
+        return fail(FlattenStatus::SolverFailed);
     // Nothing non-finite reaches the caller's mesh: a layout the solver could not represent
     // (vertices at wildly different scales, for one) is a failure, not a result.
     if (!usedUvsFinite(uvs))
-        return fail("the solved layout is not finite (the vertices span too many orders of "
-                    "magnitude for the solver)");
+        return fail(FlattenStatus::NonFiniteLayout);
 
     progress.subPhase(0.025, child);
     child.setCaption("Applying to Mesh");
@@ -278,7 +314,7 @@ int reparameterizeMesh::getMeshGenus(qy::vector<Boundary>& boundaries)
     if (testDegenerate(numTriangles, work.getTrianglesRaw()))
     {
         debug.print("getMeshGenus: testDegenerate == true\n");
-        failure = "a triangle repeats a corner or names a vertex that does not exist";
+        setStatus(FlattenStatus::DegenerateTriangle);
         return -1;
     }
     const qy::Reference<MeshBoundaries> loops = cache.getBoundaries(work);
@@ -287,7 +323,7 @@ int reparameterizeMesh::getMeshGenus(qy::vector<Boundary>& boundaries)
     if (numBoundaries < 0)
     {
         debug.print("getMeshGenus: numBoundaries < 0 \n");
-        failure = "the boundary loops could not be traced";
+        setStatus(FlattenStatus::ShortBoundary);
         return -1;
     }
     int boundaryEdges = 0;
@@ -296,7 +332,7 @@ int reparameterizeMesh::getMeshGenus(qy::vector<Boundary>& boundaries)
         if (loops->getLength(b) < 3)
         {
             debug.print("getMeshGenus: boundary length < 3 \n");
-            failure = "a boundary loop has fewer than three edges";
+            setStatus(FlattenStatus::ShortBoundary);
             return -1;
         }
         boundaryEdges += loops->getLength(b);
@@ -315,7 +351,7 @@ int reparameterizeMesh::getMeshGenus(qy::vector<Boundary>& boundaries)
     if (genus < 0)
     {
         debug.print("getMeshGenus: genus = %d \n", genus);
-        failure = "the Euler characteristic is above 2 (several pieces, or not a surface)";
+        setStatus(FlattenStatus::SeveralPieces);
         return -1;
     }
     for (int b = 0; b < numBoundaries; ++b)

@@ -249,6 +249,7 @@ TEST(ReparameterizeMesh, ClosedAndHigherGenusMeshes)
         EXPECT_FALSE(flattener.flatten());
         EXPECT_EQ(sphere.count(), 0);
         EXPECT_EQ(sphere.getUVs(), nullptr);
+        EXPECT_EQ(flattener.status(), qyGeom::FlattenStatus::NotADisk);
         EXPECT_NE(debug.text().find("getMeshGenus: numBoundaries 0 \n"), std::string::npos);
         EXPECT_NE(debug.text().find("getMeshGenus: genus = ( 2 - 2 ) / 2 = 0 \n"),
                   std::string::npos);
@@ -292,15 +293,18 @@ TEST(ReparameterizeMesh, BadInputFailsWithTheMeshUntouched)
         const char* name;
         CompactMesh mesh;
         const char* debugLine;
+        qyGeom::FlattenStatus status;
     };
+    using qyGeom::FlattenStatus;
     std::vector<Case> cases;
     cases.push_back({"repeated index", qyTest::testMeshes::get("repeated-index triangle"),
-                     "getMeshGenus: testDegenerate == true\n"});
+                     "getMeshGenus: testDegenerate == true\n", FlattenStatus::DegenerateTriangle});
     cases.push_back({"index out of range", qyTest::makeMesh({0, 0, 0, 1, 0, 0, 0, 1, 0}, {0, 1, 7}),
-                     "getMeshGenus: testDegenerate == true\n"});
+                     "getMeshGenus: testDegenerate == true\n", FlattenStatus::DegenerateTriangle});
     cases.push_back({"two components", qyTest::testMeshes::get("two components"),
-                     "getMeshGenus: genus = -1 \n"});
-    cases.push_back({"empty", CompactMesh(), "getMeshGenus: numBoundaries 0 \n"});
+                     "getMeshGenus: genus = -1 \n", FlattenStatus::SeveralPieces});
+    cases.push_back(
+        {"empty", CompactMesh(), "getMeshGenus: numBoundaries 0 \n", FlattenStatus::CutFailed});
     for (Case& c : cases)
     {
         SCOPED_TRACE(c.name);
@@ -312,7 +316,8 @@ TEST(ReparameterizeMesh, BadInputFailsWithTheMeshUntouched)
         EXPECT_EQ(mesh.count(), 0);
         EXPECT_EQ(mesh.getUVs(), nullptr);
         EXPECT_NE(debug.text().find(c.debugLine), std::string::npos) << debug.text();
-        EXPECT_FALSE(flattener.failureReason().empty());
+        EXPECT_EQ(flattener.status(), c.status);
+        EXPECT_EQ(flattener.failureReason(), reparameterizeMesh::describe(c.status));
     }
 }
 
@@ -356,6 +361,7 @@ TEST(ReparameterizeMesh, NeverReportsSuccessWithANonFiniteLayout)
         EXPECT_FALSE(flattener.flatten());
         EXPECT_EQ(mesh.count(), 0);
         EXPECT_EQ(mesh.getUVs(), nullptr);
+        EXPECT_EQ(flattener.status(), qyGeom::FlattenStatus::NonFiniteVertex);
         EXPECT_NE(flattener.failureReason().find("not a finite number"), std::string::npos)
             << flattener.failureReason();
     }
@@ -417,6 +423,7 @@ TEST(ReparameterizeMesh, CancellingAnywhereLeavesTheMeshUntouched)
         qyUtil::Progress progress({}, [&] { return ++count >= k; });
         reparameterizeMesh flattener(mesh);
         EXPECT_FALSE(flattener.flatten(progress));
+        EXPECT_EQ(flattener.status(), qyGeom::FlattenStatus::Cancelled);
         EXPECT_EQ(flattener.failureReason(), "cancelled");
         EXPECT_EQ(mesh.count(), 0);
         EXPECT_EQ(mesh.getUVs(), nullptr);
