@@ -32,11 +32,16 @@ void printUsage(std::FILE* out)
     std::fputs("\n"
                "options (before or after the command):\n"
                "  --threads N   size of the thread pool (default: QYGEOM_THREADS or all cores)\n"
-               "  --verbose     the library's statistics and timing lines on standard error\n"
+               "  --verbose     the library's statistics, timing lines and messages on standard\n"
+               "                error\n"
                "  --help        this text; 'qygeom COMMAND --help' explains a command\n"
                "\n"
-               "Outputs are written under temporary names and appear only when a command\n"
-               "succeeds; Ctrl-C cancels a long job and writes nothing.\n",
+               "Outputs are written under temporary names and appear only when the whole\n"
+               "command succeeds; a failed write leaves the old file as it was. Ctrl-C or\n"
+               "SIGTERM before that moment cancels (status 130) and writes nothing; a second\n"
+               "one ends the program at once. An output that is a symbolic link keeps the\n"
+               "link and replaces its target; a character device or FIFO (/dev/null,\n"
+               "/dev/stdout, a pipe) is written directly; other special files are refused.\n",
                out);
 }
 
@@ -85,9 +90,17 @@ int main(int argc, char** argv)
 {
     if (!takeGlobalOptions(argc, argv))
         return 2;
-    // The library's user messages and statistics go to standard error, so that standard
-    // output holds only the command's own report.
+    // The library's statistics and user messages go to standard error, so that standard
+    // output holds only the command's own report; the messages only with --verbose, as the
+    // commands report outcomes and failures themselves.
     qyGeom::debugChannel().setSink([](const char* text) { std::fputs(text, stderr); });
+    const bool verbose = qyGeom::debugChannel().isEnabled();
+    qyOS::AppOutput::getInstance().setSink(
+        [verbose](qyOS::AppOutput::Kind, const char* text)
+        {
+            if (verbose)
+                std::fputs(text, stderr);
+        });
     qyCli::installInterruptHandler();
 
     const char* name = argc > 1 ? argv[1] : "demo";

@@ -1,5 +1,6 @@
 // Drives the qygeom program as a user would: commands on files written here, the demo,
 // errors, and a run cancelled with Ctrl-C.
+#include <cctype>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
@@ -8,6 +9,8 @@
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <sys/resource.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
@@ -37,12 +40,72 @@ std::string slurp(const fs::path& p)
     return s.str();
 }
 
-// Runs qygeom with `args` in `dir`; when `interruptAfter` is not empty, sends SIGINT once
-// standard error contains that text.
-Outcome run(const fs::path& dir, const std::vector<std::string>& args,
-            const std::string& interruptAfter = {})
+// How a test run of qygeom is disturbed.
+struct Disturbance
+{
+    // Sends SIGINT once standard error contains this text.
+    std::string interruptAfter;
+    // Sends this signal once a staging folder (".qygeom-...") appears in the directory,
+    // that is while the outputs are being written.
+    int signalWhileWriting = 0;
+    // Writes beyond this many bytes fail with EFBIG (SIGXFSZ ignored), as on a full disk.
+    long fileSizeLimit = 0;
+    // QYGEOM_TEST_SIGNALS for the program's test hook.
+    std::string testSignals;
+};
+
+Disturbance interruptWhenStderrHas(const std::string& text)
+{
+    Disturbance d;
+    d.interruptAfter = text;
+    return d;
+}
+
+Disturbance signalWhileWriting(int signal)
+{
+    Disturbance d;
+    d.signalWhileWriting = signal;
+    return d;
+}
+
+Disturbance fileSizeLimit(long bytes)
+{
+    Disturbance d;
+    d.fileSizeLimit = bytes;
+    return d;
+}
+
+Disturbance testSignals(const std::string& signals)
+{
+    Disturbance d;
+    d.testSignals = signals;
+    return d;
+}
+
+std::vector<fs::path> stagingFolders(const fs::path& dir)
+{
+    std::vector<fs::path> found;
+    std::error_code ec;
+    for (fs::directory_iterator it(dir, ec), end; !ec && it != end; it.increment(ec))
+        if (it->path().filename().string().starts_with(".qygeom-"))
+            found.push_back(it->path());
+    std::sort(found.begin(), found.end());
+    return found;
+}
+
+bool hasNewFolder(const std::vector<fs::path>& now, const std::vector<fs::path>& before)
+{
+    for (const fs::path& p : now)
+        if (std::find(before.begin(), before.end(), p) == before.end())
+            return true;
+    return false;
+}
+
+// Runs qygeom with `args` in `dir`, disturbed as `how` says.
+Outcome run(const fs::path& dir, const std::vector<std::string>& args, const Disturbance& how = {})
 {
     const fs::path outFile = dir / ".stdout", errFile = dir / ".stderr";
+    const std::vector<fs::path> oldFolders = stagingFolders(dir);
     const pid_t pid = fork();
     if (pid == 0)
     {
@@ -52,6 +115,14 @@ Outcome run(const fs::path& dir, const std::vector<std::string>& args,
         const int err = open(errFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
         dup2(out, 1);
         dup2(err, 2);
+        if (how.fileSizeLimit > 0)
+        {
+            std::signal(SIGXFSZ, SIG_IGN);
+            const rlimit limit{rlim_t(how.fileSizeLimit), rlim_t(how.fileSizeLimit)};
+            setrlimit(RLIMIT_FSIZE, &limit);
+        }
+        if (!how.testSignals.empty())
+            setenv("QYGEOM_TEST_SIGNALS", how.testSignals.c_str(), 1);
         std::vector<char*> argv{const_cast<char*>(QYGEOM_EXE)};
         for (const std::string& a : args)
             argv.push_back(const_cast<char*>(a.c_str()));
@@ -61,17 +132,19 @@ Outcome run(const fs::path& dir, const std::vector<std::string>& args,
     }
     Outcome result;
     int status = 0;
-    if (!interruptAfter.empty())
+    if (!how.interruptAfter.empty() || how.signalWhileWriting)
     {
         bool sent = false;
         while (waitpid(pid, &status, WNOHANG) == 0)
         {
-            if (!sent && slurp(errFile).find(interruptAfter) != std::string::npos)
+            if (!sent && (how.interruptAfter.empty()
+                              ? hasNewFolder(stagingFolders(dir), oldFolders)
+                              : slurp(errFile).find(how.interruptAfter) != std::string::npos))
             {
-                kill(pid, SIGINT);
+                kill(pid, how.signalWhileWriting ? how.signalWhileWriting : SIGINT);
                 sent = true;
             }
-            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+            std::this_thread::sleep_for(std::chrono::microseconds(200));
         }
     }
     else
@@ -82,6 +155,27 @@ Outcome run(const fs::path& dir, const std::vector<std::string>& args,
     fs::remove(outFile);
     fs::remove(errFile);
     return result;
+}
+
+// The host part of the staging folders' names, as the program writes it.
+std::string hostTag()
+{
+    char name[256] = {};
+    gethostname(name, sizeof name - 1);
+    std::string tag;
+    for (const char* c = name; *c && tag.size() < 32; ++c)
+        tag += std::isalnum(static_cast<unsigned char>(*c)) || *c == '.' ? *c : '_';
+    return tag;
+}
+
+// A process id that no process has: that of a child that has ended and been reaped.
+pid_t deadPid()
+{
+    const pid_t pid = fork();
+    if (pid == 0)
+        _exit(0);
+    waitpid(pid, nullptr, 0);
+    return pid;
 }
 
 class Qygeom : public ::testing::Test
@@ -194,7 +288,7 @@ TEST_F(Qygeom, ACancelledFlattenLeavesNoFileBehind)
         qyGeom::meshWriteObj(qyTest::makeHemisphere(150, 400), (dir / "big.obj").string().c_str()));
     // The welding of the working copy prints its header line when flattening has begun.
     const Outcome r = run(dir, {"--verbose", "flatten", "big.obj", "out.obj", "--svg", "out.svg"},
-                          "meshCompact:");
+                          interruptWhenStderrHas("meshCompact:"));
     EXPECT_EQ(r.status, 130) << r.err;
     EXPECT_NE(r.err.find("cancelled"), std::string::npos) << r.err;
     EXPECT_EQ(files(), (std::vector<std::string>{"big.obj"}));
@@ -262,6 +356,232 @@ TEST_F(Qygeom, ConvertWeldAndCurvatureRoundTripThroughBothFormats)
     r = run(dir, {"flatten", "--help"});
     EXPECT_EQ(r.status, 0);
     EXPECT_NE(r.out.find("--no-cut"), std::string::npos);
+}
+
+TEST_F(Qygeom, AFailedWriteKeepsTheOldOutputAndSaysWhy)
+{
+    // Every output is larger than the file size limit of the runs below, so each write fails
+    // part way (EFBIG, as ENOSPC on a full disk). The old outputs must stay as they were,
+    // byte for byte, with one error line naming the file and the reason, and no litter.
+    ASSERT_TRUE(
+        qyGeom::meshWriteObj(qyTest::makeHemisphere(30, 60), (dir / "cap.obj").string().c_str()));
+    const std::string old = "old output\n";
+    struct Case
+    {
+        std::vector<std::string> args;
+        std::string failing; // the output whose write fails
+        std::vector<std::string> outputs;
+    };
+    const std::vector<Case> cases = {
+        {{"convert", "cap.obj", "out.obj"}, "out.obj", {"out.obj"}},
+        {{"convert", "cap.obj", "out.qym"}, "out.qym", {"out.qym"}},
+        {{"weld", "cap.obj", "out.obj"}, "out.obj", {"out.obj"}},
+        {{"normals", "cap.obj", "out.obj"}, "out.obj", {"out.obj"}},
+        {{"flatten", "cap.obj", "flat.obj"}, "flat.obj", {"flat.obj", "flat.mtl"}},
+        {{"flatten", "cap.obj", "flat.obj", "--svg", "flat.svg"},
+         "flat.svg",
+         {"flat.obj", "flat.mtl", "flat.svg"}},
+        {{"curvature", "cap.obj", "--kind", "mean", "--csv", "k.csv"}, "k.csv", {"k.csv"}},
+    };
+    for (const Case& c : cases)
+    {
+        SCOPED_TRACE(c.args[0] + " " + c.failing);
+        for (const std::string& name : c.outputs)
+            std::ofstream(dir / name, std::ios::binary) << old;
+        const std::vector<std::string> before = files();
+        const Outcome r = run(dir, c.args, fileSizeLimit(64 * 1024));
+        EXPECT_EQ(r.status, 1) << r.out;
+        EXPECT_EQ(r.err,
+                  "qygeom " + c.args[0] + ": cannot write '" + c.failing + "': File too large\n");
+        EXPECT_EQ(r.out.find("wrote"), std::string::npos) << r.out;
+        for (const std::string& name : c.outputs)
+            EXPECT_TRUE(slurp(dir / name) == old) << name;
+        EXPECT_EQ(files(), before);
+    }
+    // Without the limit the same command replaces the old file.
+    const Outcome r = run(dir, {"convert", "cap.obj", "out.obj"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_TRUE(slurp(dir / "out.obj") == slurp(dir / "cap.obj"));
+}
+
+TEST_F(Qygeom, ASignalBeforeTheCommitWritesNothingAndOneAfterItIsIgnored)
+{
+    ASSERT_TRUE(
+        qyGeom::meshWriteObj(qyTest::makeHemisphere(12, 32), (dir / "cap.obj").string().c_str()));
+    const std::string old = "old output\n";
+    for (const char* command : {"convert", "weld", "normals"})
+    {
+        SCOPED_TRACE(command);
+        struct Case
+        {
+            std::string signals; // QYGEOM_TEST_SIGNALS
+            int status;
+            std::string err;
+        };
+        // Before the commit: one signal cancels (130, SIGTERM too); a second one ends the
+        // program by that signal (128 + SIGINT or SIGTERM), silently. Past the point of no
+        // return the command succeeds whatever arrives.
+        const std::string cancelled =
+            std::string("qygeom ") + command + ": cancelled; no output written\n";
+        for (const Case& c :
+             {Case{"written:INT", 130, cancelled}, Case{"written:TERM", 130, cancelled},
+              Case{"written:INT,INT", 128 + SIGINT, ""},
+              Case{"written:TERM,TERM", 128 + SIGTERM, ""},
+              Case{"written:INT,TERM", 128 + SIGTERM, ""}, Case{"committing:INT,TERM", 0, ""},
+              Case{"committed:INT,INT", 0, ""}})
+        {
+            SCOPED_TRACE(c.signals);
+            std::ofstream(dir / "out.obj", std::ios::binary) << old;
+            const Outcome r = run(dir, {command, "cap.obj", "out.obj"}, testSignals(c.signals));
+            EXPECT_EQ(r.status, c.status) << r.err;
+            EXPECT_EQ(r.err, c.err);
+            EXPECT_EQ(files(), (std::vector<std::string>{"cap.obj", "out.obj"}));
+            if (c.status == 0)
+            {
+                EXPECT_TRUE(slurp(dir / "out.obj") != old);
+                EXPECT_NE(r.out.find("wrote out.obj"), std::string::npos) << r.out;
+            }
+            else
+            {
+                EXPECT_TRUE(slurp(dir / "out.obj") == old);
+                EXPECT_EQ(r.out, "");
+            }
+        }
+    }
+}
+
+TEST_F(Qygeom, CtrlCWhileTheOutputIsWrittenCancelsIt)
+{
+    // A real signal, sent while the staging folder exists: the write runs on, but the file
+    // never replaces the old one.
+    ASSERT_TRUE(
+        qyGeom::meshWriteObj(qyTest::makeGrid(500, 500), (dir / "big.obj").string().c_str()));
+    const std::string old = "old output\n";
+    for (const int signal : {SIGINT, SIGTERM})
+    {
+        std::ofstream(dir / "out.obj", std::ios::binary) << old;
+        const Outcome r = run(dir, {"convert", "big.obj", "out.obj"}, signalWhileWriting(signal));
+        EXPECT_EQ(r.status, 130) << r.out << r.err;
+        EXPECT_EQ(r.err, "qygeom convert: cancelled; no output written\n");
+        EXPECT_TRUE(slurp(dir / "out.obj") == old);
+        EXPECT_EQ(files(), (std::vector<std::string>{"big.obj", "out.obj"}));
+    }
+}
+
+TEST_F(Qygeom, AKilledRunLeavesLitterThatTheNextRunRemoves)
+{
+    ASSERT_TRUE(
+        qyGeom::meshWriteObj(qyTest::makeGrid(500, 500), (dir / "big.obj").string().c_str()));
+    ASSERT_TRUE(
+        qyGeom::meshWriteObj(qyTest::makeIcosphere(1), (dir / "small.obj").string().c_str()));
+    // A run killed while writing leaves its hidden folder with a partial file; the next run
+    // removes it, so that repeated kills leave only the last one's.
+    for (int i = 0; i < 3; ++i)
+    {
+        const Outcome r = run(dir, {"convert", "big.obj", "out.obj"}, signalWhileWriting(SIGKILL));
+        EXPECT_EQ(r.status, 128 + SIGKILL);
+        EXPECT_EQ(stagingFolders(dir).size(), 1u);
+    }
+    // Folders that are not a dead run's of this host stay: this (live) process's, another
+    // host's, and names not of the program's form.
+    const std::string host = hostTag();
+    const std::vector<std::string> kept = {
+        ".qygeom-" + std::to_string(getpid()) + "-" + host + "-aaaaaa",
+        ".qygeom-" + std::to_string(deadPid()) + "-other" + host + "-bbbbbb", ".qygeom-cccccc"};
+    for (const std::string& name : kept)
+    {
+        fs::create_directory(dir / name);
+        std::ofstream(dir / name / "part.obj") << "v 0 0 0\n";
+    }
+    const std::string stale = ".qygeom-" + std::to_string(deadPid()) + "-" + host + "-dddddd";
+    fs::create_directory(dir / stale);
+    std::ofstream(dir / stale / "part.obj") << "v 0 0 0\n";
+
+    const Outcome r = run(dir, {"convert", "small.obj", "out.obj"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    std::vector<std::string> want = {"big.obj", "out.obj", "small.obj"};
+    want.insert(want.end(), kept.begin(), kept.end());
+    std::sort(want.begin(), want.end());
+    EXPECT_EQ(files(), want);
+}
+
+TEST_F(Qygeom, LinksAreWrittenThroughDevicesAndFifosDirectlyOtherKindsRefused)
+{
+    ASSERT_TRUE(
+        qyGeom::meshWriteObj(qyTest::makeIcosphere(2), (dir / "ball.obj").string().c_str()));
+    const std::string old = "old output\n";
+
+    // A link to a regular file: the link stays, its target gets the new text.
+    fs::create_directory(dir / "real");
+    std::ofstream(dir / "real" / "target.obj") << old;
+    fs::create_symlink("real/target.obj", dir / "link.obj");
+    Outcome r = run(dir, {"convert", "ball.obj", "link.obj"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_TRUE(fs::is_symlink(dir / "link.obj"));
+    EXPECT_TRUE(slurp(dir / "real" / "target.obj") == slurp(dir / "ball.obj"));
+    EXPECT_EQ(fs::directory_iterator(dir / "real")->path().filename(), "target.obj");
+
+    // A FIFO gets the CSV directly and stays a FIFO (the CSV is smaller than a pipe's buffer,
+    // so the program does not wait for this reader).
+    ASSERT_EQ(mkfifo((dir / "pipe.csv").c_str(), 0644), 0);
+    const int reader = open((dir / "pipe.csv").c_str(), O_RDONLY | O_NONBLOCK);
+    ASSERT_GE(reader, 0);
+    r = run(dir, {"curvature", "ball.obj", "--kind", "mean", "--csv", "pipe.csv"});
+    std::string piped(1 << 16, '\0');
+    const ssize_t n = read(reader, piped.data(), piped.size());
+    close(reader);
+    ASSERT_EQ(r.status, 0) << r.err;
+    ASSERT_TRUE(fs::is_fifo(dir / "pipe.csv"));
+    piped.resize(std::size_t(std::max<ssize_t>(n, 0)));
+    EXPECT_EQ(piped.rfind("vertex,x,y,z,mean\n", 0), 0u);
+    EXPECT_EQ(std::count(piped.begin(), piped.end(), '\n'), 163);
+
+    // A mesh with a material library is always staged: a FIFO there is refused, as are a
+    // link to nothing; nothing is created.
+    fs::remove(dir / "pipe.csv");
+    ASSERT_EQ(mkfifo((dir / "pipe.obj").c_str(), 0644), 0);
+    r = run(dir, {"flatten", "ball.obj", "pipe.obj"});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.err, "qygeom flatten: cannot write 'pipe.obj': it is not a regular file\n");
+    EXPECT_TRUE(fs::is_fifo(dir / "pipe.obj"));
+    fs::create_symlink("missing.obj", dir / "dangling.obj");
+    r = run(dir, {"convert", "ball.obj", "dangling.obj"});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.err, "qygeom convert: cannot write 'dangling.obj': it is a symbolic link to a "
+                     "missing file\n");
+    EXPECT_FALSE(fs::exists(dir / "missing.obj"));
+
+    // /dev/stdout names the file that standard output goes to: the CSV goes through that
+    // stream, before the report, and /dev is left alone.
+    r = run(dir, {"curvature", "ball.obj", "--kind", "gaussian", "--csv", "/dev/stdout"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.out.rfind("vertex,x,y,z,gaussian\n", 0), 0u) << r.out.substr(0, 200);
+    EXPECT_NE(r.out.find("\ngaussian curvature at 162 vertices\n"), std::string::npos);
+    EXPECT_TRUE(fs::is_symlink("/dev/stdout"));
+    r = run(dir, {"flatten", "ball.obj", "flat.obj", "--svg", "/dev/null"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_TRUE(fs::is_character_file("/dev/null"));
+    EXPECT_EQ(slurp("/dev/null"), "");
+    r = run(dir, {"curvature", "ball.obj", "--kind", "mean", "--csv", "/dev/qygeom-test.csv"});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.err, "qygeom curvature: cannot write '/dev/qygeom-test.csv': in /dev only "
+                     "devices are written\n");
+    EXPECT_FALSE(fs::exists("/dev/qygeom-test.csv"));
+    for (const auto& e : fs::directory_iterator("/dev"))
+        EXPECT_FALSE(e.path().filename().string().starts_with(".qygeom-")) << e.path();
+}
+
+TEST_F(Qygeom, InfoCountsTrianglesWithoutAreaAsDegenerate)
+{
+    // Triangle 2 has three distinct corners on one line; triangle 3 names vertex 5, at the
+    // place of vertex 1, so welding gives it a repeated corner.
+    std::ofstream(dir / "flat.obj") << "v 0 0 0\nv 1 0 0\nv 2 0 0\nv 0 1 0\nv 0 0 0\n"
+                                       "f 1 2 4\nf 1 2 3\nf 1 4 5\n";
+    const Outcome r = run(dir, {"info", "flat.obj"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_NE(r.out.find("  degenerate triangles: 2 (repeated corner or no area)\n"),
+              std::string::npos)
+        << r.out;
 }
 
 } // namespace

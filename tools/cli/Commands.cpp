@@ -39,15 +39,6 @@ using qyGeom::CompactMesh;
 namespace
 {
 
-// Exit status of a run that the user cancelled with Ctrl-C (128 + SIGINT, as shells report).
-constexpr int cancelledStatus = 130;
-
-void requireNotCancelled()
-{
-    if (interrupted())
-        throw Failure("cancelled; no output written", cancelledStatus);
-}
-
 // ---------------------------------------------------------------------------------------
 // Mesh statistics for info and the demo
 
@@ -119,9 +110,17 @@ Topology measure(CompactMesh& mesh)
     const float* v = mesh.getVerticesRaw();
     for (int t = 0; t < topo.triangles; ++t)
     {
+        // A repeated corner, or three corners on one line (or on one point): the two edges
+        // from the first corner are parallel, which a zero cross product also says.
         const int* c = tris + 3 * t;
-        const qyLinear::Normal n = qyGeom::meshTriNormal(v, c);
-        topo.degenerate += (c[0] == c[1] || c[1] == c[2] || c[2] == c[0] || !n.isValid());
+        auto corner = [&](int k)
+        {
+            const float* p = v + 3 * std::ptrdiff_t(c[k]);
+            return qyLinear::Point(p[0], p[1], p[2]);
+        };
+        const qyLinear::Point a = corner(0);
+        topo.degenerate += c[0] == c[1] || c[1] == c[2] || c[2] == c[0] ||
+                           qyLinear::isParallel(corner(1) - a, corner(2) - a);
     }
     topo.oriented = qyGeom::meshOriented(mesh, *adjTris);
     // The search selects duplicates and triangles that name a vertex twice; count the former.
@@ -154,7 +153,7 @@ void printTopology(const Topology& t)
     else
         std::printf("  genus:               undefined (non-manifold edges)\n");
     std::printf("  consistently oriented: %s\n", t.oriented ? "yes" : "no");
-    std::printf("  degenerate triangles: %d\n", t.degenerate);
+    std::printf("  degenerate triangles: %d (repeated corner or no area)\n", t.degenerate);
     std::printf("  duplicate triangles: %d\n", t.duplicates);
 }
 
@@ -298,14 +297,14 @@ int runDemo(Args& args)
     flatten(mesh, true, true);
 
     const std::string objPath = "demo.obj", svgPath = "demo-uv.svg";
-    writeObjWithMaterial(mesh, objPath);
+    OutputFiles outputs;
+    writeObjWithMaterial(mesh, objPath, outputs);
     UvLayoutStats stats;
-    {
-        OutputFiles outputs;
-        if (!writeUvSvg(mesh, outputs.stage(svgPath), stats))
-            throw Failure(format("cannot write '%s'", svgPath.c_str()));
-        outputs.commit();
-    }
+    TextFile svg = outputs.openText(svgPath);
+    if (!writeUvSvg(mesh, svg.get(), stats))
+        throw Failure("the flattened mesh has no UVs");
+    svg.close();
+    outputs.commit();
     reportLayout(stats);
     std::printf("5. Wrote %s and demo.mtl (mesh with UVs and its material), and %s (the UV "
                 "layout).\n",
@@ -412,7 +411,9 @@ int transformFile(Args& args, bool objOnly, const char* objOnlyMessage, Transfor
     readMesh(in, mesh);
     const std::string report = transform(mesh);
     requireNotCancelled();
-    writeMesh(mesh, out);
+    OutputFiles outputs;
+    writeMesh(mesh, out, outputs);
+    outputs.commit();
     std::printf("%s; wrote %s\n", report.c_str(), out.c_str());
     return 0;
 }
@@ -473,10 +474,15 @@ int runFlatten(Args& args)
     // Both outputs appear together or not at all.
     OutputFiles outputs;
     UvLayoutStats stats = measureUvLayout(mesh);
-    if (!svg.empty() && !writeUvSvg(mesh, outputs.stage(svg), stats))
-        throw Failure(format("cannot write '%s'", svg.c_str()));
+    if (!svg.empty())
+    {
+        TextFile picture = outputs.openText(svg);
+        if (!writeUvSvg(mesh, picture.get(), stats))
+            throw Failure("the flattened mesh has no UVs");
+        picture.close();
+    }
     requireNotCancelled();
-    writeObjWithMaterial(mesh, out);
+    writeObjWithMaterial(mesh, out, outputs);
     outputs.commit();
     std::printf("flattened %d vertices, %d triangles; wrote %s", mesh.getNumVertices(),
                 mesh.getNumTriangles(), out.c_str());
@@ -528,18 +534,14 @@ int runCurvature(Args& args)
     if (!csv.empty())
     {
         OutputFiles outputs;
-        const std::string temporary = outputs.stage(csv);
-        std::FILE* f = std::fopen(temporary.c_str(), "w");
-        if (!f)
-            throw Failure(format("cannot write '%s'", csv.c_str()));
+        TextFile file = outputs.openText(csv);
+        std::FILE* f = file.get();
         std::fprintf(f, "vertex,x,y,z,%s\n", kindName.c_str());
         const qyGeom::MeshVertex* v = mesh.getVertices();
         for (int i = 0; i < mesh.getNumVertices(); ++i)
             std::fprintf(f, "%d,%.9g,%.9g,%.9g,%.9g\n", i, v[i].x, v[i].y, v[i].z,
                          double(values[std::size_t(i)]));
-        const bool ok = std::ferror(f) == 0;
-        if (std::fclose(f) != 0 || !ok)
-            throw Failure(format("cannot write '%s'", csv.c_str()));
+        file.close();
         outputs.commit();
     }
 
@@ -582,7 +584,8 @@ const Command g_commands[] = {
      "Reads FILE (.obj or .qym) and prints its vertex, triangle and polygon counts, its\n"
      "bounding box, and the topology of the welded surface: edges, components, boundary\n"
      "loops, Euler characteristic and genus, whether the triangles are consistently\n"
-     "oriented, degenerate triangles; for OBJ also texture charts and materials.\n",
+     "oriented, degenerate triangles (a repeated corner or no area); for OBJ also texture\n"
+     "charts and materials.\n",
      runInfo},
     {"check", "FILE", "parse an OBJ file strictly; report the first error and its line",
      "Exit status 0 when FILE is valid OBJ; otherwise the error, with its line number, on\n"

@@ -3,7 +3,7 @@
 #include <filesystem>
 #include <system_error>
 
-#include "Cli.h"
+#include "base/AppOutput.h"
 #include "base/Color.h"
 #include "model/MeshSubset.h"
 #include "qyGeom/meshReadObj.h"
@@ -50,32 +50,60 @@ void readMesh(const std::string& path, qyGeom::CompactMesh& mesh)
     mesh.swap(loaded);
 }
 
-void writeMesh(const qyGeom::CompactMesh& mesh, const std::string& path)
+namespace
 {
-    const MeshFormat kind = formatOf(path);
-    OutputFiles outputs;
-    const std::string temporary = outputs.stage(path);
-    if (kind == MeshFormat::Obj)
-    {
-        if (!qyGeom::meshWriteObj(mesh, qyOS::Filename(temporary.c_str())))
-            throw Failure(format("cannot write '%s'", path.c_str()));
-    }
-    else
-    {
-        qyGeom::meshWrite(mesh, qyOS::Filename(temporary.c_str()));
-        std::error_code ec;
-        if (!fs::exists(temporary, ec))
-            throw Failure(format("cannot write '%s'", path.c_str()));
-    }
-    outputs.commit();
+
+// Runs a checked library writer; when it fails, fails with the reason that it gave on the
+// application output ("<function>: cannot write '<file>': <reason>"), naming the file by its
+// final name.
+template <class Write>
+void writeChecked(const std::string& path, const OutputFiles& outputs, Write write)
+{
+    std::string message;
+    qyOS::AppOutput& output = qyOS::AppOutput::getInstance();
+    const qyOS::AppOutput::Sink previous = output.setSink(
+        [&](qyOS::AppOutput::Kind kind, const char* text)
+        {
+            if (kind == qyOS::AppOutput::ErrorMessage)
+                message = text;
+            else
+                std::fputs(text, stderr);
+        });
+    const bool ok = write();
+    output.setSink(previous);
+    if (ok)
+        return;
+    const std::string marker = "cannot write '";
+    const std::size_t start = message.find(marker);
+    const std::size_t end = message.rfind("': ");
+    if (start == std::string::npos || end == std::string::npos || end < start)
+        throw Failure(format("cannot write '%s'", path.c_str()));
+    const std::string file = message.substr(start + marker.size(), end - start - marker.size());
+    std::string reason = message.substr(end + 3);
+    while (!reason.empty() && reason.back() == '\n')
+        reason.pop_back();
+    throw Failure(
+        format("cannot write '%s': %s", outputs.finalNameOf(file).c_str(), reason.c_str()));
 }
 
-void writeObjWithMaterial(const qyGeom::CompactMesh& mesh, const std::string& path)
+} // namespace
+
+void writeMesh(const qyGeom::CompactMesh& mesh, const std::string& path, OutputFiles& outputs)
+{
+    const MeshFormat kind = formatOf(path);
+    const qyOS::Filename file(outputs.stage(path, OutputFiles::Direct::Allow).c_str());
+    if (kind == MeshFormat::Obj)
+        writeChecked(path, outputs, [&] { return qyGeom::meshWriteObjChecked(mesh, file); });
+    else
+        writeChecked(path, outputs, [&] { return qyGeom::meshWriteChecked(mesh, file); });
+}
+
+void writeObjWithMaterial(const qyGeom::CompactMesh& mesh, const std::string& path,
+                          OutputFiles& outputs)
 {
     if (formatOf(path) != MeshFormat::Obj)
         usageError(format("'%s': a mesh with a material is written as OBJ (.obj)", path.c_str()));
-    OutputFiles outputs;
-    const std::string temporary = outputs.stage(path);
+    const qyOS::Filename file(outputs.stage(path).c_str());
     // One subset of every triangle, under one light grey material.
     std::vector<int> triangles(std::size_t(mesh.getNumTriangles()));
     for (int t = 0; t < mesh.getNumTriangles(); ++t)
@@ -83,9 +111,8 @@ void writeObjWithMaterial(const qyGeom::CompactMesh& mesh, const std::string& pa
     qy::list<qy::Reference<qyGeom::MeshSubset>> subsets;
     subsets.emplace_back(new qyGeom::MeshSubset({}, std::move(triangles)));
     const qy::list<qyUtil::Color> colours{qyUtil::Color(0.8f, 0.8f, 0.8f)};
-    if (!qyGeom::meshWriteObj(mesh, subsets, colours, qyOS::Filename(temporary.c_str())))
-        throw Failure(format("cannot write '%s'", path.c_str()));
-    outputs.commit();
+    writeChecked(path, outputs,
+                 [&] { return qyGeom::meshWriteObjChecked(mesh, subsets, colours, file); });
 }
 
 } // namespace qyCli

@@ -4,6 +4,7 @@
 
 #include <string>
 
+#include "Cli.h"
 #include "model/CompactMesh.h"
 
 namespace qyCli
@@ -22,12 +23,14 @@ MeshFormat formatOf(const std::string& path);
 /// when the file is missing, unreadable, or holds no triangle.
 void readMesh(const std::string& path, qyGeom::CompactMesh& mesh);
 
-/// Writes `mesh` to `path` through a temporary file that replaces `path` only when the
-/// whole file was written. In OBJ, normals and UVs the mesh carries are written too.
-void writeMesh(const qyGeom::CompactMesh& mesh, const std::string& path);
+/// Writes `mesh` for `path` through `outputs` (staged; a character device or FIFO directly),
+/// to appear at `path` when the caller commits. In OBJ, normals and UVs the mesh carries are
+/// written too. Fails with the reason when a write fails (a full disk, a file size limit).
+void writeMesh(const qyGeom::CompactMesh& mesh, const std::string& path, OutputFiles& outputs);
 
 /// Writes an OBJ file with one material (and its library beside it: the OBJ file's name
-/// with ".mtl"), through temporary files.
-void writeObjWithMaterial(const qyGeom::CompactMesh& mesh, const std::string& path);
+/// with ".mtl") through `outputs`, to appear when the caller commits.
+void writeObjWithMaterial(const qyGeom::CompactMesh& mesh, const std::string& path,
+                          OutputFiles& outputs);
 
 } // namespace qyCli

@@ -1,7 +1,6 @@
 #include "Svg.h"
 
 #include <cstdio>
-#include <memory>
 #include <vector>
 
 namespace qyCli
@@ -68,17 +67,12 @@ UvLayoutStats measureUvLayout(const qyGeom::CompactMesh& mesh)
     return stats;
 }
 
-bool writeUvSvg(const qyGeom::CompactMesh& mesh, const std::string& path, UvLayoutStats& stats)
+bool writeUvSvg(const qyGeom::CompactMesh& mesh, std::FILE* f, UvLayoutStats& stats)
 {
     stats = {};
     const qyGeom::MeshUV* uv = mesh.getUVs();
     if (!uv)
         return false;
-    std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(path.c_str(), "w"),
-                                                         std::fclose);
-    if (!file)
-        return false;
-    std::FILE* f = file.get();
     // 1000 user units for the unit square, v pointing up as in texture space.
     constexpr double size = 1000.0, margin = 20.0;
     std::fprintf(f,
@@ -113,7 +107,7 @@ bool writeUvSvg(const qyGeom::CompactMesh& mesh, const std::string& path, UvLayo
                    f);
     }
     std::fputs("</g>\n</svg>\n", f);
-    return std::ferror(f) == 0;
+    return true;
 }
 
 } // namespace qyCli

@@ -1,7 +1,7 @@
 // The UV layout of a mesh drawn as an SVG picture.
 #pragma once
 
-#include <string>
+#include <cstdio>
 
 #include "model/CompactMesh.h"
 
@@ -20,8 +20,9 @@ struct UvLayoutStats
 /// layout's orientation; triangles of the other sign are flipped.
 UvLayoutStats measureUvLayout(const qyGeom::CompactMesh& mesh);
 
-/// Writes the unit square and one polygon per triangle (flipped ones in red) to `path`.
-/// The mesh must have UVs. Returns false when the file cannot be written.
-bool writeUvSvg(const qyGeom::CompactMesh& mesh, const std::string& path, UvLayoutStats& stats);
+/// Writes the unit square and one polygon per triangle (flipped ones in red) to `file`.
+/// Returns false, writing nothing, when the mesh has no UVs; the caller checks the writes
+/// when it closes the file.
+bool writeUvSvg(const qyGeom::CompactMesh& mesh, std::FILE* file, UvLayoutStats& stats);
 
 } // namespace qyCli
