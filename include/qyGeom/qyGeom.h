@@ -48,6 +48,7 @@
 #include "qyGeom/meshCurvature.h"
 #include "qyGeom/meshDuplicateTris.h"
 #include "qyGeom/meshOctree.h"
+#include "qyGeom/meshTriangulatePolygons.h"
 #include "qyGeom/meshReadObj.h"
 #include "qyGeom/meshReadObjMaterial.h"
 #include "qyGeom/meshWriteObj.h"
