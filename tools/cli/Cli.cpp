@@ -486,7 +486,9 @@ std::string OutputFiles::stage(const std::string& finalPath, Direct direct)
         throw Failure(
             format("cannot write in '%s': %s", dir.string().c_str(), std::strerror(errno)));
     registerStagingFolder(pattern);
-    m_staging.push_back({pattern, dir.string(), target.filename().string(), finalPath});
+    const bool link = target != fs::path(finalPath);
+    m_staging.push_back({pattern, dir.string(), target.filename().string(), finalPath,
+                         (link ? dir : fs::path(finalPath).parent_path()).string()});
     return (fs::path(pattern) / target.filename()).string();
 }
 
@@ -510,7 +512,7 @@ std::string OutputFiles::finalNameOf(const std::string& temporaryPath) const
         if (temporary.parent_path() == fs::path(s.folder))
             return temporary.filename() == s.finalName
                        ? s.userName
-                       : (fs::path(s.userName).parent_path() / temporary.filename()).string();
+                       : (fs::path(s.shownDir) / temporary.filename()).string();
     return temporaryPath;
 }
 

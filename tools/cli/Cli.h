@@ -182,6 +182,7 @@ private:
         std::string finalDir;  // where its files go
         std::string finalName; // the staged file's final name (a link's target for a link)
         std::string userName;  // the name as the user gave it
+        std::string shownDir; // companions' directory in messages: the user's, or a link's target's
     };
     std::vector<Staging> m_staging;
     bool m_committed = false;
