@@ -277,7 +277,10 @@ TEST_F(Qygeom, FlattenDrawsOnePolygonPerTriangleAndRefusesToOverwriteItsInput)
         qyGeom::meshWriteObj(qyTest::makeIcosphere(2), (dir / "ball.obj").string().c_str()));
     r = run(dir, {"flatten", "--no-cut", "ball.obj", "ball-flat.obj"});
     EXPECT_EQ(r.status, 1);
-    EXPECT_NE(r.err.find("qygeom flatten: the mesh could not be flattened"), std::string::npos)
+    EXPECT_NE(r.err.find("qygeom flatten: the mesh could not be flattened without cutting it "
+                         "(try without --no-cut) (the surface is closed or has handles, and "
+                         "cutting is off)\n"),
+              std::string::npos)
         << r.err;
     EXPECT_FALSE(fs::exists(dir / "ball-flat.obj"));
 }

@@ -16,8 +16,6 @@
 #include <system_error>
 #include <unistd.h>
 
-#include "model/debugChannel.h"
-
 namespace qyCli
 {
 
@@ -577,47 +575,6 @@ void OutputFiles::commit()
         }
     }
     testHook("committed");
-}
-
-// ---------------------------------------------------------------------------------------
-// Statistics capture
-
-DebugCapture::DebugCapture() : m_wasEnabled(qyGeom::debugChannel().isEnabled())
-{
-    qyGeom::debugChannel().setSink(
-        [this](const char* text)
-        {
-            m_text += text;
-            if (m_wasEnabled)
-                std::fputs(text, stderr);
-        });
-    qyGeom::debugChannel().setEnabled(true);
-}
-
-DebugCapture::~DebugCapture()
-{
-    qyGeom::debugChannel().setEnabled(m_wasEnabled);
-    qyGeom::debugChannel().setSink([](const char* text) { std::fputs(text, stderr); });
-}
-
-std::string DebugCapture::lastLineStartingWith(std::initializer_list<const char*> prefixes) const
-{
-    std::string found;
-    std::size_t start = 0;
-    while (start < m_text.size())
-    {
-        std::size_t end = m_text.find('\n', start);
-        if (end == std::string::npos)
-            end = m_text.size();
-        const std::string line = m_text.substr(start, end - start);
-        for (const char* prefix : prefixes)
-            if (line.starts_with(prefix))
-                found = line;
-        start = end + 1;
-    }
-    while (!found.empty() && (found.back() == ' ' || found.back() == '\r'))
-        found.pop_back();
-    return found;
 }
 
 void refuseOverwritingInput(const std::string& input, const std::string& output)

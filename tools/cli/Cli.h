@@ -3,7 +3,6 @@
 #pragma once
 
 #include <cstdio>
-#include <initializer_list>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -186,24 +185,6 @@ private:
     };
     std::vector<Staging> m_staging;
     bool m_committed = false;
-};
-
-/// Switches the library's statistics channel on for its lifetime and keeps what it prints
-/// (passing it on to standard error as before when the user asked for it with --verbose).
-class DebugCapture
-{
-public:
-    DebugCapture();
-    ~DebugCapture();
-    DebugCapture(const DebugCapture&) = delete;
-    DebugCapture& operator=(const DebugCapture&) = delete;
-    /// The last captured line that starts with one of `prefixes`, without its line end and
-    /// trailing blanks; empty when none does.
-    std::string lastLineStartingWith(std::initializer_list<const char*> prefixes) const;
-
-private:
-    std::string m_text;
-    bool m_wasEnabled;
 };
 
 /// Fails when `output` names the same file as `input` (the input would be overwritten).

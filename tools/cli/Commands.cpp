@@ -227,20 +227,14 @@ void flatten(CompactMesh& mesh, bool cut, bool compact)
     // Welding again would close the seam just cut.
     flattener.enableMeshCompact(compact && cutEdges == 0);
     ProgressBar bar;
-    // The flattening states why it gave up on the statistics channel: keep its last word.
-    DebugCapture capture;
     const bool ok = flattener.flatten(bar);
     bar.finish();
     requireNotCancelled();
     if (!ok)
-    {
-        const std::string reason = capture.lastLineStartingWith(
-            {"getMeshGenus: boundary", "getMeshGenus: genus = ", "prepareMesh: compacting"});
         throw Failure(std::string(cut ? "the mesh could not be flattened"
                                       : "the mesh could not be flattened without cutting it "
                                         "(try without --no-cut)") +
-                      (reason.empty() ? "" : " (" + reason + ")"));
-    }
+                      " (" + flattener.failureReason() + ")");
 }
 
 void reportLayout(const UvLayoutStats& stats)
