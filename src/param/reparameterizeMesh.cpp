@@ -101,6 +101,16 @@ int firstNonFiniteCorner(const CompactMesh& m)
     return first;
 }
 
+// The power of two that scales the distance between the pinned points a and b (in the
+// layout's plane) to about 2^20; 1 when they coincide or lie at a non-finite distance.
+double solveUnit(const qyLinear::Point& a, const qyLinear::Point& b)
+{
+    const double distance = std::hypot(a.x - b.x, a.y - b.y);
+    if (!(distance > 0.0) || !std::isfinite(distance))
+        return 1.0;
+    return std::ldexp(1.0, 20 - std::ilogb(distance));
+}
+
 // Any unit vector orthogonal to d (d non-zero).
 qyLinear::Vector orthogonalTo(const qyLinear::Vector& d)
 {
@@ -681,6 +691,19 @@ int reparameterizeMesh::doCG(qy::vector<qyLinear::Point2>& uvs, int pin0, int pi
         cg.initIncompleteCholeskyPreconditioner();
     else
         cg.initDiagonalPreconditioner();
+    // The solver's breakdown guards are absolute floors on p.Ap and r.z, which shrink with
+    // the square of the layout's size: at the mesh's own size a large mesh stops long before
+    // its relative residual is small, and the layout folds. The matrix (cotangents and the
+    // area term) does not depend on the size, so the unknowns and the right-hand side are
+    // measured in a unit that makes the pinned pair about 2^20 apart. The factor is a power
+    // of two: every product and quotient of the solve is the exact scaled value, so only the
+    // floors move, and dividing the solution by it gives back the mesh's units exactly.
+    const double unit = solveUnit(points[std::size_t(pin0)], points[std::size_t(pin1)]);
+    for (int i = 0; i < n; ++i)
+    {
+        rhs[i] *= unit;
+        x0[i] *= unit;
+    }
     cg.initialize(rhs, x0);
     const int reportEvery = n > 100 ? n / 20 : 0;
     for (int step = 0; step < n; ++step)
@@ -721,7 +744,7 @@ int reparameterizeMesh::doCG(qy::vector<qyLinear::Point2>& uvs, int pin0, int pi
         if (f < 0)
             uvs.emplace_back(points[std::size_t(v)].x, points[std::size_t(v)].y);
         else
-            uvs.emplace_back(x[2 * f], x[2 * f + 1]);
+            uvs.emplace_back(x[2 * f] / unit, x[2 * f + 1] / unit);
     }
     child.set(1.0);
     return 0;

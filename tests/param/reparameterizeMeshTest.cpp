@@ -9,6 +9,7 @@
 
 #include "base/AppOutput.h"
 #include "base/Progress.h"
+#include "qyGeom/cutSurface.h"
 #include "testMeshes.h"
 
 using qyGeom::CompactMesh;
@@ -235,6 +236,39 @@ TEST(ReparameterizeMesh, HemisphereHasNoFlippedTriangleOnAnyThreadCount)
         EXPECT_NE(output.info().find("Parameterization   5.0% complete\n"), std::string::npos);
     }
     EXPECT_EQ(uvs[0], uvs[1]);
+}
+
+TEST(ReparameterizeMesh, TheLayoutDoesNotDependOnTheMeshSize)
+{
+    // The same surface at sizes a power of two apart: every step of the solve scales exactly,
+    // so the layouts must agree to the bit and the solve must run to the same residual. A
+    // solver whose stopping rule depends on the absolute size stops early on the small one.
+    const CompactMesh torus = qyTest::makeTorus(48, 16);
+    std::vector<float> reference;
+    for (int exponent : {0, -12, 12})
+    {
+        SCOPED_TRACE(exponent);
+        CompactMesh mesh = torus;
+        float* xyz = mesh.getVerticesRaw();
+        for (int i = 0; i < 3 * mesh.getNumVertices(); ++i)
+            xyz[i] = std::ldexp(xyz[i], exponent);
+        qyGeom::CutRegion region;
+        ASSERT_TRUE(qyGeom::cutSurface(mesh, region, true));
+        OutputCapture output;
+        reparameterizeMesh flattener(mesh);
+        flattener.enableMeshCompact(false);
+        ASSERT_TRUE(flattener.flatten());
+        EXPECT_NE(output.info().find("Parameterization: CG finished, code = 1\n"),
+                  std::string::npos)
+            << output.info();
+        EXPECT_EQ(countFlipped(mesh), 0);
+        const std::vector<float> uvs(mesh.getUVsRaw(),
+                                     mesh.getUVsRaw() + 2 * mesh.getNumVertices());
+        if (exponent == 0)
+            reference = uvs;
+        else
+            EXPECT_TRUE(uvs == reference);
+    }
 }
 
 TEST(ReparameterizeMesh, ClosedAndHigherGenusMeshes)
