@@ -9,8 +9,10 @@
 #include <cmath>
 #include <cstddef>
 #include <cstring>
+#include <utility>
 #include <vector>
 
+#include "base/AppOutput.h"
 #include "base/Linear.h"
 #include "base/Progress.h"
 #include "base/ThreadPool.h"
@@ -609,6 +611,115 @@ inline void runFlatten(const qyGeom::CompactMesh& mesh, bool compact, Record& re
 }
 
 // ---------------------------------------------------------------------------------------
+// Threaded paths
+
+// The weld and the adjacency builders share their work over the pool only from some 4096
+// vertices and 20000 triangles on, far more than a fuzz input of a few kilobytes holds.
+// Side-by-side copies of the mesh reach that size.
+constexpr int tiledTriangles = 20000;
+constexpr int maxTiledVertices = 30000;
+constexpr int tiledShare = 8;
+
+inline bool hasNaN(const float* values, std::size_t n)
+{
+    for (std::size_t i = 0; i < n; ++i)
+        if (std::isnan(values[i]))
+            return true;
+    return false;
+}
+
+// Copies of `input` one after another, vertices and their normals and UVs included, each
+// copy's triangles naming its own vertices.
+inline qyGeom::CompactMesh tile(const qyGeom::CompactMesh& input, int copies)
+{
+    const int nv = input.getNumVertices(), nt = input.getNumTriangles();
+    std::vector<qyGeom::MeshVertex> vertices;
+    std::vector<qyGeom::MeshNormal> normals;
+    std::vector<qyGeom::MeshUV> uvs;
+    std::vector<int> triangles;
+    for (int c = 0; c < copies; ++c)
+    {
+        vertices.insert(vertices.end(), input.getVertices(), input.getVertices() + nv);
+        if (input.getNormals())
+            normals.insert(normals.end(), input.getNormals(), input.getNormals() + nv);
+        if (input.getUVs())
+            uvs.insert(uvs.end(), input.getUVs(), input.getUVs() + nv);
+        for (std::ptrdiff_t k = 0; k < 3 * std::ptrdiff_t(nt); ++k)
+            triangles.push_back(input.getTrianglesRaw()[k] + c * nv);
+    }
+    qyGeom::CompactMesh mesh(int(vertices.size()), vertices.data(),
+                             input.getNormals() ? normals.data() : nullptr,
+                             input.getUVs() ? uvs.data() : nullptr);
+    mesh.setNormalsComputed(input.getNormalsComputed());
+    mesh.copyTriangles(copies * nt, triangles.data());
+    return mesh;
+}
+
+// Welds the copies, which must weld back into one copy (unless a key holds a NaN, which welds
+// with nothing, so that each copy keeps its own), and builds and checks the adjacency of the
+// copies side by side.
+inline void runTiled(const qyGeom::CompactMesh& input, const qyGeom::CompactMesh& welded,
+                     const qyGeom::Remap& weldRemap, int weldedTriAdjSize, Record& record)
+{
+    const int nv = input.getNumVertices(), nt = input.getNumTriangles();
+    if (nt == 0)
+        return;
+    // Tens of milliseconds per input: only one mesh in tiledShare, chosen by its counts, and
+    // none whose edges are shared by many triangles (the edge neighbour sets grow with the
+    // square of the sharers).
+    if ((7 * nv + nt) % tiledShare != 0 || weldedTriAdjSize > 4 * nt)
+        return;
+    const int copies = (tiledTriangles + nt - 1) / nt;
+    if (copies < 2 || std::ptrdiff_t(copies) * nv > maxTiledVertices)
+        return;
+    const qyGeom::CompactMesh tiled = tile(input, copies);
+
+    qyGeom::CompactMesh tiledWeld(tiled);
+    qyUtil::Progress progress;
+    qyGeom::Remap remap;
+    qyGeom::meshCompact(tiledWeld, progress, remap);
+    checkWeld(tiled, tiledWeld, remap);
+    record.addMesh(tiledWeld);
+    const WeldKey key(welded);
+    const std::size_t nw = std::size_t(welded.getNumVertices());
+    const bool anyNaN = hasNaN(key.positions, 3 * nw) ||
+                        (key.normals && hasNaN(key.normals, 3 * nw)) ||
+                        (key.uvs && hasNaN(key.uvs, 2 * nw));
+    if (!anyNaN)
+    {
+        // Every copy of a vertex lands where the first copy does; with a weld of the single
+        // mesh that renumbered, that is where the single weld put it.
+        QYFUZZ_CHECK(tiledWeld.getNumVertices() == welded.getNumVertices());
+        for (int c = 1; c < copies; ++c)
+            for (int i = 0; i < nv; ++i)
+                QYFUZZ_CHECK(remap(c * nv + i) == remap(i));
+        if (!weldRemap.isSequential())
+        {
+            for (int i = 0; i < nv; ++i)
+                QYFUZZ_CHECK(remap(i) == weldRemap(i));
+            QYFUZZ_CHECK(sameBytes(tiledWeld.getVerticesRaw(), welded.getVerticesRaw(),
+                                   sizeof(float) * 3 * nw));
+        }
+    }
+
+    qyGeom::MeshAdjTris adjTris;
+    qyGeom::meshAdjTris(tiled, adjTris);
+    checkAdjTris(tiled, adjTris);
+    record.addSets(adjTris.getSets());
+    qyGeom::MeshAdjVertices adjVertices;
+    qyGeom::meshAdjVertices(tiled, adjTris, adjVertices);
+    checkAdjVertices(tiled, adjTris, adjVertices);
+    qyGeom::MeshTriAdjTris triAdjTris;
+    qyGeom::meshTriAdjTris(tiled, triAdjTris);
+    checkTriAdjTris(tiled, adjTris, triAdjTris);
+    record.addSets(triAdjTris.getSets());
+    qyGeom::CompactMesh withNormals(tiled);
+    qyGeom::meshComputeNormals(withNormals);
+    checkNormals(withNormals, adjTris);
+    record.addMesh(withNormals);
+}
+
+// ---------------------------------------------------------------------------------------
 
 inline void runOnce(const qyGeom::CompactMesh& input, Record& record)
 {
@@ -650,6 +761,8 @@ inline void runOnce(const qyGeom::CompactMesh& input, Record& record)
         record.addMesh(withNormals);
     }
 
+    runTiled(input, mesh, remap, triAdjTris.getSets().getTotalSize(), record);
+
     const bool small = mesh.getNumTriangles() <= maxTrianglesForHeavySteps &&
                        mesh.getNumVertices() <= maxVerticesForHeavySteps;
     if (!small)
@@ -673,6 +786,9 @@ inline void runOnce(const qyGeom::CompactMesh& input, Record& record)
 /// @pre every triangle index of `mesh` lies inside its vertex array (the readers promise it)
 inline void runMeshPipeline(const qyGeom::CompactMesh& mesh)
 {
+    // The flattening's messages to the user would drown the fuzzer's own output.
+    qyOS::AppOutput& output = qyOS::AppOutput::getInstance();
+    qyOS::AppOutput::Sink previous = output.setSink([](qyOS::AppOutput::Kind, const char*) {});
     qyUtil::ThreadPool& pool = qyUtil::ThreadPool::get();
     pipeline::Record one, two;
     pool.setNumThreads(1);
@@ -680,6 +796,7 @@ inline void runMeshPipeline(const qyGeom::CompactMesh& mesh)
     pool.setNumThreads(2);
     pipeline::runOnce(mesh, two);
     QYFUZZ_CHECK(one == two);
+    output.setSink(std::move(previous));
 }
 
 } // namespace qyFuzz
