@@ -89,11 +89,13 @@ public:
     ///   Vertices" 0.025, "Creating Plane" 0.025, free index 0.025, "Filling Mesh Holes" 0.025,
     ///   "Solving" 0.75, "Applying to Mesh" 0.025; cancellation is polled after each step and
     ///   inside assembly and solve.
-    /// Debug channel: the genus lines, "- - - MeshReparameterize: genus = %d\n", the
-    ///   compaction check, and the solve's statistics: "doCG: %d unknowns, %d hole
-    ///   triangles\n", "  assembled %d entries: %f s\n", "  solved in %d steps, relative
-    ///   residual %g: %f s\n". Application output: the plane choice, the solver's progress and
-    ///   result, and "There must be a boundary for the disk, none found. No changes made.\n".
+    /// Debug channel: the solve's statistics: "doCG: %d unknowns, %d hole triangles\n",
+    ///   "  assembled %d entries: %f s\n", "  solved in %d steps, relative residual %g: %f
+    ///   s\n". Application output, as info lines: the genus lines ("getMeshGenus: ...",
+    ///   "- - - MeshReparameterize: genus = %d\n", "- - - MeshReparameterize: outerBoundary =
+    ///   %d\n"), the compaction check ("prepareMesh: ..."), the plane choice, the solver's
+    ///   progress and result; as an error line, "There must be a boundary for the disk, none
+    ///   found. No changes made.\n".
     /// Notifies: AttributesChanged with uvsModified.
     /// Cost: the solve dominates: at most 2V - 4 conjugate-gradient steps on 2V - 4 unknowns.
     bool flatten(qyUtil::Progress& progress);

@@ -210,7 +210,7 @@ bool reparameterizeMesh::flatten(qyUtil::Progress& progress)
     child.setCaption("Finding Mesh Boundaries");
     qy::vector<Boundary> boundaries;
     int genus = getMeshGenus(boundaries);
-    debugChannel().print("- - - MeshReparameterize: genus = %d\n", genus);
+    output.info("- - - MeshReparameterize: genus = %d\n", genus);
     if (genus < 0 || progress.cancelled())
         return fail();
     if (genus > 0 || boundaries.empty())
@@ -235,7 +235,7 @@ bool reparameterizeMesh::flatten(qyUtil::Progress& progress)
     if (outer < 0)
     {
         output.error("There must be a boundary for the disk, none found. No changes made.\n");
-        debugChannel().print("- - - MeshReparameterize: outerBoundary = %d\n", outer);
+        output.info("- - - MeshReparameterize: outerBoundary = %d\n", outer);
         return fail(FlattenStatus::NoOuterBoundary);
     }
     if (progress.cancelled())
@@ -292,10 +292,10 @@ void reparameterizeMesh::prepareMesh(qyUtil::Progress& progress, Remap& remap)
         return;
     const int original = countBoundaries(mesh);
     const int compacted = cache.getBoundaries(work)->size();
-    debugChannel().print("prepareMesh: numBoundaries o = %d, c = %d\n", original, compacted);
+    output.info("prepareMesh: numBoundaries o = %d, c = %d\n", original, compacted);
     if (original != compacted)
     {
-        debugChannel().print("prepareMesh: compacting changed topology, reverting\n");
+        output.info("prepareMesh: compacting changed topology, reverting\n");
         work = mesh;
         remap.resize(mesh.getNumVertices(), mesh.getNumVertices());
         remap.setSequential();
@@ -319,20 +319,19 @@ bool reparameterizeMesh::testDegenerate(int numTriangles, const int* triangles) 
 
 int reparameterizeMesh::getMeshGenus(qy::vector<Boundary>& boundaries)
 {
-    qyOS::DebugChannel& debug = debugChannel();
     const int numTriangles = work.getNumTriangles();
     if (testDegenerate(numTriangles, work.getTrianglesRaw()))
     {
-        debug.print("getMeshGenus: testDegenerate == true\n");
+        output.info("getMeshGenus: testDegenerate == true\n");
         setStatus(FlattenStatus::DegenerateTriangle);
         return -1;
     }
     const qy::Reference<MeshBoundaries> loops = cache.getBoundaries(work);
     const int numBoundaries = loops->size();
-    debug.print("getMeshGenus: numBoundaries %d \n", numBoundaries);
+    output.info("getMeshGenus: numBoundaries %d \n", numBoundaries);
     if (numBoundaries < 0)
     {
-        debug.print("getMeshGenus: numBoundaries < 0 \n");
+        output.info("getMeshGenus: numBoundaries < 0 \n");
         setStatus(FlattenStatus::ShortBoundary);
         return -1;
     }
@@ -341,26 +340,26 @@ int reparameterizeMesh::getMeshGenus(qy::vector<Boundary>& boundaries)
     {
         if (loops->getLength(b) < 3)
         {
-            debug.print("getMeshGenus: boundary length < 3 \n");
+            output.info("getMeshGenus: boundary length < 3 \n");
             setStatus(FlattenStatus::ShortBoundary);
             return -1;
         }
         boundaryEdges += loops->getLength(b);
     }
     const int numVertices = work.getNumVertices();
-    debug.print("getMeshGenus: numBoundaryEdges %d \n", boundaryEdges);
-    debug.print("getMeshGenus: numVertices %d \n", numVertices);
-    debug.print("getMeshGenus: numTriangles %d \n", numTriangles);
+    output.info("getMeshGenus: numBoundaryEdges %d \n", boundaryEdges);
+    output.info("getMeshGenus: numVertices %d \n", numVertices);
+    output.info("getMeshGenus: numTriangles %d \n", numTriangles);
     const int numEdges = (boundaryEdges + 3 * numTriangles) / 2;
-    debug.print("getMeshGenus: numEdges %d \n", numEdges);
+    output.info("getMeshGenus: numEdges %d \n", numEdges);
     const int chi = numBoundaries + numVertices + numTriangles - numEdges;
-    debug.print("getMeshGenus: chi = %d + %d + %d - %d = %d \n", numBoundaries, numVertices,
+    output.info("getMeshGenus: chi = %d + %d + %d - %d = %d \n", numBoundaries, numVertices,
                 numTriangles, numEdges, chi);
     const int genus = (2 - chi) / 2;
-    debug.print("getMeshGenus: genus = ( 2 - %d ) / 2 = %d \n", chi, genus);
+    output.info("getMeshGenus: genus = ( 2 - %d ) / 2 = %d \n", chi, genus);
     if (genus < 0)
     {
-        debug.print("getMeshGenus: genus = %d \n", genus);
+        output.info("getMeshGenus: genus = %d \n", genus);
         setStatus(FlattenStatus::SeveralPieces);
         return -1;
     }
