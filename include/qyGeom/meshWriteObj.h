@@ -73,6 +73,17 @@ QYGEOM_API void meshWrite(const CompactMesh& mesh, const qyOS::Filename& file);
 /// " %d" per corner (0-based in the order written), "\n".
 QYGEOM_API void meshWrite(TopoMesh& mesh, const qyOS::Filename& file);
 
+/// How the writers format numbers.
+struct MeshWriteOptions
+{
+    /// Significant digits of every coordinate, normal, texture coordinate and colour, written
+    /// as printf's "%.<digits>g" would. 0 keeps each writer's own format: 6 digits in OBJ (an
+    /// output stream's default) and 10 in the minimal format. 9 digits read back to the same
+    /// float32 for every finite value; fewer make smaller files that lose precision (6
+    /// digits turn 4100456.5 into 4.10046e+06). Values outside 1 to 17 count as 0.
+    int digits = 0;
+};
+
 /// The checked writers: the same files as meshWriteObj and meshWrite above, byte for byte,
 /// but every failure counts. They return false when the file cannot be opened, when a write
 /// fails (a full disk, a file size limit, an I/O error), when closing the file fails, when a
@@ -93,5 +104,22 @@ QYGEOM_API bool meshWriteObjChecked(const qy::list<qy::Reference<TopoMesh>>& mes
                                     const qyOS::Filename& file);
 QYGEOM_API bool meshWriteChecked(const CompactMesh& mesh, const qyOS::Filename& file);
 QYGEOM_API bool meshWriteChecked(TopoMesh& mesh, const qyOS::Filename& file);
+
+/// The checked writers with the number format of `options`; with default options each writes
+/// the same text as its form above.
+QYGEOM_API bool meshWriteObjChecked(const CompactMesh& mesh, const qyOS::Filename& file,
+                                    const MeshWriteOptions& options);
+QYGEOM_API bool meshWriteObjChecked(const CompactMesh& mesh,
+                                    const qy::list<qy::Reference<MeshSubset>>& subsets,
+                                    const qy::list<qyUtil::Color>& colors,
+                                    const qyOS::Filename& file, const MeshWriteOptions& options);
+QYGEOM_API bool meshWriteObjChecked(const TopoMesh& mesh, const qyOS::Filename& file,
+                                    const MeshWriteOptions& options);
+QYGEOM_API bool meshWriteObjChecked(const qy::list<qy::Reference<TopoMesh>>& meshes,
+                                    const qyOS::Filename& file, const MeshWriteOptions& options);
+QYGEOM_API bool meshWriteChecked(const CompactMesh& mesh, const qyOS::Filename& file,
+                                 const MeshWriteOptions& options);
+QYGEOM_API bool meshWriteChecked(TopoMesh& mesh, const qyOS::Filename& file,
+                                 const MeshWriteOptions& options);
 
 } // namespace qyGeom

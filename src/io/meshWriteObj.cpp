@@ -82,12 +82,24 @@ char* formatFloatG6(float value, char* out)
     return out + decimals;
 }
 
-/// An output stream's default float format: %g with 6 significant digits. Writes at most
-/// 16 bytes.
-char* formatFloat(float v, char* out)
+/// The most bytes that formatFloat writes: a sign, 17 digits, the point and "e-308".
+constexpr std::size_t maxFloatBytes = 32;
+
+/// MeshWriteOptions::digits as used: 0 (the writer's own format) or 1 to 17.
+int digitsOf(const MeshWriteOptions& options)
 {
+    return options.digits >= 1 && options.digits <= 17 ? options.digits : 0;
+}
+
+/// "%.<digits>g" of the value; with digits 0, an output stream's default float format (%g,
+/// 6 significant digits). Writes at most maxFloatBytes.
+char* formatFloat(float v, int digits, char* out)
+{
+    if (digits)
+        return std::to_chars(out, out + maxFloatBytes, v, std::chars_format::general, digits).ptr;
     char* end = formatFloatG6(v, out);
-    return end ? end : std::to_chars(out, out + 16, v, std::chars_format::general, 6).ptr;
+    return end ? end
+               : std::to_chars(out, out + maxFloatBytes, v, std::chars_format::general, 6).ptr;
 }
 
 /// Buffered text output to a file, with the number formats of the writers. The text is
@@ -97,7 +109,8 @@ char* formatFloat(float v, char* out)
 class TextOut
 {
 public:
-    explicit TextOut(const char* path) : m_file(std::fopen(path, "wb"))
+    /// `digits`: significant digits of the numbers written, 0 for each format's default.
+    TextOut(const char* path, int digits) : m_file(std::fopen(path, "wb")), m_digits(digits)
     {
         if (m_file)
             std::setvbuf(m_file, nullptr, _IONBF, 0);
@@ -149,12 +162,13 @@ public:
             flush();
         m_buffer[m_used++] = c;
     }
-    /// An output stream's default float format: %g with 6 significant digits.
+    /// An output stream's default float format (%g, 6 significant digits), or %.<digits>g.
     void putFloat(float v)
     {
         reserve(64);
-        m_used = std::size_t(formatFloat(v, m_buffer + m_used) - m_buffer);
+        m_used = std::size_t(formatFloat(v, m_digits, m_buffer + m_used) - m_buffer);
     }
+    int digits() const { return m_digits; }
     /// Room for n bytes (n at most the buffer's size) to be written at the pointer returned;
     /// commit() then takes what was written.
     char* room(std::size_t n)
@@ -163,8 +177,8 @@ public:
         return m_buffer + m_used;
     }
     void commit(const char* end) { m_used = std::size_t(end - m_buffer); }
-    /// %.10g of the value.
-    void putG10(double v) { putChars(v, 10); }
+    /// %.10g of the value, or %.<digits>g.
+    void putG10(double v) { putChars(v, m_digits ? m_digits : 10); }
     void putInt(long long v)
     {
         reserve(24);
@@ -202,6 +216,7 @@ private:
     }
 
     FILE* m_file;
+    int m_digits;
     int m_error = 0;
     std::size_t m_used = 0;
     char m_buffer[1 << 16];
@@ -211,7 +226,7 @@ private:
 class ObjWriter
 {
 public:
-    explicit ObjWriter(const qyOS::Filename& file) : m_out(file.c_str()), m_file(file) {}
+    ObjWriter(const qyOS::Filename& file, int digits) : m_out(file.c_str(), digits), m_file(file) {}
 
     bool isOpen() const { return m_out.isOpen(); }
 
@@ -340,7 +355,8 @@ private:
     void writeTuples(const char* prefix, const float* data, int n, int width)
     {
         const std::size_t prefixLength = std::strlen(prefix);
-        writeItems(n, 64,
+        const int digits = m_out.digits();
+        writeItems(n, 4 + std::size_t(width) * (maxFloatBytes + 1),
                    [=](int i, char* out)
                    {
                        std::memcpy(out, prefix, prefixLength);
@@ -349,7 +365,7 @@ private:
                        {
                            if (k)
                                *out++ = ' ';
-                           out = formatFloat(data[std::ptrdiff_t(i) * width + k], out);
+                           out = formatFloat(data[std::ptrdiff_t(i) * width + k], digits, out);
                        }
                        *out++ = '\n';
                        return out;
@@ -405,9 +421,10 @@ private:
 };
 
 /// Writes the material library; the errno of the failure, or 0.
-int writeMaterialLibrary(const qyOS::Filename& file, const qy::list<qyUtil::Color>& colors)
+int writeMaterialLibrary(const qyOS::Filename& file, const qy::list<qyUtil::Color>& colors,
+                         int digits)
 {
-    TextOut out(file.c_str());
+    TextOut out(file.c_str(), digits);
     if (!out.isOpen())
         return out.error();
     int k = 0;
@@ -449,9 +466,10 @@ struct Checking
 
 /// Opens an OBJ writer on `file`, runs `body` (false: a face names a vertex that was not
 /// written), closes the file and says whether the call succeeds under `check`.
-template <class Body> bool writeObjFile(const qyOS::Filename& file, Checking check, Body body)
+template <class Body>
+bool writeObjFile(const qyOS::Filename& file, Checking check, int digits, Body body)
 {
-    ObjWriter w(file);
+    ObjWriter w(file, digits);
     if (!w.isOpen())
         return check.failed(file, w.out().error());
     const bool complete = body(w);
@@ -463,9 +481,10 @@ template <class Body> bool writeObjFile(const qyOS::Filename& file, Checking che
     return complete || check.failed(file, "a face names a vertex that is not in the mesh");
 }
 
-bool writeCompactObj(const CompactMesh& mesh, const qyOS::Filename& file, Checking check)
+bool writeCompactObj(const CompactMesh& mesh, const qyOS::Filename& file, Checking check,
+                     int digits = 0)
 {
-    return writeObjFile(file, check,
+    return writeObjFile(file, check, digits,
                         [&](ObjWriter& w)
                         {
                             w.writeVertexData(mesh);
@@ -477,10 +496,10 @@ bool writeCompactObj(const CompactMesh& mesh, const qyOS::Filename& file, Checki
 
 bool writeSubsetsObj(const CompactMesh& mesh, const qy::list<qy::Reference<MeshSubset>>& subsets,
                      const qy::list<qyUtil::Color>& colors, const qyOS::Filename& file,
-                     Checking check)
+                     Checking check, int digits = 0)
 {
     qyOS::Filename library;
-    const bool written = writeObjFile(file, check,
+    const bool written = writeObjFile(file, check, digits,
                                       [&](ObjWriter& w)
                                       {
                                           library = w.materialFile();
@@ -504,14 +523,14 @@ bool writeSubsetsObj(const CompactMesh& mesh, const qy::list<qy::Reference<MeshS
     if (!written)
         return false;
     // The plain form keeps the OBJ file as its result whatever becomes of the library.
-    const int error = writeMaterialLibrary(library, colors);
+    const int error = writeMaterialLibrary(library, colors, digits);
     return error == 0 || !check.function || check.failed(library, error);
 }
 
 bool writeTopoObj(const qy::list<qy::Reference<TopoMesh>>& meshes, const qyOS::Filename& file,
-                  Checking check)
+                  Checking check, int digits = 0)
 {
-    return writeObjFile(file, check,
+    return writeObjFile(file, check, digits,
                         [&](ObjWriter& w)
                         {
                             for (const qy::Reference<TopoMesh>& m : meshes)
@@ -569,7 +588,7 @@ bool meshWriteObj(const CompactMesh& mesh, const qy::list<qy::Reference<MeshSubs
 
 bool meshWriteObj(const TopoMesh& mesh, const qyOS::Filename& file)
 {
-    return writeObjFile(file, {}, [&](ObjWriter& w) { return w.writeTopoMesh(mesh); });
+    return writeObjFile(file, {}, 0, [&](ObjWriter& w) { return w.writeTopoMesh(mesh); });
 }
 
 bool meshWriteObj(const qy::list<qy::Reference<TopoMesh>>& meshes, const qyOS::Filename& file)
@@ -591,8 +610,35 @@ bool meshWriteObjChecked(const CompactMesh& mesh,
 
 bool meshWriteObjChecked(const TopoMesh& mesh, const qyOS::Filename& file)
 {
-    return writeObjFile(file, {"meshWriteObjChecked"},
+    return writeObjFile(file, {"meshWriteObjChecked"}, 0,
                         [&](ObjWriter& w) { return w.writeTopoMesh(mesh); });
+}
+
+bool meshWriteObjChecked(const CompactMesh& mesh, const qyOS::Filename& file,
+                         const MeshWriteOptions& options)
+{
+    return writeCompactObj(mesh, file, {"meshWriteObjChecked"}, digitsOf(options));
+}
+
+bool meshWriteObjChecked(const CompactMesh& mesh,
+                         const qy::list<qy::Reference<MeshSubset>>& subsets,
+                         const qy::list<qyUtil::Color>& colors, const qyOS::Filename& file,
+                         const MeshWriteOptions& options)
+{
+    return writeSubsetsObj(mesh, subsets, colors, file, {"meshWriteObjChecked"}, digitsOf(options));
+}
+
+bool meshWriteObjChecked(const TopoMesh& mesh, const qyOS::Filename& file,
+                         const MeshWriteOptions& options)
+{
+    return writeObjFile(file, {"meshWriteObjChecked"}, digitsOf(options),
+                        [&](ObjWriter& w) { return w.writeTopoMesh(mesh); });
+}
+
+bool meshWriteObjChecked(const qy::list<qy::Reference<TopoMesh>>& meshes,
+                         const qyOS::Filename& file, const MeshWriteOptions& options)
+{
+    return writeTopoObj(meshes, file, {"meshWriteObjChecked"}, digitsOf(options));
 }
 
 bool meshWriteObjChecked(const qy::list<qy::Reference<TopoMesh>>& meshes,
@@ -682,9 +728,10 @@ void writeMinimal(const CompactMesh& mesh, TextOut& out)
 
 /// The minimal format of `mesh` into `file`; false (reported under `check`) when the file
 /// did not open, or, when checked, a write or the close failed.
-template <class Mesh> bool writeMinimalFile(Mesh& mesh, const qyOS::Filename& file, Checking check)
+template <class Mesh>
+bool writeMinimalFile(Mesh& mesh, const qyOS::Filename& file, Checking check, int digits = 0)
 {
-    TextOut out(file.c_str());
+    TextOut out(file.c_str(), digits);
     if (!out.isOpen())
         return check.failed(file, out.error());
     writeMinimal(mesh, out);
@@ -711,6 +758,17 @@ bool meshWriteChecked(TopoMesh& mesh, const qyOS::Filename& file)
 bool meshWriteChecked(const CompactMesh& mesh, const qyOS::Filename& file)
 {
     return writeMinimalFile(mesh, file, {"meshWriteChecked"});
+}
+
+bool meshWriteChecked(TopoMesh& mesh, const qyOS::Filename& file, const MeshWriteOptions& options)
+{
+    return writeMinimalFile(mesh, file, {"meshWriteChecked"}, digitsOf(options));
+}
+
+bool meshWriteChecked(const CompactMesh& mesh, const qyOS::Filename& file,
+                      const MeshWriteOptions& options)
+{
+    return writeMinimalFile(mesh, file, {"meshWriteChecked"}, digitsOf(options));
 }
 
 void meshRead(CompactMesh& mesh, const qyOS::Filename& file)

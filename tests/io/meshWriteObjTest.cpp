@@ -109,6 +109,73 @@ TEST(MeshWriteObj, NumbersAreWrittenAsPrintfG)
     EXPECT_EQ(text, want);
 }
 
+TEST(MeshWriteObjChecked, DigitsOptionWritesPrintfPrecisionAndNineDigitsReadBackExactly)
+{
+    // Survey coordinates lose their decimals and even whole metres at the default 6 digits.
+    const CompactMesh survey = qyTest::makeMesh({500123.25f, 4100456.5f, 12.125f, 500124.25f,
+                                                 4100456.5f, 12.5f, 500123.25f, 4100457.5f, 13},
+                                                {0, 1, 2});
+    const std::string path = (scratchDir() / "digits.obj").string();
+    ASSERT_TRUE(meshWriteObjChecked(survey, qyOS::Filename(path), MeshWriteOptions{9}));
+    EXPECT_EQ(readText(path), "v 500123.25 4100456.5 12.125\nv 500124.25 4100456.5 12.5\n"
+                              "v 500123.25 4100457.5 13\nf 1  2  3 \n");
+    CompactMesh back;
+    ASSERT_TRUE(meshReadObj(back, qyOS::Filename(path)));
+    EXPECT_EQ(vertices(back), vertices(survey));
+
+    // Default options (and digits outside 1 to 17) write what the plain writers write.
+    for (const int digits : {0, -3, 18})
+    {
+        ASSERT_TRUE(meshWriteObjChecked(survey, qyOS::Filename(path), MeshWriteOptions{digits}));
+        EXPECT_EQ(readText(path), writeObj(survey, "plain.obj")) << digits;
+    }
+
+    // Every writer takes the option: the minimal format, half-edge meshes, material colours.
+    ASSERT_TRUE(meshWriteChecked(survey, qyOS::Filename(path), MeshWriteOptions{4}));
+    EXPECT_EQ(readText(path), "3 1\n5.001e+05 4.1e+06 12.12\n5.001e+05 4.1e+06 12.5\n"
+                              "5.001e+05 4.1e+06 13\n3 0 1 2\n");
+    TopoMesh topo;
+    topo.allocVertex(0.1, 2.0 / 3, 1e-9);
+    ASSERT_TRUE(meshWriteObjChecked(topo, qyOS::Filename(path), MeshWriteOptions{3}));
+    EXPECT_EQ(readText(path), "v 0.1 0.667 1e-09\n");
+    const qy::list<qy::Reference<MeshSubset>> subsets{
+        qy::Reference<MeshSubset>(new MeshSubset({}, {0}))};
+    ASSERT_TRUE(meshWriteObjChecked(survey, subsets, {qyUtil::Color(1.0f / 3, 0.5f, 1)},
+                                    qyOS::Filename(path), MeshWriteOptions{2}));
+    EXPECT_NE(readText((scratchDir() / "digits.mtl").string()).find("\nKd 0.33 0.5 1\n"),
+              std::string::npos);
+
+    // Random bit patterns (NaN and infinities included), formatted on the pool in chunks:
+    // %.9g of each, whatever the thread count.
+    std::mt19937 rng(11);
+    std::vector<float> xyz;
+    while (xyz.size() < 3 * 30000)
+    {
+        const std::uint32_t bits = std::uint32_t(rng());
+        float f;
+        std::memcpy(&f, &bits, sizeof f);
+        xyz.push_back(f);
+    }
+    const CompactMesh m = qyTest::makeMesh(xyz, {0, 1, 2});
+    std::string want;
+    char buf[96];
+    for (std::size_t i = 0; i < xyz.size(); i += 3)
+    {
+        std::snprintf(buf, sizeof buf, "v %.9g %.9g %.9g\n", double(xyz[i]), double(xyz[i + 1]),
+                      double(xyz[i + 2]));
+        want += buf;
+    }
+    want += "f 1  2  3 \n";
+    const int threads = qyUtil::ThreadPool::get().getNumThreads();
+    for (const int n : {1, 4})
+    {
+        qyUtil::ThreadPool::get().setNumThreads(n);
+        ASSERT_TRUE(meshWriteObjChecked(m, qyOS::Filename(path), MeshWriteOptions{9}));
+        EXPECT_EQ(readText(path), want) << n << " threads";
+    }
+    qyUtil::ThreadPool::get().setNumThreads(threads);
+}
+
 TEST(MeshWriteObj, SubsetsWriteMaterialsPairedWithColours)
 {
     const CompactMesh m =
