@@ -11,6 +11,7 @@
 #include "base/ThreadPool.h"
 #include "cli/Cli.h"
 #include "cli/Commands.h"
+#include "cli/MeshFiles.h"
 #include "model/debugChannel.h"
 
 namespace
@@ -32,16 +33,24 @@ void printUsage(std::FILE* out)
     std::fputs("\n"
                "options (before or after the command):\n"
                "  --threads N   size of the thread pool (default: QYGEOM_THREADS or all cores)\n"
+               "  --precision N significant digits of the numbers written (1 to 9; default:\n"
+               "                the shortest text that reads back to the same float32)\n"
                "  --verbose     the library's statistics, timing lines and messages on standard\n"
                "                error\n"
                "  --help        this text; 'qygeom COMMAND --help' explains a command\n"
+               "  --version     the program's version\n"
                "\n"
                "Outputs are written under temporary names and appear only when the whole\n"
                "command succeeds; a failed write leaves the old file as it was. Ctrl-C or\n"
                "SIGTERM before that moment cancels (status 130) and writes nothing; a second\n"
                "one ends the program at once. An output that is a symbolic link keeps the\n"
                "link and replaces its target; a character device or FIFO (/dev/null,\n"
-               "/dev/stdout, a pipe) is written directly; other special files are refused.\n",
+               "/dev/stdout, a pipe) is written directly; other special files are refused.\n"
+               "\n"
+               "Polygon faces are read by every command and triangulated where a command\n"
+               "needs triangles; texture coordinates, normals, groups and materials are\n"
+               "carried to the output. Exit status: 0 done, 1 error, 2 usage error, 3 flatten\n"
+               "wrote a layout that is not one-to-one, 130 cancelled.\n",
                out);
 }
 
@@ -71,6 +80,22 @@ bool takeGlobalOptions(int& argc, char** argv)
             qyUtil::ThreadPool::get().setNumThreads(int(n));
             continue;
         }
+        const bool precisionEq = !std::strncmp(arg, "--precision=", 12);
+        if (precisionEq || !std::strcmp(arg, "--precision"))
+        {
+            const char* value = precisionEq ? arg + 12 : (i + 1 < argc ? argv[++i] : nullptr);
+            char* end = nullptr;
+            const long n = value ? std::strtol(value, &end, 10) : 0;
+            if (!value || end == value || *end || n < 1 || n > 9)
+            {
+                std::fprintf(stderr, "qygeom: --precision needs a number from 1 to 9 (9 digits "
+                                     "keep every float32; the default writes the shortest text "
+                                     "that does)\n");
+                return false;
+            }
+            qyCli::setOutputDigits(int(n));
+            continue;
+        }
         if (!std::strcmp(arg, "--"))
         {
             // Everything after "--" belongs to the command.
@@ -84,10 +109,27 @@ bool takeGlobalOptions(int& argc, char** argv)
     return true;
 }
 
+// QYGEOM_THREADS sizes the pool when it holds a number from 1 to 1024; the library ignores
+// any other value, and the program says so.
+void checkThreadsVariable()
+{
+    const char* value = std::getenv("QYGEOM_THREADS");
+    if (!value)
+        return;
+    char* end = nullptr;
+    const long n = std::strtol(value, &end, 10);
+    if (end == value || *end || n < 1 || n > 1024)
+        std::fprintf(stderr,
+                     "qygeom: warning: QYGEOM_THREADS='%s' is not a number from 1 to 1024; "
+                     "using %d threads\n",
+                     value, qyUtil::ThreadPool::get().getNumThreads());
+}
+
 } // namespace
 
 int main(int argc, char** argv)
 {
+    checkThreadsVariable();
     if (!takeGlobalOptions(argc, argv))
         return 2;
     // The library's statistics and user messages go to standard error, so that standard
@@ -104,6 +146,11 @@ int main(int argc, char** argv)
     qyCli::installInterruptHandler();
 
     const char* name = argc > 1 ? argv[1] : "demo";
+    if (!std::strcmp(name, "--version"))
+    {
+        std::printf("qygeom %s\n", QYGEOM_VERSION);
+        return 0;
+    }
     if (!std::strcmp(name, "--help") || !std::strcmp(name, "-h") || !std::strcmp(name, "help"))
     {
         if (argc > 2 && qyCli::findCommand(argv[2]))
@@ -118,6 +165,7 @@ int main(int argc, char** argv)
         std::fprintf(stderr, "qygeom: unknown command '%s' (see qygeom --help)\n", name);
         return 2;
     }
+    qyCli::setCommandName(command->name);
     try
     {
         qyCli::Args args(argc, argv, argc > 1 ? 2 : 1);

@@ -36,6 +36,26 @@ std::string format(const char* fmt, ...)
     return text;
 }
 
+namespace
+{
+const char* g_commandName = "";
+}
+
+void setCommandName(const char* name)
+{
+    g_commandName = name;
+}
+
+void warning(const char* fmt, ...)
+{
+    std::va_list args;
+    va_start(args, fmt);
+    std::fprintf(stderr, "qygeom %s: warning: ", g_commandName);
+    std::vfprintf(stderr, fmt, args);
+    std::fputc('\n', stderr);
+    va_end(args);
+}
+
 void usageError(const std::string& message)
 {
     throw Failure(message, 2);
@@ -444,8 +464,30 @@ OutputFiles::~OutputFiles()
     }
 }
 
+void OutputFiles::refuseSecondWrite(const std::string& finalPath) const
+{
+    // Names that lead to one file: the same text, the same existing file, or the same place
+    // once links and "." and ".." are resolved.
+    std::error_code ec;
+    const fs::path place = fs::weakly_canonical(fs::absolute(finalPath, ec), ec);
+    struct stat st;
+    if (stat(finalPath.c_str(), &st) == 0 && S_ISCHR(st.st_mode))
+        return; // /dev/null and terminals take any number of outputs
+    for (const std::string& other : m_written)
+    {
+        std::error_code e1, e2;
+        if (other == finalPath || fs::equivalent(other, finalPath, e1) ||
+            (!ec && fs::weakly_canonical(fs::absolute(other, e2), e2) == place && !e2))
+            usageError(format("'%s' and '%s' name the same file; one run writes each output "
+                              "once: choose another name",
+                              other.c_str(), finalPath.c_str()));
+    }
+}
+
 std::string OutputFiles::stage(const std::string& finalPath, Direct direct)
 {
+    refuseSecondWrite(finalPath);
+    m_written.push_back(finalPath);
     fs::path target(finalPath);
     if (target.filename().empty())
         usageError(format("'%s' is not a file name", finalPath.c_str()));
@@ -490,13 +532,17 @@ std::string OutputFiles::stage(const std::string& finalPath, Direct direct)
     return (fs::path(pattern) / target.filename()).string();
 }
 
-TextFile OutputFiles::openText(const std::string& finalPath)
+TextFile OutputFiles::openText(const std::string& finalPath, Direct direct)
 {
     struct stat st;
-    if (stat(finalPath.c_str(), &st) == 0)
+    if (direct == Direct::Allow && stat(finalPath.c_str(), &st) == 0)
         if (std::FILE* stream = standardStreamOf(st))
+        {
+            refuseSecondWrite(finalPath);
+            m_written.push_back(finalPath);
             return TextFile(stream, finalPath, false);
-    const std::string path = stage(finalPath, Direct::Allow);
+        }
+    const std::string path = stage(finalPath, direct);
     std::FILE* file = std::fopen(path.c_str(), "w");
     if (!file)
         throw Failure(format("cannot write '%s': %s", finalPath.c_str(), std::strerror(errno)));

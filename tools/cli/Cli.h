@@ -26,6 +26,11 @@ struct Failure : std::runtime_error
 /// printf-style formatting into a std::string.
 std::string format(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
 
+/// The command that runs, for warning lines ("qygeom <command>: warning: ...").
+void setCommandName(const char* name);
+/// Prints "qygeom <command>: warning: <text>" on standard error.
+void warning(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
+
 /// Throws a usage error (exit status 2).
 [[noreturn]] void usageError(const std::string& message);
 
@@ -164,9 +169,9 @@ public:
     /// companions written next to it are moved along by commit(). With Direct::Allow, a
     /// character device or FIFO is returned as it is.
     std::string stage(const std::string& finalPath, Direct direct = Direct::Refuse);
-    /// Opens `finalPath` for text as stage() with Direct::Allow would, or the program's own
+    /// Opens `finalPath` for text as stage() would, or, with Direct::Allow, the program's own
     /// standard output or error when `finalPath` names the file that it goes to.
-    TextFile openText(const std::string& finalPath);
+    TextFile openText(const std::string& finalPath, Direct direct = Direct::Allow);
     /// The final name that a file of the private folders goes to.
     std::string finalNameOf(const std::string& temporaryPath) const;
     /// Flushes every staged file to the disk and moves it to its final place, or fails
@@ -183,7 +188,11 @@ private:
         std::string userName;  // the name as the user gave it
         std::string shownDir; // companions' directory in messages: the user's, or a link's target's
     };
+    /// Fails when `finalPath` is a file that this run already writes.
+    void refuseSecondWrite(const std::string& finalPath) const;
+
     std::vector<Staging> m_staging;
+    std::vector<std::string> m_written; // every final name, as given
     bool m_committed = false;
 };
 

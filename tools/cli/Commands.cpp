@@ -1,15 +1,23 @@
 #include "Commands.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cmath>
+#include <cstdio>
 #include <cstring>
 #include <filesystem>
-#include <limits>
+#include <fstream>
+#include <memory>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <unordered_map>
 #include <vector>
 
 #include "DemoMesh.h"
 #include "MeshFiles.h"
+#include "ObjModel.h"
 #include "Svg.h"
+#include "Topology.h"
 #include "base/Linear.h"
 #include "base/ThreadPool.h"
 #include "model/BoundingBox.h"
@@ -28,6 +36,7 @@
 #include "qyGeom/meshCurvature.h"
 #include "qyGeom/meshDuplicateTris.h"
 #include "qyGeom/meshReadObj.h"
+#include "qyGeom/meshReadObjMaterial.h"
 #include "qyGeom/reparameterizeMesh.h"
 
 namespace qyCli
@@ -40,122 +49,7 @@ namespace
 {
 
 // ---------------------------------------------------------------------------------------
-// Mesh statistics for info and the demo
-
-struct Topology
-{
-    int vertices = 0, triangles = 0;
-    long long edges = 0;
-    int boundaryEdges = 0, nonManifoldEdges = 0;
-    int components = 0, boundaryLoops = 0;
-    long long euler = 0;
-    int degenerate = 0, duplicates = 0;
-    bool oriented = false;
-};
-
-// Counts edges by the number of triangles on them. Each triangle edge is keyed by its
-// smaller vertex, so a sort per vertex suffices.
-void countEdges(const CompactMesh& mesh, const qyGeom::MeshAdjTris& adjTris, Topology& out)
-{
-    const int* tris = mesh.getTrianglesRaw();
-    std::vector<int> others;
-    for (int v = 0; v < adjTris.getNumVertices(); ++v)
-    {
-        others.clear();
-        const int* list = adjTris.triIndices(v);
-        for (int i = 0; i < adjTris.numTris(v); ++i)
-        {
-            const int* t = tris + 3 * list[i];
-            if (t[0] == t[1] || t[1] == t[2] || t[2] == t[0])
-                continue; // a degenerate triangle has no proper edges
-            for (int k = 0; k < 3; ++k)
-                if (t[k] == v)
-                {
-                    const int a = t[(k + 1) % 3], b = t[(k + 2) % 3];
-                    if (a > v)
-                        others.push_back(a);
-                    if (b > v)
-                        others.push_back(b);
-                }
-        }
-        std::sort(others.begin(), others.end());
-        for (std::size_t i = 0; i < others.size();)
-        {
-            std::size_t j = i;
-            while (j < others.size() && others[j] == others[i])
-                ++j;
-            ++out.edges;
-            out.boundaryEdges += j - i == 1;
-            out.nonManifoldEdges += j - i > 2;
-            i = j;
-        }
-    }
-}
-
-// Works on the caller's copy: the duplicate search leaves its answer in the triangle
-// selection.
-Topology measure(CompactMesh& mesh)
-{
-    Topology topo;
-    topo.vertices = mesh.getNumVertices();
-    topo.triangles = mesh.getNumTriangles();
-    qyGeom::SimpleMeshCache cache;
-    const auto adjTris = cache.getAdjTris(mesh);
-    const auto boundaries = cache.getBoundaries(mesh);
-    countEdges(mesh, *adjTris, topo);
-    topo.components = qyGeom::meshComponents(mesh, *adjTris, nullptr);
-    topo.boundaryLoops = boundaries->size();
-    topo.euler = topo.vertices - topo.edges + topo.triangles;
-    const int* tris = mesh.getTrianglesRaw();
-    const float* v = mesh.getVerticesRaw();
-    for (int t = 0; t < topo.triangles; ++t)
-    {
-        // A repeated corner, or three corners on one line (or on one point): the two edges
-        // from the first corner are parallel, which a zero cross product also says.
-        const int* c = tris + 3 * t;
-        auto corner = [&](int k)
-        {
-            const float* p = v + 3 * std::ptrdiff_t(c[k]);
-            return qyLinear::Point(p[0], p[1], p[2]);
-        };
-        const qyLinear::Point a = corner(0);
-        topo.degenerate += c[0] == c[1] || c[1] == c[2] || c[2] == c[0] ||
-                           qyLinear::isParallel(corner(1) - a, corner(2) - a);
-    }
-    topo.oriented = qyGeom::meshOriented(mesh, *adjTris);
-    // The search selects duplicates and triangles that name a vertex twice; count the former.
-    qyGeom::meshDuplicateTris(mesh, *adjTris);
-    const qyGeom::BitVector& selected = mesh.getSelectedTriangles();
-    for (int t = 0; t < topo.triangles; ++t)
-    {
-        const int* c = tris + 3 * t;
-        topo.duplicates += selected.isBitSet(t) && c[0] != c[1] && c[1] != c[2] && c[2] != c[0];
-    }
-    return topo;
-}
-
-// The genus of an orientable surface from chi = 2C - 2g - B; meaningless on a non-manifold
-// mesh, which the caller says instead.
-long long genusOf(const Topology& t)
-{
-    return (2LL * t.components - t.boundaryLoops - t.euler) / 2;
-}
-
-void printTopology(const Topology& t)
-{
-    std::printf("  edges:               %lld (%d on a boundary, %d non-manifold)\n", t.edges,
-                t.boundaryEdges, t.nonManifoldEdges);
-    std::printf("  components:          %d\n", t.components);
-    std::printf("  boundary loops:      %d\n", t.boundaryLoops);
-    std::printf("  Euler characteristic: %lld\n", t.euler);
-    if (t.nonManifoldEdges == 0)
-        std::printf("  genus:               %lld\n", genusOf(t));
-    else
-        std::printf("  genus:               undefined (non-manifold edges)\n");
-    std::printf("  consistently oriented: %s\n", t.oriented ? "yes" : "no");
-    std::printf("  degenerate triangles: %d (repeated corner or no area)\n", t.degenerate);
-    std::printf("  duplicate triangles: %d\n", t.duplicates);
-}
+// Shared steps
 
 void printBox(const CompactMesh& mesh)
 {
@@ -163,12 +57,49 @@ void printBox(const CompactMesh& mesh)
     qyGeom::meshBoundingBox(mesh, box);
     if (mesh.getNumVertices() == 0)
         return;
-    std::printf("  bounding box:        (%g, %g, %g) to (%g, %g, %g)\n", box.minPt().x,
+    std::printf("  bounding box:        (%.9g, %.9g, %.9g) to (%.9g, %.9g, %.9g)\n", box.minPt().x,
                 box.minPt().y, box.minPt().z, box.maxPt().x, box.maxPt().y, box.maxPt().z);
 }
 
+// `faceEdges`: the edges of the faces when they are polygons (the triangles' edges include
+// the diagonals that split them), or -1.
+void printTopology(const TopologySummary& t, long long faceEdges)
+{
+    std::printf("  edges:               %lld (%d on a boundary, %d non-manifold)\n",
+                faceEdges >= 0 ? faceEdges : t.edges, t.boundaryEdges, t.nonManifoldEdges);
+    std::printf("  components:          %zu\n", t.pieces.size());
+    std::printf("  boundary loops:      %d\n", t.boundaryLoops);
+    std::printf("  Euler characteristic: %lld\n", t.euler());
+    if (t.nonManifoldEdges > 0)
+        std::printf("  genus:               undefined (non-manifold edges)\n");
+    else if (t.pieces.size() > 1)
+        std::printf("  genus:               %lld (the sum over the pieces)\n", t.genus());
+    else
+        std::printf("  genus:               %lld\n", t.genus());
+    if (t.pieces.size() > 1)
+    {
+        constexpr std::size_t shown = 10;
+        for (std::size_t i = 0; i < t.pieces.size() && i < shown; ++i)
+        {
+            const TopologyPiece& p = t.pieces[i];
+            std::printf("    piece %zu: %d vertices, %d triangles, %d boundary loops, Euler "
+                        "characteristic %lld, genus ",
+                        i + 1, p.vertices, p.triangles, p.boundaryLoops, p.euler());
+            if (p.nonManifoldEdges > 0)
+                std::printf("undefined (non-manifold edges)\n");
+            else
+                std::printf("%lld\n", p.genus());
+        }
+        if (t.pieces.size() > shown)
+            std::printf("    ... and %zu more pieces\n", t.pieces.size() - shown);
+    }
+    std::printf("  consistently oriented: %s\n", t.oriented ? "yes" : "no");
+    std::printf("  degenerate triangles: %d (repeated corner or no area)\n", t.degenerate);
+    std::printf("  duplicate triangles: %d\n", t.duplicates);
+}
+
 // Welds with a progress bar; returns the number of vertices before.
-int weld(CompactMesh& mesh, const char* caption)
+int weld(CompactMesh& mesh, const char* caption, qyGeom::Remap* remapOut = nullptr)
 {
     const int before = mesh.getNumVertices();
     ProgressBar bar;
@@ -176,7 +107,27 @@ int weld(CompactMesh& mesh, const char* caption)
     qyGeom::Remap remap;
     qyGeom::meshCompact(mesh, bar, remap);
     bar.finish();
+    if (remapOut)
+        *remapOut = std::move(remap);
     return before;
+}
+
+// Reads an input file, says what the reader left out, and returns it.
+void readModel(const std::string& path, ObjModel& model)
+{
+    ObjReadNotes notes;
+    readInput(path, model, notes);
+    reportReadNotes(notes);
+}
+
+// The triangles of a model for a command that needs them, with the polygons' split said on
+// standard output. Fails when no triangle is left.
+void triangles(const ObjModel& model, const std::string& path, ObjTriangles& out)
+{
+    triangulateObjModel(model, true, out);
+    reportTriangulation(out);
+    if (out.mesh.getNumTriangles() == 0)
+        throw Failure(format("'%s' holds no triangle", path.c_str()));
 }
 
 // Fails with the reason when the surface is in several pieces, which flattening refuses.
@@ -194,10 +145,17 @@ void requireOnePiece(const CompactMesh& mesh)
 // that is not a disk is cut open here, on the mesh itself, so that the vertices along the
 // seam are duplicated in the output and each side of the seam keeps its own UVs (the
 // flattening's own cut works on a private copy and can give a seam vertex only one UV).
-void flatten(CompactMesh& mesh, bool cut, bool compact)
+// `source` receives, for each vertex of the result, the vertex of the input it stands for
+// after welding: the welded vertex, or the one a seam vertex was copied from.
+void flatten(CompactMesh& mesh, bool cut, bool compact, std::vector<int>* weldedOf = nullptr,
+             std::vector<int>* source = nullptr)
 {
+    qyGeom::Remap remap;
     if (compact)
-        weld(mesh, "Welding");
+        weld(mesh, "Welding", &remap);
+    if (weldedOf)
+        for (int& v : *weldedOf)
+            v = remap.getDomainSize() > v ? remap(v) : v;
     requireNotCancelled();
     requireOnePiece(mesh);
     {
@@ -214,11 +172,16 @@ void flatten(CompactMesh& mesh, bool cut, bool compact)
         }
     }
     int cutEdges = 0;
-    if (cut)
+    qyGeom::CutRegion region;
+    if (cut && qyGeom::cutSurface(mesh, region, true))
+        cutEdges = region.getNumEdges();
+    if (source)
     {
-        qyGeom::CutRegion region;
-        if (qyGeom::cutSurface(mesh, region, true))
-            cutEdges = region.getNumEdges();
+        source->resize(std::size_t(mesh.getNumVertices()));
+        for (int v = 0; v < mesh.getNumVertices(); ++v)
+            (*source)[std::size_t(v)] = std::size_t(v) < region.originalVertex.size()
+                                            ? region.originalVertex[std::size_t(v)]
+                                            : v;
     }
     if (cutEdges > 0)
         std::printf("  cut to a disk along %d edges\n", cutEdges);
@@ -239,8 +202,70 @@ void flatten(CompactMesh& mesh, bool cut, bool compact)
 
 void reportLayout(const UvLayoutStats& stats)
 {
-    std::printf("  UV layout:           %d triangles, %d flipped, %d without area\n",
-                stats.triangles, stats.flipped, stats.degenerate);
+    std::printf("  UV layout:           %d triangles, %d flipped, %d without area, %.3g%% of the "
+                "covered area overlapped (%d triangles)\n",
+                stats.triangles, stats.flipped, stats.degenerate, 100.0 * stats.overlapShare,
+                stats.overlapping);
+    if (!stats.oneToOne())
+        warning("the UV layout is not one-to-one: %d triangles flipped, %d overlapping (%.3g%% "
+                "of the covered area covered more than once)",
+                stats.flipped, stats.overlapping, 100.0 * stats.overlapShare);
+}
+
+// The material library of a flattened mesh without materials of its own.
+const char* const layoutMaterialLibrary = "newmtl mat0\n"
+                                          "Ns 100.0\n"
+                                          "d 1.0\n"
+                                          "illum 2\n"
+                                          "Kd 0.8 0.8 0.8\n"
+                                          "Ka 1.0 1.0 1.0\n"
+                                          "Ks 1.0 1.0 1.0\n";
+
+// The flattened mesh as a model: its vertices with their UVs, and for each triangle the
+// normal indices, groups and materials of the input corner and face it came from. Without
+// materials in the input every face gets the layout's own material, `library`.
+void flattenedModel(const ObjModel& input, const ObjTriangles& tris, const CompactMesh& flat,
+                    const std::vector<int>& weldedOf, const std::vector<int>& source,
+                    const std::string& library, ObjModel& out)
+{
+    out = ObjModel();
+    out.directory = input.directory;
+    const bool ownMaterial = input.materialNames().empty();
+    if (ownMaterial)
+        out.libraries.push_back(fs::absolute(library).string());
+    out.libraries.insert(out.libraries.end(), input.libraries.begin(), input.libraries.end());
+    const float* xyz = flat.getVerticesRaw();
+    out.positions.assign(xyz, xyz + 3 * std::ptrdiff_t(flat.getNumVertices()));
+    const float* uv = flat.getUVsRaw();
+    out.texCoords.assign(uv, uv + 2 * std::ptrdiff_t(flat.getNumVertices()));
+    out.normals = input.normals;
+    const int* t = flat.getTrianglesRaw();
+    for (int i = 0; i < flat.getNumTriangles(); ++i)
+    {
+        // Orientation may have reversed the triangle: match each corner to the input corner
+        // of the same welded vertex.
+        const int* in = tris.corners.data() + 3 * i;
+        ObjCorner c[3];
+        bool used[3] = {false, false, false};
+        for (int k = 0; k < 3; ++k)
+        {
+            const int v = t[3 * i + k];
+            const int w = source[std::size_t(v)];
+            int j = 0;
+            while (j < 3 &&
+                   (used[j] || weldedOf[std::size_t(input.corners[std::size_t(in[j])].v)] != w))
+                ++j;
+            if (j == 3)
+                j = k;
+            used[j] = true;
+            c[k] = {v, v, input.corners[std::size_t(in[j])].vn};
+        }
+        ObjFaceState state =
+            input.states[std::size_t(input.faceStates[std::size_t(tris.faces[std::size_t(i)])])];
+        if (ownMaterial)
+            state.material = "mat0";
+        out.addFace(c, 3, state);
+    }
 }
 
 std::string fileSize(const std::string& path)
@@ -256,6 +281,40 @@ std::string fileSize(const std::string& path)
     return format("%llu bytes", static_cast<unsigned long long>(bytes));
 }
 
+// Texture charts: faces joined where they share a corner of the same position and texture
+// coordinate, as the library's reader splits them.
+int countCharts(const ObjModel& model)
+{
+    std::vector<int> parent(std::size_t(model.numFaces()));
+    for (std::size_t f = 0; f < parent.size(); ++f)
+        parent[f] = int(f);
+    auto find = [&](int f)
+    {
+        while (parent[std::size_t(f)] != f)
+            f = parent[std::size_t(f)] = parent[std::size_t(parent[std::size_t(f)])];
+        return f;
+    };
+    std::unordered_map<long long, int> faceOf;
+    std::vector<bool> textured(parent.size(), false);
+    for (int f = 0; f < model.numFaces(); ++f)
+        for (int i = model.faceStarts[std::size_t(f)]; i < model.faceStarts[std::size_t(f) + 1];
+             ++i)
+        {
+            const ObjCorner& c = model.corners[std::size_t(i)];
+            if (c.vt < 0)
+                continue;
+            textured[std::size_t(f)] = true;
+            const long long key = (static_cast<long long>(c.v) << 32) | unsigned(c.vt);
+            const auto [it, added] = faceOf.emplace(key, f);
+            if (!added)
+                parent[std::size_t(find(f))] = find(it->second);
+        }
+    int charts = 0;
+    for (int f = 0; f < model.numFaces(); ++f)
+        charts += textured[std::size_t(f)] && find(f) == f;
+    return charts;
+}
+
 } // namespace
 
 // ---------------------------------------------------------------------------------------
@@ -265,6 +324,11 @@ int runDemo(Args& args)
 {
     args.finish();
     std::printf("qygeom demo: the typical request on a built-in mesh.\n\n");
+
+    const std::string objPath = "demo.obj", svgPath = "demo-uv.svg";
+    OutputFiles outputs;
+    MeshOutput output(objPath, outputs, true);
+    TextFile svg = outputs.openText(svgPath);
 
     const std::string obj = demoMeshObj(24, 96);
     std::printf("1. Read: a rippled dome as OBJ text in memory (%zu bytes, one vertex per face "
@@ -285,25 +349,32 @@ int runDemo(Args& args)
     std::printf("3. Report:\n");
     printBox(mesh);
     CompactMesh measured = mesh;
-    printTopology(measure(measured));
+    printTopology(summarizeTopology(measured), -1);
 
     std::printf("4. Flatten: conformal UVs in the unit square.\n");
-    flatten(mesh, true, true);
+    ObjModel input;
+    objModelFromMesh(mesh, input);
+    ObjTriangles tris;
+    triangulateObjModel(input, true, tris);
+    std::vector<int> weldedOf(std::size_t(input.numVertices())), source;
+    for (std::size_t v = 0; v < weldedOf.size(); ++v)
+        weldedOf[v] = int(v);
+    flatten(tris.mesh, true, true, &weldedOf, &source);
 
-    const std::string objPath = "demo.obj", svgPath = "demo-uv.svg";
-    OutputFiles outputs;
-    writeObjWithMaterial(mesh, objPath, outputs);
-    UvLayoutStats stats;
-    TextFile svg = outputs.openText(svgPath);
-    if (!writeUvSvg(mesh, svg.get(), stats))
+    const UvLayoutStats stats = measureUvLayout(tris.mesh);
+    if (!writeUvSvg(tris.mesh, stats, svg.get()))
         throw Failure("the flattened mesh has no UVs");
     svg.close();
+    ObjModel flat;
+    flattenedModel(input, tris, tris.mesh, weldedOf, source, output.libraryPath(), flat);
+    output.write(flat);
+    output.writeLibrary(layoutMaterialLibrary);
     outputs.commit();
     reportLayout(stats);
     std::printf("5. Wrote %s and demo.mtl (mesh with UVs and its material), and %s (the UV "
                 "layout).\n",
                 objPath.c_str(), svgPath.c_str());
-    return stats.flipped == 0 ? 0 : 1;
+    return stats.oneToOne() ? 0 : 3;
 }
 
 // ---------------------------------------------------------------------------------------
@@ -313,69 +384,204 @@ int runInfo(Args& args)
 {
     const std::string path = args.positional("input file");
     args.finish();
-    CompactMesh mesh;
-    readMesh(path, mesh);
+    ObjModel model;
+    ObjReadNotes notes;
+    readInput(path, model, notes);
+    reportReadNotes(notes);
+    if (!notes.longLines.empty())
+        warning("line %ld is %ld bytes long; the library's OBJ reader (meshReadObj) reads lines "
+                "of at most 16383 bytes%s",
+                notes.longLines[0].first, notes.longLines[0].second,
+                notes.longLines.size() > 1
+                    ? format(" (%zu such lines)", notes.longLines.size()).c_str()
+                    : "");
+    int faceSizes[3] = {0, 0, 0};
+    for (int f = 0; f < model.numFaces(); ++f)
+        ++faceSizes[std::min(model.faceSize(f), 5) - 3];
+    ObjTriangles tris;
+    triangulateObjModel(model, false, tris);
+
     std::printf("%s (%s)\n", path.c_str(), fileSize(path).c_str());
-    std::printf("  vertices:            %d\n", mesh.getNumVertices());
-    std::printf("  triangles:           %d\n", mesh.getNumTriangles());
-    std::printf("  polygons:            %d\n", mesh.getNumPolys());
-    printBox(mesh);
+    std::printf("  vertices:            %d\n", model.numVertices());
+    const int unused = model.numUnreferencedVertices();
+    if (unused > 0)
+        std::printf("  unreferenced vertices: %d (no face uses them; left out of the topology "
+                    "below)\n",
+                    unused);
+    std::printf("  faces:               %d (%d triangles, %d quads, %d larger polygons)\n",
+                model.numFaces(), faceSizes[0], faceSizes[1], faceSizes[2]);
+    if (tris.polygons > 0)
+        std::printf("  triangles:           %d (the polygons split into %d)\n",
+                    tris.mesh.getNumTriangles(), tris.polygonTriangles);
+    else
+        std::printf("  triangles:           %d\n", tris.mesh.getNumTriangles());
+    std::printf("  texture coordinates: %d\n", model.numTexCoords());
+    std::printf("  normals:             %d\n", model.numNormals());
+    printBox(tris.mesh);
 
     // Topology is that of the welded surface: a file may repeat positions.
-    CompactMesh welded = mesh;
-    weld(welded, "Welding");
+    CompactMesh welded = tris.mesh;
+    qyGeom::Remap remap;
+    weld(welded, "Welding", &remap);
     requireNotCancelled();
-    if (welded.getNumVertices() != mesh.getNumVertices())
+    if (welded.getNumVertices() != tris.mesh.getNumVertices())
         std::printf("  welded vertices:     %d (the file repeats positions)\n",
                     welded.getNumVertices());
-    printTopology(measure(welded));
-
-    if (formatOf(path) == MeshFormat::Obj)
+    long long faceEdges = -1;
+    if (tris.polygons > 0)
     {
-        CompactMesh charted;
-        qy::list<qy::Reference<qyGeom::MeshSubset>> subsets;
-        qy::vector<qy::vector<qyLinear::Point2Flt>> uvs;
-        qy::vector<qyString::IString> materials;
-        qyOS::Filename library;
-        if (qyGeom::meshReadObj(charted, subsets, uvs, materials, library,
-                                qyOS::Filename(path.c_str())))
+        std::vector<unsigned long long> keys;
+        for (int f = 0; f < model.numFaces(); ++f)
         {
-            if (subsets.empty())
-                std::printf("  texture charts:      none (no texture coordinates)\n");
-            else
-                std::printf("  texture charts:      %zu\n", subsets.size());
-            std::vector<std::string> names;
-            for (const auto& name : materials)
-                if (!name.empty() && std::find(names.begin(), names.end(), name) == names.end())
-                    names.push_back(name);
-            std::printf("  materials:           %zu", names.size());
-            for (std::size_t i = 0; i < names.size(); ++i)
-                std::printf("%s%s", i ? ", " : " (", names[i].c_str());
-            std::printf("%s\n", names.empty() ? "" : ")");
-            if (!library.empty())
-                std::printf("  material library:    %s\n", library.c_str());
+            const int first = model.faceStarts[std::size_t(f)], n = model.faceSize(f);
+            for (int k = 0; k < n; ++k)
+            {
+                const unsigned a = unsigned(remap(model.corners[std::size_t(first + k)].v));
+                const unsigned b =
+                    unsigned(remap(model.corners[std::size_t(first + (k + 1) % n)].v));
+                if (a != b)
+                    keys.push_back((static_cast<unsigned long long>(std::min(a, b)) << 32) |
+                                   std::max(a, b));
+            }
         }
-        else
-            std::printf("  texture charts:      not read (faces other than triangles)\n");
+        std::sort(keys.begin(), keys.end());
+        faceEdges = std::unique(keys.begin(), keys.end()) - keys.begin();
     }
+    printTopology(summarizeTopology(welded), faceEdges);
+
+    const int charts = countCharts(model);
+    if (charts == 0)
+        std::printf("  texture charts:      none (no texture coordinates)\n");
+    else
+        std::printf("  texture charts:      %d\n", charts);
+    const std::vector<std::string> names = model.materialNames();
+    std::printf("  materials:           %zu", names.size());
+    for (std::size_t i = 0; i < names.size(); ++i)
+        std::printf("%s%s", i ? ", " : " (", names[i].c_str());
+    std::printf("%s\n", names.empty() ? "" : ")");
+    for (const std::string& library : model.libraries)
+    {
+        std::error_code ec;
+        const bool found = fs::is_regular_file(fs::path(model.directory) / library, ec);
+        std::printf("  material library:    %s%s\n", library.c_str(), found ? "" : " (not found)");
+    }
+    std::printf("  groups:              %d\n", model.numGroups());
     return 0;
 }
 
 // ---------------------------------------------------------------------------------------
 // check
 
+namespace
+{
+
+// The message of a library error without its line end.
+std::string messageOf(const qyUtil::Error& error)
+{
+    std::string message = error.message();
+    while (!message.empty() && (message.back() == '\n' || message.back() == '\r'))
+        message.pop_back();
+    return message;
+}
+
+// The first line of a material library at which its scanner fails: the shortest run of
+// leading lines that, read alone, fails in the same way. 0 when none does.
+long lexicalErrorLine(const std::string& library)
+{
+    std::ifstream in(library, std::ios::binary);
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(in, line);)
+        lines.push_back(line);
+    char name[] = "/tmp/qygeom-mtl-XXXXXX";
+    const int fd = mkstemp(name);
+    if (fd < 0)
+        return 0;
+    close(fd);
+    auto failsWith = [&](std::size_t n)
+    {
+        std::ofstream out(name, std::ios::binary | std::ios::trunc);
+        for (std::size_t i = 0; i < n; ++i)
+            out << lines[i] << '\n';
+        out.close();
+        qy::vector<qy::Reference<qyGeom::MeshObjMaterial>> materials;
+        return qyGeom::meshReadObjMaterial(name, materials).code() == 1;
+    };
+    long found = 0;
+    if (failsWith(lines.size()))
+    {
+        std::size_t lo = 0, hi = lines.size(); // the prefix of lo lines scans, hi fails
+        while (hi - lo > 1)
+        {
+            const std::size_t mid = lo + (hi - lo) / 2;
+            (failsWith(mid) ? hi : lo) = mid;
+        }
+        found = long(hi);
+    }
+    std::remove(name);
+    return found;
+}
+
+// Names the material library that an error of the strict parse comes from, when it does.
+std::string materialLibraryError(const std::string& path, const std::string& message)
+{
+    std::ifstream in(path, std::ios::binary);
+    const fs::path dir = fs::path(path).parent_path();
+    long number = 0;
+    for (std::string line; std::getline(in, line);)
+    {
+        ++number;
+        std::size_t at = line.find_first_not_of(" \t");
+        if (at == std::string::npos || line.compare(at, 7, "mtllib ") != 0)
+            continue;
+        std::string name = line.substr(at + 7);
+        while (!name.empty() && std::isspace(static_cast<unsigned char>(name.back())))
+            name.pop_back();
+        name.erase(0, name.find_first_not_of(" \t"));
+        const std::string library = (dir / name).string();
+        std::error_code ec;
+        if (!fs::is_regular_file(library, ec))
+        {
+            if (message == "Lexical analysis failed")
+                return format("%s: line %ld: cannot open the material library '%s'", path.c_str(),
+                              number, library.c_str());
+            continue;
+        }
+        qy::vector<qy::Reference<qyGeom::MeshObjMaterial>> materials;
+        const qyUtil::Error error = qyGeom::meshReadObjMaterial(library, materials);
+        if (!error || messageOf(error) != message)
+            continue;
+        if (error.code() == 1)
+        {
+            const long bad = lexicalErrorLine(library);
+            return bad > 0 ? format("%s: line %ld: %s (a character that material libraries may "
+                                    "not hold)",
+                                    library.c_str(), bad, message.c_str())
+                           : format("%s: %s", library.c_str(), message.c_str());
+        }
+        return format("%s: %s", library.c_str(), message.c_str());
+    }
+    return {};
+}
+
+} // namespace
+
 int runCheck(Args& args)
 {
     const std::string path = args.positional("input file");
     args.finish();
+    std::error_code ec;
+    if (!fs::exists(path, ec))
+        throw Failure(format("cannot read '%s': no such file", path.c_str()));
+    if (fs::is_directory(path, ec))
+        throw Failure(format("cannot read '%s': it is a directory", path.c_str()));
     qy::Reference<qyGeom::MeshObjFile> file(new qyGeom::MeshObjFile);
     const qyUtil::Error error = qyGeom::meshReadObj2(path, file);
     if (error)
     {
-        std::string message = error.message();
-        while (!message.empty() && (message.back() == '\n' || message.back() == '\r'))
-            message.pop_back();
-        throw Failure(format("%s: %s", path.c_str(), message.c_str()));
+        const std::string message = messageOf(error);
+        const std::string inLibrary = materialLibraryError(path, message);
+        throw Failure(inLibrary.empty() ? format("%s: %s", path.c_str(), message.c_str())
+                                        : inLibrary);
     }
     std::printf("%s: valid OBJ: %zu vertices, %zu texture coordinates, %zu normals, %zu "
                 "groups, %zu materials\n",
@@ -391,7 +597,7 @@ namespace
 {
 
 // The shape of the commands that turn one mesh file into another: checks the arguments and
-// the output's format before the (possibly long) read, transforms, then writes.
+// stages the output before the (possibly long) read, transforms, then writes.
 template <class Transform>
 int transformFile(Args& args, bool objOnly, const char* objOnlyMessage, Transform transform)
 {
@@ -401,12 +607,16 @@ int transformFile(Args& args, bool objOnly, const char* objOnlyMessage, Transfor
     refuseOverwritingInput(in, out);
     if (formatOf(out) != MeshFormat::Obj && objOnly)
         usageError(objOnlyMessage);
-    CompactMesh mesh;
-    readMesh(in, mesh);
-    const std::string report = transform(mesh);
-    requireNotCancelled();
+    formatOf(in);
     OutputFiles outputs;
-    writeMesh(mesh, out, outputs);
+    MeshOutput output(out, outputs);
+    ObjModel model;
+    readModel(in, model);
+    for (const std::string& library : model.libraries)
+        refuseOverwritingInput((fs::path(model.directory) / library).string(), out);
+    const std::string report = transform(model);
+    requireNotCancelled();
+    output.write(model);
     outputs.commit();
     std::printf("%s; wrote %s\n", report.c_str(), out.c_str());
     return 0;
@@ -416,32 +626,90 @@ int transformFile(Args& args, bool objOnly, const char* objOnlyMessage, Transfor
 
 int runWeld(Args& args)
 {
-    return transformFile(args, false, nullptr,
-                         [](CompactMesh& mesh)
-                         {
-                             const int before = weld(mesh, "Welding");
-                             return format("welded %d vertices into %d; %d triangles", before,
-                                           mesh.getNumVertices(), mesh.getNumTriangles());
-                         });
+    return transformFile(
+        args, false, nullptr,
+        [](ObjModel& model)
+        {
+            // Positions only: each corner keeps its texture and normal index.
+            CompactMesh points(model.numVertices(),
+                               reinterpret_cast<const qyGeom::MeshVertex*>(model.positions.data()));
+            qyGeom::Remap remap;
+            const int before = weld(points, "Welding", &remap);
+            const float* xyz = points.getVerticesRaw();
+            model.positions.assign(xyz, xyz + 3 * std::ptrdiff_t(points.getNumVertices()));
+            if (!model.colours.empty())
+            {
+                std::vector<float> moved(model.positions.size());
+                for (int v = 0; v < before; ++v)
+                    std::copy_n(model.colours.begin() + 3 * std::ptrdiff_t(v), 3,
+                                moved.begin() + 3 * std::ptrdiff_t(remap(v)));
+                model.colours.swap(moved);
+            }
+            // A face whose corners welded together loses the repeats; one left with fewer
+            // than three corners goes.
+            ObjModel welded = model;
+            welded.corners.clear();
+            welded.faceStarts.assign(1, 0);
+            welded.faceStates.clear();
+            welded.states.clear();
+            int collapsed = 0;
+            std::vector<ObjCorner> face;
+            for (int f = 0; f < model.numFaces(); ++f)
+            {
+                face.clear();
+                for (int i = model.faceStarts[std::size_t(f)];
+                     i < model.faceStarts[std::size_t(f) + 1]; ++i)
+                {
+                    ObjCorner c = model.corners[std::size_t(i)];
+                    c.v = remap(c.v);
+                    if (face.empty() || face.back().v != c.v)
+                        face.push_back(c);
+                }
+                while (face.size() > 1 && face.back().v == face.front().v)
+                    face.pop_back();
+                if (face.size() < 3)
+                {
+                    ++collapsed;
+                    continue;
+                }
+                welded.addFace(face.data(), int(face.size()),
+                               model.states[std::size_t(model.faceStates[std::size_t(f)])]);
+            }
+            model = std::move(welded);
+            if (collapsed > 0)
+                warning("left out %d faces that welding reduced to fewer than three corners",
+                        collapsed);
+            return format("welded %d vertices into %d; %d faces", before, model.numVertices(),
+                          model.numFaces());
+        });
 }
 
 int runNormals(Args& args)
 {
-    return transformFile(args, true, "normals are written in OBJ only (.obj)",
-                         [](CompactMesh& mesh)
-                         {
-                             qyGeom::meshComputeNormals(mesh);
-                             return format("computed %d vertex normals", mesh.getNumVertices());
-                         });
+    return transformFile(
+        args, true, "normals are written in OBJ only (.obj)",
+        [](ObjModel& model)
+        {
+            // Computed on the triangles; written for the faces as they are.
+            ObjTriangles tris;
+            triangulateObjModel(model, true, tris);
+            qyGeom::meshComputeNormals(tris.mesh);
+            const int replaced = model.numNormals();
+            const float* n = tris.mesh.getNormalsRaw();
+            model.normals.assign(n, n + 3 * std::ptrdiff_t(model.numVertices()));
+            for (ObjCorner& c : model.corners)
+                c.vn = c.v;
+            return format("computed %d vertex normals%s", model.numVertices(),
+                          replaced ? format(" (replacing the file's %d)", replaced).c_str() : "");
+        });
 }
 
 int runConvert(Args& args)
 {
-    return transformFile(args, false, nullptr,
-                         [](CompactMesh& mesh) {
-                             return format("%d vertices, %d triangles", mesh.getNumVertices(),
-                                           mesh.getNumTriangles());
-                         });
+    return transformFile(
+        args, false, nullptr,
+        [](ObjModel& model)
+        { return format("%d vertices, %d faces", model.numVertices(), model.numFaces()); });
 }
 
 // ---------------------------------------------------------------------------------------
@@ -457,34 +725,72 @@ int runFlatten(Args& args)
     args.finish();
     refuseOverwritingInput(in, out);
     if (!svg.empty())
+    {
         refuseOverwritingInput(in, svg);
+        std::string ext = fs::path(svg).extension().string();
+        for (char& c : ext)
+            c = char(std::tolower(static_cast<unsigned char>(c)));
+        // A device or pipe (/dev/null, /dev/stdout) takes the picture whatever its name.
+        struct stat st;
+        const bool special =
+            stat(svg.c_str(), &st) == 0 && (S_ISCHR(st.st_mode) || S_ISFIFO(st.st_mode));
+        if (ext != ".svg" && !special)
+            usageError(format("--svg '%s': the picture's name ends in .svg", svg.c_str()));
+    }
     if (formatOf(out) != MeshFormat::Obj)
         usageError("the flattened mesh is written as OBJ (.obj), with its material library");
+    formatOf(in);
 
-    CompactMesh mesh;
-    readMesh(in, mesh);
-    flatten(mesh, !noCut, !noCompact);
-
-    // Both outputs appear together or not at all.
+    // Every output is staged before the work, so that a bad name or folder stops the run
+    // at once; all appear together or not at all.
     OutputFiles outputs;
-    UvLayoutStats stats = measureUvLayout(mesh);
+    MeshOutput output(out, outputs, true);
+    refuseOverwritingInput(in, output.libraryPath());
+    std::unique_ptr<TextFile> picture;
     if (!svg.empty())
+        picture = std::make_unique<TextFile>(outputs.openText(svg));
+
+    ObjModel model;
+    readModel(in, model);
+    for (const std::string& library : model.libraries)
+        refuseOverwritingInput((fs::path(model.directory) / library).string(),
+                               output.libraryPath());
+    if (!model.colours.empty())
+        warning("vertex colours are not carried through flatten; left out %d", model.numVertices());
+    if (model.numTexCoords() > 0)
+        std::printf("replacing the file's %d texture coordinates by the layout\n",
+                    model.numTexCoords());
+    ObjTriangles tris;
+    triangles(model, in, tris);
+    std::vector<int> weldedOf(std::size_t(model.numVertices())), source;
+    for (std::size_t v = 0; v < weldedOf.size(); ++v)
+        weldedOf[v] = int(v);
+    CompactMesh& mesh = tris.mesh;
+    flatten(mesh, !noCut, !noCompact, &weldedOf, &source);
+
+    const UvLayoutStats stats = measureUvLayout(mesh);
+    if (picture)
     {
-        TextFile picture = outputs.openText(svg);
-        if (!writeUvSvg(mesh, picture.get(), stats))
+        if (!writeUvSvg(mesh, stats, picture->get()))
             throw Failure("the flattened mesh has no UVs");
-        picture.close();
+        picture->close();
     }
     requireNotCancelled();
-    writeObjWithMaterial(mesh, out, outputs);
+    ObjModel flat;
+    flattenedModel(model, tris, mesh, weldedOf, source, output.libraryPath(), flat);
+    output.write(flat);
+    if (model.materialNames().empty())
+        output.writeLibrary(layoutMaterialLibrary);
     outputs.commit();
     std::printf("flattened %d vertices, %d triangles; wrote %s", mesh.getNumVertices(),
                 mesh.getNumTriangles(), out.c_str());
+    if (model.materialNames().empty())
+        std::printf(", %s", output.libraryPath().c_str());
     if (!svg.empty())
         std::printf(" and %s", svg.c_str());
     std::printf("\n");
     reportLayout(stats);
-    return 0;
+    return stats.oneToOne() ? 0 : 3;
 }
 
 // ---------------------------------------------------------------------------------------
@@ -509,11 +815,20 @@ int runCurvature(Args& args)
         usageError(kindName.empty() ? "--kind is required: mean, gaussian, min or max"
                                     : format("unknown --kind '%s': mean, gaussian, min or max",
                                              kindName.c_str()));
+    formatOf(in);
+    OutputFiles outputs;
+    std::unique_ptr<TextFile> file;
     if (!csv.empty())
+    {
         refuseOverwritingInput(in, csv);
+        file = std::make_unique<TextFile>(outputs.openText(csv));
+    }
 
-    CompactMesh mesh;
-    readMesh(in, mesh);
+    ObjModel model;
+    readModel(in, model);
+    ObjTriangles tris;
+    triangles(model, in, tris);
+    CompactMesh& mesh = tris.mesh;
     weld(mesh, "Welding");
     requireNotCancelled();
     qyGeom::meshComputeNormals(mesh);
@@ -525,17 +840,15 @@ int runCurvature(Args& args)
                           values.data());
     requireNotCancelled();
 
-    if (!csv.empty())
+    if (file)
     {
-        OutputFiles outputs;
-        TextFile file = outputs.openText(csv);
-        std::FILE* f = file.get();
+        std::FILE* f = file->get();
         std::fprintf(f, "vertex,x,y,z,%s\n", kindName.c_str());
         const qyGeom::MeshVertex* v = mesh.getVertices();
         for (int i = 0; i < mesh.getNumVertices(); ++i)
             std::fprintf(f, "%d,%.9g,%.9g,%.9g,%.9g\n", i, v[i].x, v[i].y, v[i].z,
                          double(values[std::size_t(i)]));
-        file.close();
+        file->close();
         outputs.commit();
     }
 

@@ -1,18 +1,34 @@
 #include "MeshFiles.h"
 
+#include <cerrno>
+#include <cstring>
 #include <filesystem>
 #include <system_error>
 
 #include "base/AppOutput.h"
-#include "base/Color.h"
-#include "model/MeshSubset.h"
-#include "qyGeom/meshReadObj.h"
 #include "qyGeom/meshWriteObj.h"
 
 namespace qyCli
 {
 
 namespace fs = std::filesystem;
+
+namespace
+{
+
+int g_outputDigits = 0;
+
+} // namespace
+
+void setOutputDigits(int digits)
+{
+    g_outputDigits = digits;
+}
+
+int outputDigits()
+{
+    return g_outputDigits;
+}
 
 MeshFormat formatOf(const std::string& path)
 {
@@ -28,7 +44,7 @@ MeshFormat formatOf(const std::string& path)
                       path.c_str()));
 }
 
-void readMesh(const std::string& path, qyGeom::CompactMesh& mesh)
+void readInput(const std::string& path, ObjModel& model, ObjReadNotes& notes)
 {
     const MeshFormat kind = formatOf(path);
     std::error_code ec;
@@ -36,29 +52,97 @@ void readMesh(const std::string& path, qyGeom::CompactMesh& mesh)
         throw Failure(format("cannot read '%s': no such file", path.c_str()));
     if (fs::is_directory(path, ec))
         throw Failure(format("cannot read '%s': it is a directory", path.c_str()));
-    qyGeom::CompactMesh loaded;
+    notes = ObjReadNotes();
     if (kind == MeshFormat::Obj)
-    {
-        if (!qyGeom::meshReadObj(loaded, qyOS::Filename(path.c_str())))
-            throw Failure(
-                format("cannot read '%s': not an OBJ file with vertices and faces", path.c_str()));
-    }
+        readObjModel(path, model, notes);
     else
-        qyGeom::meshRead(loaded, qyOS::Filename(path.c_str()));
-    if (loaded.getNumTriangles() == 0)
-        throw Failure(format("'%s' holds no triangle", path.c_str()));
-    mesh.swap(loaded);
+    {
+        qyGeom::CompactMesh mesh;
+        qyGeom::meshRead(mesh, qyOS::Filename(path.c_str()));
+        objModelFromMesh(mesh, model);
+    }
+    if (model.numFaces() == 0)
+    {
+        std::string skipped;
+        for (const auto& [keyword, count] : notes.skippedStatements)
+            skipped +=
+                format("%s %d '%s' lines", skipped.empty() ? "" : ",", count, keyword.c_str());
+        throw Failure(format("'%s' holds no face (%d vertices%s%s)", path.c_str(),
+                             model.numVertices(), skipped.empty() ? "" : ";", skipped.c_str()));
+    }
 }
 
-namespace
+void reportReadNotes(const ObjReadNotes& notes)
 {
+    for (const auto& [keyword, count] : notes.skippedStatements)
+        warning("left out %d '%s' lines (statements that qygeom does not read)", count,
+                keyword.c_str());
+    if (notes.shortFaces)
+        warning("left out %d faces of fewer than 3 corners", notes.shortFaces);
+    if (notes.outsideFaces)
+        warning("left out %d faces that name a vertex the file does not have", notes.outsideFaces);
+    if (notes.outsideAttributes)
+        warning("dropped %d texture or normal indices that name no line of the file",
+                notes.outsideAttributes);
+    if (notes.extraNumberLines)
+        warning("ignored text after the numbers on %d lines (the first is line %ld)",
+                notes.extraNumberLines, notes.firstExtraNumberLine);
+    if (notes.droppedColours)
+        warning("dropped the colours of %d vertices, since not every vertex has one",
+                notes.droppedColours);
+}
 
-// Runs a checked library writer; when it fails, fails with the reason that it gave on the
-// application output ("<function>: cannot write '<file>': <reason>"), naming the file by its
-// final name.
-template <class Write>
-void writeChecked(const std::string& path, const OutputFiles& outputs, Write write)
+MeshOutput::MeshOutput(const std::string& path, OutputFiles& outputs, bool withLibrary)
+    : m_path(path), m_format(formatOf(path)), m_outputs(outputs)
 {
+    if (withLibrary && m_format != MeshFormat::Obj)
+        usageError(format("'%s': a mesh with a material is written as OBJ (.obj)", path.c_str()));
+    if (m_format == MeshFormat::Minimal)
+        m_staged = outputs.stage(path, OutputFiles::Direct::Allow);
+    else
+        m_file = std::make_unique<TextFile>(outputs.openText(
+            path, withLibrary ? OutputFiles::Direct::Refuse : OutputFiles::Direct::Allow));
+    if (!withLibrary)
+        return;
+    // The library goes beside the file that the name leads to (a link's target).
+    std::error_code ec;
+    fs::path real(path);
+    if (fs::is_symlink(real, ec))
+        real = fs::canonical(real, ec);
+    const fs::path library = real.parent_path() / (real.stem().string() + ".mtl");
+    m_libraryPath = library.string();
+    m_library = std::make_unique<TextFile>(outputs.openText(m_libraryPath));
+}
+
+void MeshOutput::write(const ObjModel& model)
+{
+    if (m_format == MeshFormat::Obj)
+    {
+        writeObjModel(model, m_file->get(), m_path, outputDigits(),
+                      fs::path(m_path).parent_path().string());
+        m_file->close();
+        return;
+    }
+    ObjTriangles triangles;
+    triangulateObjModel(model, false, triangles);
+    reportTriangulation(triangles);
+    std::string lost;
+    auto add = [&](int n, const char* what)
+    {
+        if (n > 0)
+            lost += format("%s %d %s", lost.empty() ? "" : ",", n, what);
+    };
+    add(model.numTexCoords(), "texture coordinates");
+    add(model.numNormals(), "normals");
+    add(model.colours.empty() ? 0 : model.numVertices(), "vertex colours");
+    add(int(model.materialNames().size()), "materials");
+    add(model.numGroups() > 1 ? model.numGroups() : 0, "groups");
+    add(int(model.libraries.size()), "material libraries");
+    if (!lost.empty())
+        warning("the minimal format (.qym) holds positions and triangles only; left out%s",
+                lost.c_str());
+
+    // The library's checked writer reports a failure on the application output.
     std::string message;
     qyOS::AppOutput& output = qyOS::AppOutput::getInstance();
     const qyOS::AppOutput::Sink previous = output.setSink(
@@ -66,53 +150,27 @@ void writeChecked(const std::string& path, const OutputFiles& outputs, Write wri
         {
             if (kind == qyOS::AppOutput::ErrorMessage)
                 message = text;
-            else
-                std::fputs(text, stderr);
         });
-    const bool ok = write();
+    const bool ok = qyGeom::meshWriteChecked(triangles.mesh, qyOS::Filename(m_staged.c_str()),
+                                             qyGeom::MeshWriteOptions{outputDigits()});
     output.setSink(previous);
     if (ok)
         return;
-    const std::string marker = "cannot write '";
-    const std::size_t start = message.find(marker);
-    const std::size_t end = message.rfind("': ");
-    if (start == std::string::npos || end == std::string::npos || end < start)
-        throw Failure(format("cannot write '%s'", path.c_str()));
-    const std::string file = message.substr(start + marker.size(), end - start - marker.size());
-    std::string reason = message.substr(end + 3);
+    const std::size_t at = message.rfind("': ");
+    std::string reason = at == std::string::npos ? "the write failed" : message.substr(at + 3);
     while (!reason.empty() && reason.back() == '\n')
         reason.pop_back();
-    throw Failure(
-        format("cannot write '%s': %s", outputs.finalNameOf(file).c_str(), reason.c_str()));
+    throw Failure(format("cannot write '%s': %s", m_path.c_str(), reason.c_str()));
 }
 
-} // namespace
-
-void writeMesh(const qyGeom::CompactMesh& mesh, const std::string& path, OutputFiles& outputs)
+void MeshOutput::writeLibrary(const std::string& text)
 {
-    const MeshFormat kind = formatOf(path);
-    const qyOS::Filename file(outputs.stage(path, OutputFiles::Direct::Allow).c_str());
-    if (kind == MeshFormat::Obj)
-        writeChecked(path, outputs, [&] { return qyGeom::meshWriteObjChecked(mesh, file); });
-    else
-        writeChecked(path, outputs, [&] { return qyGeom::meshWriteChecked(mesh, file); });
-}
-
-void writeObjWithMaterial(const qyGeom::CompactMesh& mesh, const std::string& path,
-                          OutputFiles& outputs)
-{
-    if (formatOf(path) != MeshFormat::Obj)
-        usageError(format("'%s': a mesh with a material is written as OBJ (.obj)", path.c_str()));
-    const qyOS::Filename file(outputs.stage(path).c_str());
-    // One subset of every triangle, under one light grey material.
-    std::vector<int> triangles(std::size_t(mesh.getNumTriangles()));
-    for (int t = 0; t < mesh.getNumTriangles(); ++t)
-        triangles[std::size_t(t)] = t;
-    qy::list<qy::Reference<qyGeom::MeshSubset>> subsets;
-    subsets.emplace_back(new qyGeom::MeshSubset({}, std::move(triangles)));
-    const qy::list<qyUtil::Color> colours{qyUtil::Color(0.8f, 0.8f, 0.8f)};
-    writeChecked(path, outputs,
-                 [&] { return qyGeom::meshWriteObjChecked(mesh, subsets, colours, file); });
+    std::FILE* f = m_library->get();
+    errno = 0;
+    if (std::fwrite(text.data(), 1, text.size(), f) != text.size())
+        throw Failure(format("cannot write '%s': %s", m_libraryPath.c_str(),
+                             std::strerror(errno ? errno : EIO)));
+    m_library->close();
 }
 
 } // namespace qyCli

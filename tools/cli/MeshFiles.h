@@ -2,10 +2,11 @@
 // library's minimal counted format for ".qym".
 #pragma once
 
+#include <memory>
 #include <string>
 
 #include "Cli.h"
-#include "model/CompactMesh.h"
+#include "ObjModel.h"
 
 namespace qyCli
 {
@@ -19,18 +20,50 @@ enum class MeshFormat
 /// The format a file name asks for; fails (usage error) for an unknown extension.
 MeshFormat formatOf(const std::string& path);
 
-/// Reads `path` into `mesh` as it stands in the file (no welding). Fails with a clear message
-/// when the file is missing, unreadable, or holds no triangle.
-void readMesh(const std::string& path, qyGeom::CompactMesh& mesh);
+/// Significant digits of the numbers written (--precision); 0, the default, writes the
+/// shortest text that reads back to the same float32.
+void setOutputDigits(int digits);
+int outputDigits();
 
-/// Writes `mesh` for `path` through `outputs` (staged; a character device or FIFO directly),
-/// to appear at `path` when the caller commits. In OBJ, normals and UVs the mesh carries are
-/// written too. Fails with the reason when a write fails (a full disk, a file size limit).
-void writeMesh(const qyGeom::CompactMesh& mesh, const std::string& path, OutputFiles& outputs);
+/// Reads `path` into `model` as it stands in the file (no welding, polygons kept). Fails with
+/// one clear line when the file is missing, a directory, unreadable, or holds no face. A
+/// minimal-format file gives positions and triangles.
+void readInput(const std::string& path, ObjModel& model, ObjReadNotes& notes);
 
-/// Writes an OBJ file with one material (and its library beside it: the OBJ file's name
-/// with ".mtl") through `outputs`, to appear when the caller commits.
-void writeObjWithMaterial(const qyGeom::CompactMesh& mesh, const std::string& path,
-                          OutputFiles& outputs);
+/// Prints a warning line on standard error for each thing the reader left out or changed
+/// (lines longer than the library reader's limit are for `info` to report).
+void reportReadNotes(const ObjReadNotes& notes);
+
+/// A mesh output, staged when the command starts so that a bad output name or folder is
+/// refused before any work.
+class MeshOutput
+{
+public:
+    /// With `withLibrary`, the output is an OBJ file that gets a material library beside it
+    /// (`libraryPath()`), and a device or FIFO is refused.
+    MeshOutput(const std::string& path, OutputFiles& outputs, bool withLibrary = false);
+
+    const std::string& path() const { return m_path; }
+    MeshFormat meshFormat() const { return m_format; }
+    /// The material library's final name (withLibrary only): the OBJ file's name with ".mtl",
+    /// beside the file that the name leads to.
+    const std::string& libraryPath() const { return m_libraryPath; }
+
+    /// Writes `model`: as OBJ, everything it holds; in the minimal format its triangles (the
+    /// polygons triangulated, said on standard output), with one warning line naming what
+    /// that format cannot hold.
+    void write(const ObjModel& model);
+    /// Writes the material library (withLibrary only).
+    void writeLibrary(const std::string& text);
+
+private:
+    std::string m_path;
+    MeshFormat m_format;
+    OutputFiles& m_outputs;
+    std::unique_ptr<TextFile> m_file;
+    std::string m_staged; // the minimal format's staged path
+    std::string m_libraryPath;
+    std::unique_ptr<TextFile> m_library;
+};
 
 } // namespace qyCli

@@ -1,0 +1,42 @@
+// The topology that `info` reports: edges, pieces, boundary loops, Euler characteristic and
+// genus, each piece on its own, over the vertices that triangles use.
+#pragma once
+
+#include <vector>
+
+#include "model/CompactMesh.h"
+
+namespace qyCli
+{
+
+/// One connected piece (triangles joined through shared vertices).
+struct TopologyPiece
+{
+    int vertices = 0, triangles = 0, boundaryLoops = 0, nonManifoldEdges = 0;
+    long long edges = 0;
+    long long euler() const { return vertices - edges + triangles; }
+    /// From chi = 2 - 2g - b; meaningful only without non-manifold edges.
+    long long genus() const { return (2 - boundaryLoops - euler()) / 2; }
+};
+
+struct TopologySummary
+{
+    int vertices = 0;     ///< vertices that some triangle uses
+    int unreferenced = 0; ///< vertices that no triangle uses, left out of the counts below
+    int triangles = 0;    ///< triangles with three distinct corners
+    long long edges = 0;
+    int boundaryEdges = 0, nonManifoldEdges = 0, boundaryLoops = 0;
+    int degenerate = 0, duplicates = 0;
+    bool oriented = false;
+    std::vector<TopologyPiece> pieces; ///< in the order of their lowest triangle
+
+    long long euler() const { return vertices - edges + triangles; }
+    /// The sum of the pieces' genus.
+    long long genus() const;
+};
+
+/// Measures `mesh` (whose triangle selection it uses as scratch). Degenerate triangles have a
+/// repeated corner or no area; duplicates repeat an earlier triangle's corners.
+TopologySummary summarizeTopology(qyGeom::CompactMesh& mesh);
+
+} // namespace qyCli
