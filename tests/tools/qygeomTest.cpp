@@ -1,5 +1,6 @@
 // Drives the qygeom program as a user would: commands on files written here, the demo,
 // errors, and a run cancelled with Ctrl-C.
+#include <array>
 #include <cctype>
 #include <chrono>
 #include <csignal>
@@ -7,6 +8,7 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <sstream>
 #include <string>
 #include <sys/resource.h>
@@ -604,3 +606,246 @@ TEST_F(Qygeom, InfoCountsTrianglesWithoutAreaAsDegenerate)
 }
 
 } // namespace
+
+namespace
+{
+
+// A disk of two quads, two triangles and a hexagon at survey coordinates, with texture
+// coordinates, normals, two groups under two materials, and a vertex that no face uses.
+const char* const surveyObj = "mtllib survey.mtl\n"
+                              "v 500123.25 4100456.50 12.125\n"
+                              "v 500124.75 4100456.50 12.125\n"
+                              "v 500126.25 4100456.50 12.125\n"
+                              "v 500127.75 4100456.50 12.125\n"
+                              "v 500123.25 4100457.75 12.125\n"
+                              "v 500124.75 4100457.75 12.1875\n"
+                              "v 500126.25 4100457.75 12.25\n"
+                              "v 500127.75 4100457.75 12.3125\n"
+                              "v 500123.25 4100459 12.125\n"
+                              "v 500124.75 4100459 12.25\n"
+                              "v 500126.25 4100459 12.375\n"
+                              "v 1e7 -3 0.1\n"
+                              "vt 0.1 0.2\nvt 0.3 0.2\nvt 0.7 0.2\nvt 0.9 0.2\n"
+                              "vt 0.1 0.6\nvt 0.3 0.6\nvt 0.7 0.6\nvt 0.9 0.6\n"
+                              "vt 0.1 0.9\nvt 0.3 0.9\nvt 0.7 0.9\n"
+                              "vn 0 0 1\nvn 0 0.1 0.99\n"
+                              "g bottom\nusemtl red\n"
+                              "f 1/1/1 2/2/1 6/6/1 5/5/1\n"
+                              "f 2/2/1 3/3/1 7/7/1 6/6/1\n"
+                              "f 3/3/1 4/4/1 8/8/1\n"
+                              "f 3/3/1 8/8/1 7/7/1\n"
+                              "g top\nusemtl blue\n"
+                              "f 5/5/2 6/6/2 7/7/2 11/11/2 10/10/2 9/9/2\n";
+
+int countLines(const std::string& text, const std::string& prefix)
+{
+    int n = 0;
+    for (std::size_t at = 0; at < text.size();)
+    {
+        n += text.compare(at, prefix.size(), prefix) == 0;
+        const std::size_t nl = text.find('\n', at);
+        at = nl == std::string::npos ? text.size() : nl + 1;
+    }
+    return n;
+}
+
+// The "v" lines of an OBJ file as float32 triples, sorted (welding reorders vertices).
+std::vector<std::array<float, 3>> positions(const std::string& text)
+{
+    std::vector<std::array<float, 3>> out;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);)
+        if (line.starts_with("v "))
+        {
+            std::array<float, 3> p{};
+            char* at = line.data() + 2;
+            for (float& x : p)
+                x = std::strtof(at, &at);
+            out.push_back(p);
+        }
+    std::sort(out.begin(), out.end());
+    return out;
+}
+
+// Face lines by corner count.
+std::map<int, int> faceSizes(const std::string& text)
+{
+    std::map<int, int> sizes;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);)
+        if (line.starts_with("f "))
+        {
+            std::istringstream corners(line.substr(2));
+            int n = 0;
+            for (std::string c; corners >> c;)
+                ++n;
+            ++sizes[n];
+        }
+    return sizes;
+}
+
+} // namespace
+
+TEST_F(Qygeom, CommandsReadPolygonsAndKeepAttributesAndExactNumbers)
+{
+    std::ofstream(dir / "survey.obj") << surveyObj;
+    std::ofstream(dir / "survey.mtl") << "newmtl red\nKd 1 0 0\n\nnewmtl blue\nKd 0 0 1\n";
+    const std::string input = slurp(dir / "survey.obj");
+    const auto inputPositions = positions(input);
+
+    Outcome r = run(dir, {"info", "survey.obj"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.err, "");
+    for (const char* line :
+         {"  vertices:            12\n",
+          "  unreferenced vertices: 1 (no face uses them; left out of the topology below)\n",
+          "  faces:               5 (2 triangles, 2 quads, 1 larger polygons)\n",
+          "  triangles:           10 (the polygons split into 8)\n", "  texture coordinates: 11\n",
+          "  normals:             2\n",
+          "  edges:               15 (10 on a boundary, 0 non-manifold)\n",
+          "  components:          1\n", "  boundary loops:      1\n", "  Euler characteristic: 1\n",
+          "  genus:               0\n", "  texture charts:      1\n",
+          "  materials:           2 (red, blue)\n", "  material library:    survey.mtl\n",
+          "  groups:              2\n",
+          "  bounding box:        (500123.25, -3, 0.100000001) to (10000000, 4100459, 12.375)\n"})
+        EXPECT_NE(r.out.find(line), std::string::npos) << line << r.out;
+
+    // Each command writes the attributes it does not change as they were, and numbers that
+    // read back to the same float32.
+    struct Case
+    {
+        std::vector<std::string> args;
+        int vt, vn, usemtl;
+        std::map<int, int> faces; // corner count -> faces
+    };
+    const std::vector<Case> cases = {
+        {{"convert", "survey.obj", "out.obj"}, 11, 2, 2, {{3, 2}, {4, 2}, {6, 1}}},
+        {{"weld", "survey.obj", "out.obj"}, 11, 2, 2, {{3, 2}, {4, 2}, {6, 1}}},
+        {{"normals", "survey.obj", "out.obj"}, 11, 12, 2, {{3, 2}, {4, 2}, {6, 1}}},
+        {{"flatten", "survey.obj", "out.obj"}, 11, 2, 2, {{3, 10}}},
+    };
+    for (const Case& c : cases)
+    {
+        SCOPED_TRACE(c.args[0]);
+        r = run(dir, c.args);
+        ASSERT_EQ(r.status, 0) << r.err;
+        EXPECT_EQ(r.err, "");
+        const std::string out = slurp(dir / "out.obj");
+        EXPECT_EQ(countLines(out, "vt "), c.vt) << out;
+        EXPECT_EQ(countLines(out, "vn "), c.vn);
+        EXPECT_EQ(countLines(out, "usemtl "), c.usemtl);
+        EXPECT_EQ(countLines(out, "g "), 2);
+        EXPECT_EQ(out.rfind("mtllib survey.mtl\n", 0), 0u);
+        EXPECT_EQ(faceSizes(out), c.faces);
+        EXPECT_EQ(positions(out), inputPositions);
+        EXPECT_NE(out.find("v 500123.25 4100456.5 12.125\n"), std::string::npos);
+        if (c.args[0] == "flatten")
+        {
+            EXPECT_NE(r.out.find("triangulated 3 polygons into 8 triangles\n"), std::string::npos)
+                << r.out;
+            EXPECT_NE(r.out.find("1 vertices that no face uses take no part in the layout"),
+                      std::string::npos)
+                << r.out;
+            EXPECT_NE(r.out.find(", 0 flipped, 0 without area, 0% of the covered area overlapped "
+                                 "(0 triangles)\n"),
+                      std::string::npos)
+                << r.out;
+            EXPECT_FALSE(fs::exists(dir / "out.mtl")); // the input's materials are kept
+        }
+        else
+            EXPECT_EQ(r.out.find("triangulated"), std::string::npos) << r.out;
+        // What the commands write, the strict parser reads.
+        EXPECT_EQ(run(dir, {"check", "out.obj"}).status, 0);
+    }
+
+    // The minimal format keeps positions and triangles, and says in one line what it drops;
+    // its numbers come back to the same float32 as well.
+    r = run(dir, {"convert", "survey.obj", "out.qym"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.err, "qygeom convert: warning: the minimal format (.qym) holds positions and "
+                     "triangles only; left out 11 texture coordinates, 2 normals, 2 materials, 2 "
+                     "groups, 1 material libraries\n");
+    EXPECT_NE(r.out.find("triangulated 3 polygons into 8 triangles\n"), std::string::npos);
+    r = run(dir, {"convert", "out.qym", "back.obj"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(positions(slurp(dir / "back.obj")), inputPositions);
+
+    // Fewer digits only when asked: six digits merge the survey points.
+    r = run(dir, {"--precision", "6", "convert", "survey.obj", "six.obj"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_NE(slurp(dir / "six.obj").find("v 500123 4.10046e+06 12.125\n"), std::string::npos);
+    EXPECT_EQ(run(dir, {"--precision", "0", "info", "survey.obj"}).status, 2);
+}
+
+TEST_F(Qygeom, RefusalsAndWarningsNameTheFileTheLineAndTheReason)
+{
+    std::ofstream(dir / "survey.obj") << surveyObj;
+    // An error inside the material library is reported against the library, with its line.
+    std::ofstream(dir / "survey.mtl") << "newmtl red\nKd 1 0 0\nmap_Kd \"a b.png\"\n";
+    Outcome r = run(dir, {"check", "survey.obj"});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.err, "qygeom check: survey.mtl: line 3: Lexical analysis failed (a character "
+                     "that material libraries may not hold)\n");
+    std::ofstream(dir / "survey.mtl") << "newmtl red\nKe 1 0 0\n";
+    r = run(dir, {"check", "survey.obj"});
+    EXPECT_EQ(r.err, "qygeom check: survey.mtl: Parse failed on line 2: expecting 'newmtl' or "
+                     "end of file\n");
+    fs::remove(dir / "survey.mtl");
+    r = run(dir, {"check", "survey.obj"});
+    EXPECT_EQ(r.err, "qygeom check: survey.obj: line 1: cannot open the material library "
+                     "'survey.mtl'\n");
+    fs::create_directory(dir / "folder.obj");
+    r = run(dir, {"check", "folder.obj"});
+    EXPECT_EQ(r.err, "qygeom check: cannot read 'folder.obj': it is a directory\n");
+
+    // Outputs: one name per output, an SVG named .svg, and a missing folder refused before
+    // any work (nothing on standard output).
+    r = run(dir, {"flatten", "survey.obj", "flat.obj", "--svg", "flat.mtl"});
+    EXPECT_EQ(r.status, 2);
+    EXPECT_NE(r.err.find("ends in .svg"), std::string::npos) << r.err;
+    std::ofstream(dir / "flat.obj") << "old\n";
+    fs::create_symlink("flat.obj", dir / "pic.svg");
+    r = run(dir, {"flatten", "survey.obj", "flat.obj", "--svg", "pic.svg"});
+    EXPECT_EQ(r.status, 2);
+    EXPECT_NE(r.err.find("name the same file"), std::string::npos) << r.err;
+    EXPECT_EQ(slurp(dir / "flat.obj"), "old\n");
+    r = run(dir, {"flatten", "survey.obj", "missing/flat.obj"});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.out, "");
+    EXPECT_EQ(r.err, "qygeom flatten: cannot write 'missing/flat.obj': no directory 'missing'\n");
+
+    // A line longer than the library reader takes is read whole, and info says so.
+    std::ofstream(dir / "long.obj") << "# " << std::string(20000, 'x') << "\n" << surveyObj;
+    r = run(dir, {"info", "long.obj"});
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.err, "qygeom info: warning: line 1 is 20002 bytes long; the library's OBJ "
+                     "reader (meshReadObj) reads lines of at most 16383 bytes\n");
+    // Statements the program does not read, and numbers it cannot, are said.
+    std::ofstream(dir / "lines.obj") << surveyObj << "l 1 2\nl 2 3\n";
+    r = run(dir, {"convert", "lines.obj", "out.obj"});
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.err, "qygeom convert: warning: left out 2 'l' lines (statements that qygeom "
+                     "does not read)\n");
+    std::ofstream(dir / "inf.obj") << "v 0 0 0\nv 1 0 0\nv 0 1e39 0\nf 1 2 3\n";
+    r = run(dir, {"info", "inf.obj"});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.err, "qygeom info: cannot read 'inf.obj': line 3: a vertex has a number that "
+                     "is not finite in single precision\n");
+
+    // The environment's thread count is checked as --threads is; --version answers.
+    for (const char* bad : {"0", "abc", "100000"})
+    {
+        setenv("QYGEOM_THREADS", bad, 1);
+        r = run(dir, {"info", "survey.obj"});
+        EXPECT_EQ(r.status, 0);
+        EXPECT_EQ(r.err.rfind("qygeom: warning: QYGEOM_THREADS='" + std::string(bad) +
+                                  "' is not a number from 1 to 1024; using ",
+                              0),
+                  0u)
+            << r.err;
+    }
+    unsetenv("QYGEOM_THREADS");
+    r = run(dir, {"--version"});
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.out.rfind("qygeom ", 0), 0u);
+}

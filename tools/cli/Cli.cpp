@@ -549,6 +549,20 @@ TextFile OutputFiles::openText(const std::string& finalPath, Direct direct)
     return TextFile(file, finalPath, true);
 }
 
+void OutputFiles::discard(const std::string& finalPath)
+{
+    for (std::size_t i = 0; i < m_staging.size(); ++i)
+        if (m_staging[i].userName == finalPath)
+        {
+            std::error_code ignored;
+            fs::remove_all(m_staging[i].folder, ignored);
+            unregisterStagingFolder(m_staging[i].folder);
+            m_staging.erase(m_staging.begin() + std::ptrdiff_t(i));
+            break;
+        }
+    std::erase(m_written, finalPath);
+}
+
 std::string OutputFiles::finalNameOf(const std::string& temporaryPath) const
 {
     const fs::path temporary(temporaryPath);

@@ -172,6 +172,8 @@ public:
     /// Opens `finalPath` for text as stage() would, or, with Direct::Allow, the program's own
     /// standard output or error when `finalPath` names the file that it goes to.
     TextFile openText(const std::string& finalPath, Direct direct = Direct::Allow);
+    /// Gives up the output staged for `finalPath`: it is not written, and the name is free.
+    void discard(const std::string& finalPath);
     /// The final name that a file of the private folders goes to.
     std::string finalNameOf(const std::string& temporaryPath) const;
     /// Flushes every staged file to the disk and moves it to its final place, or fails

@@ -70,8 +70,13 @@ void printTopology(const TopologySummary& t, long long faceEdges)
     std::printf("  components:          %zu\n", t.pieces.size());
     std::printf("  boundary loops:      %d\n", t.boundaryLoops);
     std::printf("  Euler characteristic: %lld\n", t.euler());
-    if (t.nonManifoldEdges > 0)
-        std::printf("  genus:               undefined (non-manifold edges)\n");
+    const int withoutGenus = t.piecesWithoutGenus();
+    if (t.pieces.size() == 1 && withoutGenus)
+        std::printf("  genus:               undefined (not a surface: %s)\n",
+                    t.nonManifoldEdges ? "non-manifold edges" : "sheets touch at a vertex");
+    else if (withoutGenus)
+        std::printf("  genus:               undefined (%d of the pieces are not surfaces)\n",
+                    withoutGenus);
     else if (t.pieces.size() > 1)
         std::printf("  genus:               %lld (the sum over the pieces)\n", t.genus());
     else
@@ -85,8 +90,9 @@ void printTopology(const TopologySummary& t, long long faceEdges)
             std::printf("    piece %zu: %d vertices, %d triangles, %d boundary loops, Euler "
                         "characteristic %lld, genus ",
                         i + 1, p.vertices, p.triangles, p.boundaryLoops, p.euler());
-            if (p.nonManifoldEdges > 0)
-                std::printf("undefined (non-manifold edges)\n");
+            if (!p.hasGenus())
+                std::printf("undefined (not a surface: %s)\n",
+                            p.nonManifoldEdges ? "non-manifold edges" : "sheets touch at a vertex");
             else
                 std::printf("%lld\n", p.genus());
         }
@@ -155,7 +161,8 @@ void flatten(CompactMesh& mesh, bool cut, bool compact, std::vector<int>* welded
         weld(mesh, "Welding", &remap);
     if (weldedOf)
         for (int& v : *weldedOf)
-            v = remap.getDomainSize() > v ? remap(v) : v;
+            if (v >= 0 && v < remap.getDomainSize())
+                v = remap(v);
     requireNotCancelled();
     requireOnePiece(mesh);
     {
@@ -224,9 +231,10 @@ const char* const layoutMaterialLibrary = "newmtl mat0\n"
 // The flattened mesh as a model: its vertices with their UVs, and for each triangle the
 // normal indices, groups and materials of the input corner and face it came from. Without
 // materials in the input every face gets the layout's own material, `library`.
+// The vertices that no face uses, `unused`, follow the flattened ones without UVs.
 void flattenedModel(const ObjModel& input, const ObjTriangles& tris, const CompactMesh& flat,
                     const std::vector<int>& weldedOf, const std::vector<int>& source,
-                    const std::string& library, ObjModel& out)
+                    const std::vector<int>& unused, const std::string& library, ObjModel& out)
 {
     out = ObjModel();
     out.directory = input.directory;
@@ -238,6 +246,9 @@ void flattenedModel(const ObjModel& input, const ObjTriangles& tris, const Compa
     out.positions.assign(xyz, xyz + 3 * std::ptrdiff_t(flat.getNumVertices()));
     const float* uv = flat.getUVsRaw();
     out.texCoords.assign(uv, uv + 2 * std::ptrdiff_t(flat.getNumVertices()));
+    for (const int v : unused)
+        out.positions.insert(out.positions.end(), input.positions.begin() + 3 * std::ptrdiff_t(v),
+                             input.positions.begin() + 3 * std::ptrdiff_t(v) + 3);
     out.normals = input.normals;
     const int* t = flat.getTrianglesRaw();
     for (int i = 0; i < flat.getNumTriangles(); ++i)
@@ -366,7 +377,7 @@ int runDemo(Args& args)
         throw Failure("the flattened mesh has no UVs");
     svg.close();
     ObjModel flat;
-    flattenedModel(input, tris, tris.mesh, weldedOf, source, output.libraryPath(), flat);
+    flattenedModel(input, tris, tris.mesh, weldedOf, source, {}, output.libraryPath(), flat);
     output.write(flat);
     output.writeLibrary(layoutMaterialLibrary);
     outputs.commit();
@@ -762,10 +773,38 @@ int runFlatten(Args& args)
                     model.numTexCoords());
     ObjTriangles tris;
     triangles(model, in, tris);
-    std::vector<int> weldedOf(std::size_t(model.numVertices())), source;
-    for (std::size_t v = 0; v < weldedOf.size(); ++v)
-        weldedOf[v] = int(v);
+    // Vertices that no face uses take no part in the layout: they are set aside and written
+    // after the flattened ones. weldedOf follows each input vertex into the mesh flattened.
+    std::vector<int> weldedOf(std::size_t(model.numVertices()), -1), source, unused;
     CompactMesh& mesh = tris.mesh;
+    {
+        int* t = mesh.getTrianglesRaw();
+        for (int i = 0; i < 3 * mesh.getNumTriangles(); ++i)
+            weldedOf[std::size_t(t[i])] = 0;
+        std::vector<float> kept;
+        for (int v = 0; v < model.numVertices(); ++v)
+            if (weldedOf[std::size_t(v)] < 0)
+                unused.push_back(v);
+            else
+            {
+                weldedOf[std::size_t(v)] = int(kept.size() / 3);
+                kept.insert(kept.end(), model.positions.begin() + 3 * std::ptrdiff_t(v),
+                            model.positions.begin() + 3 * std::ptrdiff_t(v) + 3);
+            }
+        if (!unused.empty())
+        {
+            std::vector<int> renumbered(t, t + 3 * std::ptrdiff_t(mesh.getNumTriangles()));
+            for (int& v : renumbered)
+                v = weldedOf[std::size_t(v)];
+            CompactMesh used(int(kept.size() / 3),
+                             reinterpret_cast<const qyGeom::MeshVertex*>(kept.data()));
+            used.copyTriangles(int(renumbered.size() / 3), renumbered.data());
+            mesh.swap(used);
+            std::printf("%zu vertices that no face uses take no part in the layout (written "
+                        "without UVs)\n",
+                        unused.size());
+        }
+    }
     flatten(mesh, !noCut, !noCompact, &weldedOf, &source);
 
     const UvLayoutStats stats = measureUvLayout(mesh);
@@ -777,10 +816,12 @@ int runFlatten(Args& args)
     }
     requireNotCancelled();
     ObjModel flat;
-    flattenedModel(model, tris, mesh, weldedOf, source, output.libraryPath(), flat);
+    flattenedModel(model, tris, mesh, weldedOf, source, unused, output.libraryPath(), flat);
     output.write(flat);
     if (model.materialNames().empty())
         output.writeLibrary(layoutMaterialLibrary);
+    else
+        output.dropLibrary();
     outputs.commit();
     std::printf("flattened %d vertices, %d triangles; wrote %s", mesh.getNumVertices(),
                 mesh.getNumTriangles(), out.c_str());

@@ -163,6 +163,12 @@ void MeshOutput::write(const ObjModel& model)
     throw Failure(format("cannot write '%s': %s", m_path.c_str(), reason.c_str()));
 }
 
+void MeshOutput::dropLibrary()
+{
+    m_library->close();
+    m_outputs.discard(m_libraryPath);
+}
+
 void MeshOutput::writeLibrary(const std::string& text)
 {
     std::FILE* f = m_library->get();

@@ -55,6 +55,8 @@ public:
     void write(const ObjModel& model);
     /// Writes the material library (withLibrary only).
     void writeLibrary(const std::string& text);
+    /// Gives the material library up (withLibrary only): it is not written.
+    void dropLibrary();
 
 private:
     std::string m_path;

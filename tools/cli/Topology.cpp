@@ -20,6 +20,12 @@ long long TopologySummary::genus() const
     return g;
 }
 
+int TopologySummary::piecesWithoutGenus() const
+{
+    return int(std::count_if(pieces.begin(), pieces.end(),
+                             [](const TopologyPiece& p) { return !p.hasGenus(); }));
+}
+
 TopologySummary summarizeTopology(qyGeom::CompactMesh& mesh)
 {
     TopologySummary out;

@@ -15,8 +15,15 @@ struct TopologyPiece
     int vertices = 0, triangles = 0, boundaryLoops = 0, nonManifoldEdges = 0;
     long long edges = 0;
     long long euler() const { return vertices - edges + triangles; }
-    /// From chi = 2 - 2g - b; meaningful only without non-manifold edges.
+    /// From chi = 2 - 2g - b; meaningful only for a surface (hasGenus()).
     long long genus() const { return (2 - boundaryLoops - euler()) / 2; }
+    /// A surface: no non-manifold edge, and 2 - b - chi even and not negative (a vertex
+    /// where two sheets touch breaks that).
+    bool hasGenus() const
+    {
+        const long long twice = 2 - boundaryLoops - euler();
+        return nonManifoldEdges == 0 && twice >= 0 && twice % 2 == 0;
+    }
 };
 
 struct TopologySummary
@@ -33,6 +40,8 @@ struct TopologySummary
     long long euler() const { return vertices - edges + triangles; }
     /// The sum of the pieces' genus.
     long long genus() const;
+    /// Pieces that are not surfaces (see TopologyPiece::hasGenus).
+    int piecesWithoutGenus() const;
 };
 
 /// Measures `mesh` (whose triangle selection it uses as scratch). Degenerate triangles have a
