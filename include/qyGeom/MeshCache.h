@@ -14,6 +14,8 @@ class CompactMesh;
 class MeshAdjTris;
 class MeshAdjVertices;
 class MeshBoundaries;
+class MeshEdges;
+class MeshTopology;
 class Octree;
 class OctreeLines;
 class OctreeTris;
@@ -44,6 +46,10 @@ public:
     qy::Reference<OctreeTris> getOctreeTris(const CompactMesh& mesh);
     /// Lines per voxel of getOctree(mesh, -1) (meshOctreeLines).
     qy::Reference<OctreeLines> getOctreeLines(const CompactMesh& mesh);
+    /// Undirected edges (meshEdges).
+    qy::Reference<MeshEdges> getEdges(const CompactMesh& mesh);
+    /// Topology summary (meshTopology over getEdges and getBoundaries).
+    qy::Reference<MeshTopology> getTopology(const CompactMesh& mesh);
 
 protected:
     MeshCache() = default;
@@ -64,6 +70,12 @@ protected:
     virtual void setOctreeTrisImpl(const CompactMesh& mesh, qy::Reference<OctreeTris> s) = 0;
     virtual void setOctreeLinesImpl(const CompactMesh& mesh, qy::Reference<OctreeLines> s) = 0;
     virtual void setBoundariesImpl(const CompactMesh& mesh, qy::Reference<MeshBoundaries> s) = 0;
+    /// The edges and the topology summary. These came after the others: a cache that does not
+    /// override them stores nothing, and every request builds them anew.
+    virtual qy::Reference<MeshEdges> getEdgesImpl(const CompactMesh& mesh);
+    virtual qy::Reference<MeshTopology> getTopologyImpl(const CompactMesh& mesh);
+    virtual void setEdgesImpl(const CompactMesh& mesh, qy::Reference<MeshEdges> s);
+    virtual void setTopologyImpl(const CompactMesh& mesh, qy::Reference<MeshTopology> s);
 };
 
 /// A cache that keeps every structure of a mesh until the mesh is modified or destroyed.
@@ -95,6 +107,10 @@ protected:
     void setOctreeTrisImpl(const CompactMesh& mesh, qy::Reference<OctreeTris> s) override;
     void setOctreeLinesImpl(const CompactMesh& mesh, qy::Reference<OctreeLines> s) override;
     void setBoundariesImpl(const CompactMesh& mesh, qy::Reference<MeshBoundaries> s) override;
+    qy::Reference<MeshEdges> getEdgesImpl(const CompactMesh& mesh) override;
+    qy::Reference<MeshTopology> getTopologyImpl(const CompactMesh& mesh) override;
+    void setEdgesImpl(const CompactMesh& mesh, qy::Reference<MeshEdges> s) override;
+    void setTopologyImpl(const CompactMesh& mesh, qy::Reference<MeshTopology> s) override;
 
 private:
     struct Impl;

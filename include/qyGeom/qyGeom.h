@@ -50,6 +50,7 @@
 #include "qyGeom/meshOctree.h"
 #include "qyGeom/meshReadObj.h"
 #include "qyGeom/meshReadObjMaterial.h"
+#include "qyGeom/meshTopology.h"
 #include "qyGeom/meshTriangulatePolygons.h"
 #include "qyGeom/meshWriteObj.h"
 #include "qyGeom/polygonTriangulate.h"

@@ -13,6 +13,7 @@
 #include "qyGeom/meshBoundary.h"
 #include "qyGeom/meshBoundingBox.h"
 #include "qyGeom/meshOctree.h"
+#include "qyGeom/meshTopology.h"
 
 namespace qyGeom
 {
@@ -92,17 +93,54 @@ qy::Reference<OctreeLines> MeshCache::getOctreeLines(const CompactMesh& mesh)
     return built;
 }
 
+qy::Reference<MeshEdges> MeshCache::getEdges(const CompactMesh& mesh)
+{
+    if (qy::Reference<MeshEdges> cached = getEdgesImpl(mesh))
+        return cached;
+    qy::Reference<MeshEdges> built = qy::makeReference<MeshEdges>();
+    meshEdges(mesh, *built);
+    setEdgesImpl(mesh, built);
+    return built;
+}
+
+qy::Reference<MeshTopology> MeshCache::getTopology(const CompactMesh& mesh)
+{
+    if (qy::Reference<MeshTopology> cached = getTopologyImpl(mesh))
+        return cached;
+    const qy::Reference<MeshEdges> edges = getEdges(mesh);
+    const qy::Reference<MeshBoundaries> boundaries = getBoundaries(mesh);
+    qy::Reference<MeshTopology> built = qy::makeReference<MeshTopology>();
+    meshTopology(mesh, *edges, *boundaries, *built);
+    setTopologyImpl(mesh, built);
+    return built;
+}
+
+qy::Reference<MeshEdges> MeshCache::getEdgesImpl(const CompactMesh&)
+{
+    return {};
+}
+
+qy::Reference<MeshTopology> MeshCache::getTopologyImpl(const CompactMesh&)
+{
+    return {};
+}
+
+void MeshCache::setEdgesImpl(const CompactMesh&, qy::Reference<MeshEdges>) {}
+
+void MeshCache::setTopologyImpl(const CompactMesh&, qy::Reference<MeshTopology>) {}
+
 // ---------------------------------------------------------------------------------------------
 
 namespace
 {
 
-// The six handles of one mesh, and the two subscriptions that drop them. Erasing the entry
+// The handles of one mesh, and the two subscriptions that drop them. Erasing the entry
 // disconnects both, so a mesh is subscribed to at most once per cache.
 struct Entry
 {
     std::tuple<qy::Reference<MeshAdjTris>, qy::Reference<MeshAdjVertices>, qy::Reference<Octree>,
-               qy::Reference<OctreeTris>, qy::Reference<OctreeLines>, qy::Reference<MeshBoundaries>>
+               qy::Reference<OctreeTris>, qy::Reference<OctreeLines>, qy::Reference<MeshBoundaries>,
+               qy::Reference<MeshEdges>, qy::Reference<MeshTopology>>
         handles;
     qyRTB::ScopedConnection destroyed;
     qyRTB::ScopedConnection modified;
@@ -210,6 +248,26 @@ void SimpleMeshCache::setOctreeLinesImpl(const CompactMesh& mesh, qy::Reference<
 }
 
 void SimpleMeshCache::setBoundariesImpl(const CompactMesh& mesh, qy::Reference<MeshBoundaries> s)
+{
+    m_impl->set(mesh, std::move(s));
+}
+
+qy::Reference<MeshEdges> SimpleMeshCache::getEdgesImpl(const CompactMesh& mesh)
+{
+    return m_impl->get<MeshEdges>(mesh);
+}
+
+qy::Reference<MeshTopology> SimpleMeshCache::getTopologyImpl(const CompactMesh& mesh)
+{
+    return m_impl->get<MeshTopology>(mesh);
+}
+
+void SimpleMeshCache::setEdgesImpl(const CompactMesh& mesh, qy::Reference<MeshEdges> s)
+{
+    m_impl->set(mesh, std::move(s));
+}
+
+void SimpleMeshCache::setTopologyImpl(const CompactMesh& mesh, qy::Reference<MeshTopology> s)
 {
     m_impl->set(mesh, std::move(s));
 }
