@@ -833,6 +833,8 @@ TEST_F(Qygeom, RefusalsAndWarningsNameTheFileTheLineAndTheReason)
                      "is not finite in single precision\n");
 
     // The environment's thread count is checked as --threads is; --version answers.
+    const char* set = std::getenv("QYGEOM_THREADS");
+    const std::string threads = set ? set : "";
     for (const char* bad : {"0", "abc", "100000"})
     {
         setenv("QYGEOM_THREADS", bad, 1);
@@ -844,7 +846,10 @@ TEST_F(Qygeom, RefusalsAndWarningsNameTheFileTheLineAndTheReason)
                   0u)
             << r.err;
     }
-    unsetenv("QYGEOM_THREADS");
+    if (set)
+        setenv("QYGEOM_THREADS", threads.c_str(), 1);
+    else
+        unsetenv("QYGEOM_THREADS");
     r = run(dir, {"--version"});
     EXPECT_EQ(r.status, 0);
     EXPECT_EQ(r.out.rfind("qygeom ", 0), 0u);
