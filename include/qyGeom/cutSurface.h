@@ -76,4 +76,11 @@ public:
 ///   extremity; about 100 bytes per triangle.
 QYGEOM_API bool cutSurface(CompactMesh& mesh, CutRegion& region, bool makeDisk);
 
+/// As above, polling `progress` for cancellation between the phases of the disk cut and in
+/// each round of its extension to the extremities; a cancelled cut returns false with the mesh
+/// and the region as they came. With `reachExtremities` false a closed component keeps the
+/// plain tree-cotree cut (and the slit of a sphere), without the paths to its protrusions.
+QYGEOM_API bool cutSurface(CompactMesh& mesh, CutRegion& region, bool makeDisk,
+                           qyUtil::Progress& progress, bool reachExtremities = true);
+
 } // namespace qyGeom

@@ -5,16 +5,17 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstdint>
 #include <functional>
 #include <numeric>
 #include <queue>
 #include <vector>
 
+#include "base/Progress.h"
 #include "base/StopWatch.h"
 #include "model/CompactMesh.h"
 #include "model/MeshModification.h"
 #include "model/debugChannel.h"
+#include "qyGeom/meshTopology.h"
 
 namespace qyGeom
 {
@@ -30,15 +31,6 @@ void CutRegion::addEdge(int a, int b)
 
 namespace
 {
-
-using Key = std::uint64_t;
-
-Key edgeKey(int a, int b)
-{
-    if (a > b)
-        std::swap(a, b);
-    return (Key(std::uint32_t(a)) << 32) | Key(std::uint32_t(b));
-}
 
 struct DisjointSets
 {
@@ -68,62 +60,12 @@ struct DisjointSets
     }
 };
 
-// The undirected edges of the triangles: edge e joins v0[e] < v1[e] and is run by the
-// half-edges (3 t + corner, from that corner to the next) halfEdges[start[e] .. start[e+1]).
-struct EdgeTable
-{
-    std::vector<Key> keys;
-    std::vector<int> start;
-    std::vector<int> halfEdges;
-    std::vector<int> edgeOf; // per half-edge, -1 for degenerate or invalid ones
-
-    int numEdges() const { return int(keys.size()); }
-    int count(int e) const { return start[std::size_t(e) + 1] - start[std::size_t(e)]; }
-    int find(int a, int b) const
-    {
-        const Key k = edgeKey(a, b);
-        auto it = std::lower_bound(keys.begin(), keys.end(), k);
-        return it != keys.end() && *it == k ? int(it - keys.begin()) : -1;
-    }
-    int v0(int e) const { return int(keys[std::size_t(e)] >> 32); }
-    int v1(int e) const { return int(keys[std::size_t(e)] & 0xffffffffu); }
-};
-
 bool validTriangle(const int* t, int numVertices)
 {
     for (int k = 0; k < 3; ++k)
         if (t[k] < 0 || t[k] >= numVertices)
             return false;
     return true;
-}
-
-void buildEdges(const int* tris, int numTris, int numVertices, EdgeTable& table)
-{
-    std::vector<std::pair<Key, int>> items;
-    items.reserve(3 * std::size_t(numTris));
-    for (int t = 0; t < numTris; ++t)
-    {
-        const int* c = tris + 3 * std::size_t(t);
-        if (!validTriangle(c, numVertices))
-            continue;
-        for (int k = 0; k < 3; ++k)
-            if (c[k] != c[(k + 1) % 3])
-                items.emplace_back(edgeKey(c[k], c[(k + 1) % 3]), 3 * t + k);
-    }
-    std::sort(items.begin(), items.end());
-    table.edgeOf.assign(3 * std::size_t(numTris), -1);
-    table.halfEdges.resize(items.size());
-    for (std::size_t i = 0; i < items.size(); ++i)
-    {
-        if (i == 0 || items[i].first != items[i - 1].first)
-        {
-            table.keys.push_back(items[i].first);
-            table.start.push_back(int(i));
-        }
-        table.halfEdges[i] = items[i].second;
-        table.edgeOf[std::size_t(items[i].second)] = int(table.keys.size()) - 1;
-    }
-    table.start.push_back(int(items.size()));
 }
 
 qyLinear::Vector faceNormal(const MeshVertex* verts, const int* c)
@@ -153,7 +95,7 @@ using PathHeap = std::priority_queue<std::pair<double, int>, std::vector<std::pa
 /// lowering `dist` and recording in `parentEdge` the edge each vertex was reached through, over
 /// the edges incident to each vertex (`incStart` / `inc`) that `blocked(e)` does not exclude.
 template <class Blocked>
-void growPaths(const EdgeTable& table, const std::vector<double>& cost,
+void growPaths(const MeshEdges& table, const std::vector<double>& cost,
                const std::vector<int>& incStart, const std::vector<int>& inc, Blocked blocked,
                PathHeap& heap, std::vector<double>& dist, std::vector<int>& parentEdge)
 {
@@ -168,7 +110,7 @@ void growPaths(const EdgeTable& table, const std::vector<double>& cost,
             const int e = inc[std::size_t(i)];
             if (blocked(e))
                 continue;
-            const int w = table.v0(e) == v ? table.v1(e) : table.v0(e);
+            const int w = table.vertex0(e) == v ? table.vertex1(e) : table.vertex0(e);
             const double nd = d + cost[std::size_t(e)];
             if (nd < dist[std::size_t(w)])
             {
@@ -189,15 +131,15 @@ void growPaths(const EdgeTable& table, const std::vector<double>& cost,
 // shortest path, which meets the cut at its last vertex only: the cut stays a tree hanging on
 // the existing cut graph and the component stays one disk. The distances are then updated
 // from the new path alone.
-int extendToExtremities(const CompactMesh& mesh, const EdgeTable& table,
+int extendToExtremities(const CompactMesh& mesh, const MeshEdges& table,
                         const std::vector<char>& open, const std::vector<double>& cost,
                         const std::vector<int>& incStart, const std::vector<int>& inc,
                         DisjointSets& comps, const std::vector<int>& root,
-                        std::vector<char>& inGraph)
+                        std::vector<char>& inGraph, qyUtil::Progress& progress)
 {
     const int numVertices = mesh.getNumVertices();
     const int numTris = mesh.getNumTriangles();
-    const int numEdges = table.numEdges();
+    const int numEdges = table.size();
     const int* tris = mesh.getTrianglesRaw();
     const MeshVertex* verts = mesh.getVertices();
 
@@ -247,7 +189,7 @@ int extendToExtremities(const CompactMesh& mesh, const EdgeTable& table,
     for (int e = 0; e < numEdges; ++e)
         if (!open[std::size_t(e)])
         {
-            const int t = table.halfEdges[std::size_t(table.start[std::size_t(e)])] / 3;
+            const int t = table.uses(e)[0] / 3;
             const int r = comps.find(t);
             if (root[std::size_t(r)] >= 0)
                 edgeComp[std::size_t(e)] = r;
@@ -284,7 +226,7 @@ int extendToExtremities(const CompactMesh& mesh, const EdgeTable& table,
     std::vector<char> onCut(std::size_t(numVertices), 0);
     for (int e = 0; e < numEdges; ++e)
         if (inGraph[std::size_t(e)] && edgeComp[std::size_t(e)] >= 0)
-            for (int v : {table.v0(e), table.v1(e)})
+            for (int v : {table.vertex0(e), table.vertex1(e)})
                 if (!onCut[std::size_t(v)])
                 {
                     onCut[std::size_t(v)] = 1;
@@ -301,7 +243,7 @@ int extendToExtremities(const CompactMesh& mesh, const EdgeTable& table,
             const int e = parentEdge[std::size_t(v)];
             if (edgeComp[std::size_t(e)] != r)
                 return false;
-            v = table.v0(e) == v ? table.v1(e) : table.v0(e);
+            v = table.vertex0(e) == v ? table.vertex1(e) : table.vertex0(e);
         }
         for (int i = incStart[std::size_t(v)]; i < incStart[std::size_t(v) + 1]; ++i)
         {
@@ -361,7 +303,7 @@ int extendToExtremities(const CompactMesh& mesh, const EdgeTable& table,
                 const int e = inc[std::size_t(k)];
                 if (edgeComp[std::size_t(e)] < 0)
                     continue;
-                const int w = table.v0(e) == v ? table.v1(e) : table.v0(e);
+                const int w = table.vertex0(e) == v ? table.vertex1(e) : table.vertex0(e);
                 if (pos[std::size_t(w)] < 0)
                     continue;
                 const int a = regions.find(v), b = regions.find(w);
@@ -393,7 +335,7 @@ int extendToExtremities(const CompactMesh& mesh, const EdgeTable& table,
             }
         }
     };
-    for (int round = 0; round < maxExtremityPaths; ++round)
+    for (int round = 0; round < maxExtremityPaths && !progress.cancelled(); ++round)
     {
         rankProtrusions();
         for (int r : closed)
@@ -411,7 +353,7 @@ int extendToExtremities(const CompactMesh& mesh, const EdgeTable& table,
                 const int e = parentEdge[std::size_t(v)];
                 inGraph[std::size_t(e)] = 1;
                 sources.push_back(v);
-                v = table.v0(e) == v ? table.v1(e) : table.v0(e);
+                v = table.vertex0(e) == v ? table.vertex1(e) : table.vertex0(e);
             }
         }
         if (sources.empty())
@@ -426,22 +368,22 @@ int extendToExtremities(const CompactMesh& mesh, const EdgeTable& table,
 
 // Chooses the edges of a cut graph and marks them in `cut`. `open` marks the edges that are
 // already boundaries of the surface (boundary, non-manifold or cut by the caller).
-void chooseDiskCut(const CompactMesh& mesh, const EdgeTable& table, const std::vector<char>& open,
-                   std::vector<char>& cut)
+void chooseDiskCut(const CompactMesh& mesh, const MeshEdges& table, const std::vector<char>& open,
+                   std::vector<char>& cut, bool reachExtremities, qyUtil::Progress& progress)
 {
     const int numVertices = mesh.getNumVertices();
     const int numTris = mesh.getNumTriangles();
-    const int numEdges = table.numEdges();
+    const int numEdges = table.size();
     const int* tris = mesh.getTrianglesRaw();
     const MeshVertex* verts = mesh.getVertices();
-    auto triOf = [&](int e, int i)
-    { return table.halfEdges[std::size_t(table.start[std::size_t(e)] + i)] / 3; };
+    auto triOf = [&](int e, int i) { return table.uses(e)[i] / 3; };
 
     // Cost: length, lowered where the two triangles fold (a crease hides a seam).
     std::vector<double> cost(static_cast<std::size_t>(numEdges));
     for (int e = 0; e < numEdges; ++e)
     {
-        double c = qyLinear::distance(verts[table.v0(e)].asPoint(), verts[table.v1(e)].asPoint());
+        double c = qyLinear::distance(verts[table.vertex0(e)].asPoint(),
+                                      verts[table.vertex1(e)].asPoint());
         if (!open[std::size_t(e)])
         {
             const double cosAngle =
@@ -462,16 +404,16 @@ void chooseDiskCut(const CompactMesh& mesh, const EdgeTable& table, const std::v
     std::vector<int> incStart(std::size_t(numVertices) + 1, 0), inc(2 * std::size_t(numEdges));
     for (int e = 0; e < numEdges; ++e)
     {
-        ++incStart[std::size_t(table.v0(e)) + 1];
-        ++incStart[std::size_t(table.v1(e)) + 1];
+        ++incStart[std::size_t(table.vertex0(e)) + 1];
+        ++incStart[std::size_t(table.vertex1(e)) + 1];
     }
     std::partial_sum(incStart.begin(), incStart.end(), incStart.begin());
     {
         std::vector<int> fill(incStart.begin(), incStart.end() - 1);
         for (int e = 0; e < numEdges; ++e)
         {
-            inc[std::size_t(fill[std::size_t(table.v0(e))]++)] = e;
-            inc[std::size_t(fill[std::size_t(table.v1(e))]++)] = e;
+            inc[std::size_t(fill[std::size_t(table.vertex0(e))]++)] = e;
+            inc[std::size_t(fill[std::size_t(table.vertex1(e))]++)] = e;
         }
     }
 
@@ -480,7 +422,7 @@ void chooseDiskCut(const CompactMesh& mesh, const EdgeTable& table, const std::v
     std::vector<char> compOpen(std::size_t(numTris), 0);
     for (int e = 0; e < numEdges; ++e)
         if (open[std::size_t(e)])
-            for (int i = 0; i < table.count(e); ++i)
+            for (int i = 0; i < table.numUses(e); ++i)
                 compOpen[std::size_t(comps.find(triOf(e, i)))] = 1;
     std::vector<qyLinear::Vector> centroid(std::size_t(numTris), qyLinear::Vector(0, 0, 0));
     std::vector<int> compCount(std::size_t(numTris), 0);
@@ -520,7 +462,7 @@ void chooseDiskCut(const CompactMesh& mesh, const EdgeTable& table, const std::v
     PathHeap heap;
     for (int e = 0; e < numEdges; ++e)
         if (open[std::size_t(e)])
-            for (int v : {table.v0(e), table.v1(e)})
+            for (int v : {table.vertex0(e), table.vertex1(e)})
                 if (dist[std::size_t(v)] != 0.0)
                 {
                     dist[std::size_t(v)] = 0.0;
@@ -565,8 +507,8 @@ void chooseDiskCut(const CompactMesh& mesh, const EdgeTable& table, const std::v
     for (int e = 0; e < numEdges; ++e)
         if (inGraph[std::size_t(e)])
         {
-            ++degree[std::size_t(table.v0(e))];
-            ++degree[std::size_t(table.v1(e))];
+            ++degree[std::size_t(table.vertex0(e))];
+            ++degree[std::size_t(table.vertex1(e))];
         }
     std::vector<int> stack;
     for (int v = 0; v < numVertices; ++v)
@@ -586,7 +528,7 @@ void chooseDiskCut(const CompactMesh& mesh, const EdgeTable& table, const std::v
             if (open[std::size_t(e)])
                 break;
             inGraph[std::size_t(e)] = 0;
-            const int w = table.v0(e) == v ? table.v1(e) : table.v0(e);
+            const int w = table.vertex0(e) == v ? table.vertex1(e) : table.vertex0(e);
             --degree[std::size_t(v)];
             if (--degree[std::size_t(w)] == 1)
                 stack.push_back(w);
@@ -627,7 +569,7 @@ void chooseDiskCut(const CompactMesh& mesh, const EdgeTable& table, const std::v
         {
             const int e = parentEdge[std::size_t(v)];
             inGraph[std::size_t(e)] = 1;
-            v = table.v0(e) == v ? table.v1(e) : table.v0(e);
+            v = table.vertex0(e) == v ? table.vertex1(e) : table.vertex0(e);
             ++length;
         }
         // One edge would open a boundary of two edges; extend the slit by one more.
@@ -644,9 +586,12 @@ void chooseDiskCut(const CompactMesh& mesh, const EdgeTable& table, const std::v
             }
         }
     }
-    const int paths =
-        extendToExtremities(mesh, table, open, cost, incStart, inc, comps, root, inGraph);
-    debugChannel().print("  extended the cut to %d extremities\n", paths);
+    if (reachExtremities && !progress.cancelled())
+    {
+        const int paths = extendToExtremities(mesh, table, open, cost, incStart, inc, comps, root,
+                                              inGraph, progress);
+        debugChannel().print("  extended the cut to %d extremities\n", paths);
+    }
     for (int e = 0; e < numEdges; ++e)
         if (inGraph[std::size_t(e)] && !open[std::size_t(e)])
             cut[std::size_t(e)] = 1;
@@ -656,24 +601,29 @@ void chooseDiskCut(const CompactMesh& mesh, const EdgeTable& table, const std::v
 
 bool cutSurface(CompactMesh& mesh, CutRegion& region, bool makeDisk)
 {
+    qyUtil::Progress progress;
+    return cutSurface(mesh, region, makeDisk, progress);
+}
+
+bool cutSurface(CompactMesh& mesh, CutRegion& region, bool makeDisk, qyUtil::Progress& progress,
+                bool reachExtremities)
+{
     const int numVertices = mesh.getNumVertices();
     const int numTris = mesh.getNumTriangles();
     debugChannel().print("cutSurface: %d vertices, %d triangles\n", numVertices, numTris);
     qyOS::StopWatch watch;
     watch.start();
 
-    region.originalVertex.resize(static_cast<std::size_t>(numVertices));
-    std::iota(region.originalVertex.begin(), region.originalVertex.end(), 0);
-    EdgeTable table;
-    buildEdges(mesh.getTrianglesRaw(), numTris, numVertices, table);
-    const int numEdges = table.numEdges();
+    MeshEdges table;
+    meshEdges(mesh, table);
+    const int numEdges = table.size();
     debugChannel().print("  built edges: %f s\n", watch.clear());
 
     // Edges that are open already: boundary (one triangle), non-manifold (three or more) and
     // those the caller cuts.
     std::vector<char> cut(std::size_t(numEdges), 0), open(std::size_t(numEdges), 0);
     for (int e = 0; e < numEdges; ++e)
-        open[std::size_t(e)] = table.count(e) != 2;
+        open[std::size_t(e)] = table.numUses(e) != 2;
     for (std::size_t i = 0; i + 1 < region.edges.size(); i += 2)
     {
         const int e = table.find(region.edges[i], region.edges[i + 1]);
@@ -682,9 +632,13 @@ bool cutSurface(CompactMesh& mesh, CutRegion& region, bool makeDisk)
     }
     if (makeDisk)
     {
-        chooseDiskCut(mesh, table, open, cut);
+        chooseDiskCut(mesh, table, open, cut, reachExtremities, progress);
         debugChannel().print("  chose cut graph: %f s\n", watch.clear());
     }
+    if (progress.cancelled())
+        return false; // nothing changed yet: the mesh and the region are as they came
+    region.originalVertex.resize(static_cast<std::size_t>(numVertices));
+    std::iota(region.originalVertex.begin(), region.originalVertex.end(), 0);
 
     // Group the corners of each vertex into fans across uncut manifold edges.
     const int* tris = mesh.getTrianglesRaw();
@@ -700,18 +654,18 @@ bool cutSurface(CompactMesh& mesh, CutRegion& region, bool makeDisk)
     region.edges.clear();
     for (int e = 0; e < numEdges; ++e)
     {
-        if (cut[std::size_t(e)] || table.count(e) != 2)
+        if (cut[std::size_t(e)] || table.numUses(e) != 2)
         {
-            if (cut[std::size_t(e)] || table.count(e) > 2)
+            if (cut[std::size_t(e)] || table.numUses(e) > 2)
             {
-                region.edges.push_back(table.v0(e));
-                region.edges.push_back(table.v1(e));
+                region.edges.push_back(table.vertex0(e));
+                region.edges.push_back(table.vertex1(e));
                 ++numCut;
             }
             continue;
         }
-        const int h0 = table.halfEdges[std::size_t(table.start[std::size_t(e)])];
-        const int h1 = table.halfEdges[std::size_t(table.start[std::size_t(e)]) + 1];
+        const int h0 = table.uses(e)[0];
+        const int h1 = table.uses(e)[1];
         const int t1 = h1 / 3, k1 = h1 % 3;
         const int a0 = h0, b0 = 3 * (h0 / 3) + (h0 % 3 + 1) % 3;
         const int a1 = 3 * t1 + k1, b1 = 3 * t1 + (k1 + 1) % 3;

@@ -219,7 +219,9 @@ bool reparameterizeMesh::flatten(qyUtil::Progress& progress)
             return fail(FlattenStatus::NotADisk);
         // The cut keeps every vertex index and appends the copies, so remap stays valid.
         CutRegion region;
-        cutSurface(work, region, true);
+        cutSurface(work, region, true, child);
+        if (progress.cancelled())
+            return fail();
         boundaries.clear();
         genus = getMeshGenus(boundaries);
         if (genus < 0 || progress.cancelled())

@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include "base/AppOutput.h"
+#include "base/Progress.h"
 #include "model/MeshAdjacency.h"
 #include "qyGeom/meshAdjacency.h"
 #include "qyGeom/meshBoundary.h"
@@ -281,4 +282,42 @@ TEST(CutSurface, CutReachesTheArmsOfAClosedSurfaceSoItsLayoutDoesNotFold)
     qyGeom::CutRegion none;
     EXPECT_FALSE(qyGeom::cutSurface(dome, none, true));
     EXPECT_EQ(none.getNumEdges(), 0);
+}
+
+TEST(CutSurface, CancelledAnywhereLeavesMeshAndRegionAsTheyCameAndExtremitiesAreAnOption)
+{
+    const CompactMesh original = makeJack(8, 2, {0, 1, 2});
+    // Count the polls of a whole cut, then cancel at each in turn.
+    int polls = 0;
+    {
+        CompactMesh mesh = original;
+        qyGeom::CutRegion region;
+        qyUtil::Progress progress({}, [&] { return ++polls < 0; });
+        ASSERT_TRUE(qyGeom::cutSurface(mesh, region, true, progress));
+    }
+    ASSERT_GT(polls, 3);
+    for (int k = 1; k <= polls; ++k)
+    {
+        SCOPED_TRACE(k);
+        CompactMesh mesh = original;
+        qyGeom::CutRegion region;
+        int count = 0;
+        qyUtil::Progress progress({}, [&] { return ++count >= k; });
+        EXPECT_FALSE(qyGeom::cutSurface(mesh, region, true, progress));
+        EXPECT_EQ(mesh.getNumVertices(), original.getNumVertices());
+        EXPECT_TRUE(std::equal(mesh.getTrianglesRaw(),
+                               mesh.getTrianglesRaw() + 3 * mesh.getNumTriangles(),
+                               original.getTrianglesRaw()));
+        EXPECT_TRUE(region.edges.empty());
+        EXPECT_TRUE(region.originalVertex.empty());
+    }
+
+    // Without the extremities the cut is the plain tree-cotree one: still a disk, shorter.
+    CompactMesh full = original, plain = original;
+    qyGeom::CutRegion fullRegion, plainRegion;
+    qyUtil::Progress progress;
+    ASSERT_TRUE(qyGeom::cutSurface(full, fullRegion, true, progress, true));
+    ASSERT_TRUE(qyGeom::cutSurface(plain, plainRegion, true, progress, false));
+    expectDisk(plain, original, plainRegion);
+    EXPECT_LT(plainRegion.getNumEdges(), fullRegion.getNumEdges());
 }
