@@ -929,28 +929,37 @@ const Command g_commands[] = {
      "directory.\n",
      runDemo},
     {"info", "FILE", "counts, bounding box, topology, orientation, charts and materials",
-     "Reads FILE (.obj or .qym) and prints its vertex, triangle and polygon counts, its\n"
-     "bounding box, and the topology of the welded surface: edges, components, boundary\n"
-     "loops, Euler characteristic and genus, whether the triangles are consistently\n"
-     "oriented, degenerate triangles (a repeated corner or no area); for OBJ also texture\n"
-     "charts and materials.\n",
+     "Reads FILE (.obj or .qym) and prints its vertex and face counts (faces by corner\n"
+     "count, vertices that no face uses), texture coordinates and normals, its bounding box,\n"
+     "and the topology of the welded surface over the vertices that faces use: edges,\n"
+     "components, boundary loops, Euler characteristic and genus (each piece on its own\n"
+     "when there are several), whether the triangles are consistently oriented, degenerate\n"
+     "triangles (a repeated corner or no area); then texture charts, materials, material\n"
+     "libraries and groups. Warns of lines longer than the library's OBJ reader takes.\n",
      runInfo},
     {"check", "FILE", "parse an OBJ file strictly; report the first error and its line",
      "Exit status 0 when FILE is valid OBJ; otherwise the error, with its line number, on\n"
      "standard error and exit status 1.\n",
      runCheck},
     {"weld", "IN OUT", "merge coincident vertices and renumber",
-     "Vertices at exactly the same position (and with the same explicit normals and UVs)\n"
-     "become one. The format of each file follows its extension (.obj or .qym).\n",
+     "Vertices at exactly the same position become one; face corners keep their texture\n"
+     "and normal indices. The format of each file follows its extension (.obj or .qym).\n",
      runWeld},
-    {"normals", "IN OUT.obj", "compute area-weighted vertex normals",
-     "Writes OUT.obj with one normal per vertex.\n", runNormals},
-    {"flatten", "IN OUT.obj [--svg FILE] [--no-cut] [--no-compact]",
+    {"normals", "IN OUT.obj", "compute vertex normals, every triangle counting equally",
+     "Writes OUT.obj with one normal per vertex: the normalised sum of the unit normals of\n"
+     "the triangles around it, whatever their area (polygons count by their triangles).\n"
+     "The file's own normals are replaced; everything else is kept.\n",
+     runNormals},
+    {"flatten", "IN OUT.obj [--svg FILE.svg] [--no-cut] [--no-compact]",
      "conformal UV flattening, written with a material library",
      "Flattens the surface to UVs in the unit square (aspect ratio kept) and writes OUT.obj\n"
      "with its UVs and the material library OUT.mtl beside it. A closed surface, or one of\n"
-     "higher genus, is cut to a disk first.\n"
-     "  --svg FILE     also draw the UV layout (flipped triangles in red)\n"
+     "higher genus, is cut to a disk first. Normals, groups and materials follow their\n"
+     "triangles; a file without materials gets one. Reports flipped triangles and the share\n"
+     "of the covered UV area covered more than once; a layout that is not one-to-one is\n"
+     "written with a warning and exit status 3.\n"
+     "  --svg FILE.svg also draw the UV layout (flipped triangles in red, overlapping ones\n"
+     "                 in orange)\n"
      "  --no-cut       fail instead of cutting a surface that is not a disk\n"
      "  --no-compact   do not weld the working copy before flattening\n",
      runFlatten},
@@ -961,7 +970,10 @@ const Command g_commands[] = {
      "  --csv FILE     also write vertex,x,y,z,value lines\n",
      runCurvature},
     {"convert", "IN OUT", "convert between OBJ (.obj) and the minimal format (.qym)",
-     "The formats follow the file extensions.\n", runConvert},
+     "The formats follow the file extensions. OBJ to OBJ keeps polygons and every\n"
+     "attribute; the minimal format holds positions and triangles only, and says what it\n"
+     "leaves out.\n",
+     runConvert},
 };
 
 } // namespace
