@@ -154,6 +154,19 @@ template <class T> T distance(const PointT<T>& a, const PointT<T>& b)
 {
     return (a - b).length();
 }
+/// A unit vector orthogonal to d (not zero): d crossed with the coordinate axis least aligned
+/// with it, which keeps the result well conditioned and the same on every call.
+template <class T> VectorT<T> orthogonalTo(const VectorT<T>& d)
+{
+    int axis = 0;
+    for (int k = 1; k < 3; ++k)
+        if (std::abs(d[k]) < std::abs(d[axis]))
+            axis = k;
+    VectorT<T> e(0, 0, 0);
+    e[axis] = T(1);
+    const VectorT<T> o = cross(d, e);
+    return o / o.length();
+}
 
 /// Position in the plane.
 template <class T> struct Point2T

@@ -197,15 +197,7 @@ int polygonTriangulate(int n, const qyLinear::Point* points, std::vector<int>& t
     if (normal.isValid())
     {
         const qyLinear::Vector& z = normal.asVector();
-        // The coordinate axis least aligned with the normal gives a stable first direction.
-        int axis = 0;
-        for (int k = 1; k < 3; ++k)
-            if (std::fabs(z[k]) < std::fabs(z[axis]))
-                axis = k;
-        qyLinear::Vector e(0, 0, 0);
-        e[axis] = 1.0;
-        u = qyLinear::cross(e, z);
-        u /= u.length();
+        u = -qyLinear::orthogonalTo(z);
         v = qyLinear::cross(z, u);
     }
     else

@@ -111,19 +111,6 @@ double solveUnit(const qyLinear::Point& a, const qyLinear::Point& b)
     return std::ldexp(1.0, 20 - std::ilogb(distance));
 }
 
-// Any unit vector orthogonal to d (d non-zero).
-qyLinear::Vector orthogonalTo(const qyLinear::Vector& d)
-{
-    int axis = 0;
-    for (int k = 1; k < 3; ++k)
-        if (std::fabs(d[k]) < std::fabs(d[axis]))
-            axis = k;
-    qyLinear::Vector e(0, 0, 0);
-    e[axis] = 1.0;
-    qyLinear::Vector o = qyLinear::cross(d, e);
-    return o / o.length();
-}
-
 } // namespace
 
 reparameterizeMesh::reparameterizeMesh(CompactMesh& mesh_)
@@ -464,7 +451,7 @@ qyLinear::AffineMatrix reparameterizeMesh::determineRotMatrix(const Boundary& ou
         output.info("Parameterization: calculated planeNormal is (anti-)parallel to the vector "
                     "between the fixed vertices of the 3D-boundary.  Choosing a random "
                     "orthogonal vector instead.\n");
-        normal = orthogonalTo(d);
+        normal = qyLinear::orthogonalTo(d);
     }
     else
     {
