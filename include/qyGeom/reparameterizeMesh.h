@@ -56,8 +56,9 @@ enum class FlattenStatus
 /// Every vertex of the caller's mesh receives the UV of the welded vertex it became. After a cut
 /// the vertices along the seam therefore carry the UV of one side only; a caller who wants the
 /// seam in its own mesh cuts it first (cutSurface) and flattens it with compaction off.
-/// Vertices that no triangle uses take no part in the layout and receive UV (0, 0); a vertex
-/// whose triangles all lack area is held at (0, 0) of the layout by the solve.
+/// Vertices that no triangle uses take no part (the working copy drops them before the genus
+/// is counted, so they change nothing for the others) and receive UV (0, 0); a vertex whose
+/// triangles all lack area is held at (0, 0) of the layout by the solve.
 ///
 /// Lifetime: keeps a reference to the mesh until destroyed; the mesh must outlive the object.
 /// Threads: runs on the calling thread.
@@ -119,6 +120,7 @@ public:
 
 private:
     void prepareMesh(qyUtil::Progress& progress, Remap& remap);
+    void dropUnusedVertices(Remap& remap);
     int getMeshGenus(qy::vector<Boundary>& boundaries);
     bool testDegenerate(int numTriangles, const int* triangles) const;
     int getExtremeVerts(const qy::vector<Boundary>& boundaries, int extreme[2]) const;

@@ -277,18 +277,65 @@ void reparameterizeMesh::prepareMesh(qyUtil::Progress& progress, Remap& remap)
     work.deleteUVs();
     work.deleteNormals();
     meshCompact(work, progress, remap);
-    if (compactEnabled)
-        return;
-    const int original = countBoundaries(mesh);
-    const int compacted = cache.getBoundaries(work)->size();
-    output.info("prepareMesh: numBoundaries o = %d, c = %d\n", original, compacted);
-    if (original != compacted)
+    if (!compactEnabled)
     {
-        output.info("prepareMesh: compacting changed topology, reverting\n");
-        work = mesh;
-        remap.resize(mesh.getNumVertices(), mesh.getNumVertices());
-        remap.setSequential();
+        const int original = countBoundaries(mesh);
+        const int compacted = cache.getBoundaries(work)->size();
+        output.info("prepareMesh: numBoundaries o = %d, c = %d\n", original, compacted);
+        if (original != compacted)
+        {
+            output.info("prepareMesh: compacting changed topology, reverting\n");
+            work = mesh;
+            work.deleteUVs();
+            work.deleteNormals();
+            remap.resize(mesh.getNumVertices(), mesh.getNumVertices());
+            remap.setSequential();
+        }
     }
+    dropUnusedVertices(remap);
+}
+
+void reparameterizeMesh::dropUnusedVertices(Remap& remap)
+{
+    // Vertices that no triangle uses have no place in the layout: kept, they would count in
+    // the genus and stand alone in the system. They leave the working copy and map to none,
+    // so the referenced vertices are laid out exactly as without them.
+    const int n = work.getNumVertices();
+    const int numCorners = 3 * work.getNumTriangles();
+    int* tris = work.getTrianglesRaw();
+    std::vector<int> newIndex(std::size_t(n), -1);
+    for (int i = 0; i < numCorners; ++i)
+        if (unsigned(tris[i]) < unsigned(n))
+            newIndex[std::size_t(tris[i])] = 0;
+    int count = 0;
+    float* xyz = work.getVerticesRaw();
+    for (int v = 0; v < n; ++v)
+    {
+        if (newIndex[std::size_t(v)] < 0)
+            continue;
+        newIndex[std::size_t(v)] = count;
+        std::copy(xyz + 3 * std::size_t(v), xyz + 3 * std::size_t(v) + 3,
+                  xyz + 3 * std::size_t(count));
+        ++count;
+    }
+    if (count == n)
+        return;
+    // Corners outside the array stay outside it, for the degenerate-triangle test.
+    for (int i = 0; i < numCorners; ++i)
+        if (unsigned(tris[i]) < unsigned(n))
+            tris[i] = newIndex[std::size_t(tris[i])];
+        else if (tris[i] >= count)
+            tris[i] = tris[i] - n + count;
+    work.resizeVertexArray(count);
+    Remap composed(remap.getDomainSize(), count);
+    for (int v = 0; v < remap.getDomainSize(); ++v)
+    {
+        const int w = remap(v);
+        composed.set(v, unsigned(w) < unsigned(n) ? newIndex[std::size_t(w)] : -1);
+    }
+    remap = std::move(composed);
+    MeshModification modification(&work, MeshModification::Remapped);
+    work.modified(modification);
 }
 
 bool reparameterizeMesh::testDegenerate(int numTriangles, const int* triangles) const

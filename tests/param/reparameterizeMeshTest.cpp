@@ -407,16 +407,42 @@ TEST(ReparameterizeMesh, NeverReportsSuccessWithANonFiniteLayout)
             << flattener.failureReason();
     }
 
+    // Unused vertices (finite, infinite and far away) change nothing for the others: the
+    // layout is that of the annulus alone, to the bit, and the unused ones get (0, 0).
+    std::vector<float> plainUVs;
+    {
+        CompactMesh plain = qyTest::makeMesh(annulus, annulusTris);
+        OutputCapture output;
+        reparameterizeMesh flattener(plain);
+        ASSERT_TRUE(flattener.flatten());
+        plainUVs.assign(plain.getUVsRaw(), plain.getUVsRaw() + 2 * plain.getNumVertices());
+    }
+    std::vector<float> padded = annulus;
+    padded.insert(padded.begin(), {5, 5, 5, inf, 0, nan});
+    padded.insert(padded.end(), {0, 6.7e16f, 0});
+    std::vector<int> shifted = annulusTris;
+    for (int& v : shifted)
+        v += 2;
+    for (bool compact : {true, false})
+    {
+        SCOPED_TRACE(compact ? "welded" : "not welded");
+        CompactMesh mesh = qyTest::makeMesh(padded, shifted);
+        OutputCapture output;
+        reparameterizeMesh flattener(mesh);
+        flattener.enableMeshCompact(compact);
+        ASSERT_TRUE(flattener.flatten()) << flattener.failureReason();
+        const float* uv = mesh.getUVsRaw();
+        EXPECT_TRUE(std::equal(plainUVs.begin(), plainUVs.end(), uv + 4));
+        for (int k : {0, 1, 2, 3, 20, 21})
+            EXPECT_EQ(uv[k], 0.0f) << k;
+    }
+
     // Meshes that are flattened, or refused with a reason, but never given a non-finite UV:
-    // unused vertices (finite, infinite and far away), and one corner far from the others.
+    // unused vertices, and one corner far from the others.
     std::vector<Case> others = {
-        {"unused vertices", annulus, annulusTris, 2, 1},
+        {"unused vertices", padded, shifted, 2, 1},
         {"a far corner", box, boxTris},
     };
-    others[0].xyz.insert(others[0].xyz.begin(), {5, 5, 5, inf, 0, nan});
-    others[0].xyz.insert(others[0].xyz.end(), {0, 6.7e16f, 0});
-    for (int& v : others[0].tris)
-        v += 2;
     others[1].xyz[3 * 4 + 1] = 6.7e16f;
     for (const Case& c : others)
     {
