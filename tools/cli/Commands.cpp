@@ -63,19 +63,24 @@ void printBox(const CompactMesh& mesh)
 
 // `faceEdges`: the edges of the faces when they are polygons (the triangles' edges include
 // the diagonals that split them), or -1.
-void printTopology(const TopologySummary& t, long long faceEdges)
+void printTopology(const TopologySummary& summary, long long faceEdges)
 {
+    const qyGeom::MeshTopology& t = summary.topology;
     std::printf("  edges:               %lld (%d on a boundary, %d non-manifold)\n",
                 faceEdges >= 0 ? faceEdges : t.edges, t.boundaryEdges, t.nonManifoldEdges);
     std::printf("  components:          %zu\n", t.pieces.size());
     std::printf("  boundary loops:      %d\n", t.boundaryLoops);
-    std::printf("  Euler characteristic: %lld\n", t.euler());
-    const int withoutGenus = t.piecesWithoutGenus();
+    std::printf("  Euler characteristic: %lld\n", t.euler);
+    const auto notSurface = [](const qyGeom::MeshTopology::Piece& p)
+    { return p.nonManifoldEdges ? "non-manifold edges" : "sheets touch at a vertex"; };
+    const long long withoutGenus =
+        std::count_if(t.pieces.begin(), t.pieces.end(),
+                      [](const qyGeom::MeshTopology::Piece& p) { return p.genus < 0; });
     if (t.pieces.size() == 1 && withoutGenus)
         std::printf("  genus:               undefined (not a surface: %s)\n",
-                    t.nonManifoldEdges ? "non-manifold edges" : "sheets touch at a vertex");
+                    notSurface(t.pieces.front()));
     else if (withoutGenus)
-        std::printf("  genus:               undefined (%d of the pieces are not surfaces)\n",
+        std::printf("  genus:               undefined (%lld of the pieces are not surfaces)\n",
                     withoutGenus);
     else if (t.pieces.size() > 1)
         std::printf("  genus:               %lld (the sum over the pieces)\n", t.genus());
@@ -86,22 +91,21 @@ void printTopology(const TopologySummary& t, long long faceEdges)
         constexpr std::size_t shown = 10;
         for (std::size_t i = 0; i < t.pieces.size() && i < shown; ++i)
         {
-            const TopologyPiece& p = t.pieces[i];
+            const qyGeom::MeshTopology::Piece& p = t.pieces[i];
             std::printf("    piece %zu: %d vertices, %d triangles, %d boundary loops, Euler "
                         "characteristic %lld, genus ",
-                        i + 1, p.vertices, p.triangles, p.boundaryLoops, p.euler());
-            if (!p.hasGenus())
-                std::printf("undefined (not a surface: %s)\n",
-                            p.nonManifoldEdges ? "non-manifold edges" : "sheets touch at a vertex");
+                        i + 1, p.vertices, p.triangles, p.boundaryLoops, p.euler);
+            if (p.genus < 0)
+                std::printf("undefined (not a surface: %s)\n", notSurface(p));
             else
-                std::printf("%lld\n", p.genus());
+                std::printf("%lld\n", p.genus);
         }
         if (t.pieces.size() > shown)
             std::printf("    ... and %zu more pieces\n", t.pieces.size() - shown);
     }
-    std::printf("  consistently oriented: %s\n", t.oriented ? "yes" : "no");
-    std::printf("  degenerate triangles: %d (repeated corner or no area)\n", t.degenerate);
-    std::printf("  duplicate triangles: %d\n", t.duplicates);
+    std::printf("  consistently oriented: %s\n", summary.oriented ? "yes" : "no");
+    std::printf("  degenerate triangles: %d (repeated corner or no area)\n", summary.degenerate);
+    std::printf("  duplicate triangles: %d\n", summary.duplicates);
 }
 
 // Welds with a progress bar; returns the number of vertices before.
