@@ -1,6 +1,7 @@
 // Read and write throughput of the OBJ readers and writers, in MB/s of file text.
-// Inputs: the generated meshes of the peers' harness (QYGEOM_BENCH_DATA, default
-// /tmp/peers/.data): sphere_textured.obj (v/vt/vn corners) and grid.obj (plain).
+// Inputs: the generated meshes of the peers' harness in the folder named by QYGEOM_PEER_DATA
+// (the working directory when unset): sphere_textured.obj (v/vt/vn corners) and grid.obj
+// (plain). The write benchmarks use a file in the system's temporary directory.
 #include "qyGeom/meshReadObj.h"
 
 #include <cstdio>
@@ -20,8 +21,13 @@ namespace
 
 std::string dataFile(const char* name)
 {
-    const char* dir = std::getenv("QYGEOM_BENCH_DATA");
-    return std::string(dir ? dir : "/tmp/peers/.data") + "/" + name;
+    const char* dir = std::getenv("QYGEOM_PEER_DATA");
+    return (std::filesystem::path(dir ? dir : ".") / name).string();
+}
+
+std::string tempFile(const char* name)
+{
+    return (std::filesystem::temp_directory_path() / name).string();
 }
 
 void setBytes(benchmark::State& state, const std::string& path)
@@ -78,7 +84,7 @@ void BM_ReadStrict(benchmark::State& state, const char* name)
 void BM_WriteGrid(benchmark::State& state)
 {
     const qyGeom::CompactMesh mesh = qyTest::makeGrid(708, 708);
-    const std::string path = "/tmp/qygeom_bench_write.obj";
+    const std::string path = tempFile("qygeom_bench_write.obj");
     for (auto _ : state)
         qyGeom::meshWriteObj(mesh, qyOS::Filename(path));
     setBytes(state, path);
@@ -86,7 +92,7 @@ void BM_WriteGrid(benchmark::State& state)
 
 void BM_ReadWrittenGrid(benchmark::State& state)
 {
-    const std::string path = "/tmp/qygeom_bench_write.obj";
+    const std::string path = tempFile("qygeom_bench_write.obj");
     if (!std::filesystem::exists(path))
         qyGeom::meshWriteObj(qyTest::makeGrid(708, 708), qyOS::Filename(path));
     for (auto _ : state)

@@ -7,7 +7,7 @@
 //   (diagonal a-c of every quad), restricted to the interior vertices (boundary pinned),
 //   entries of magnitude <= 1e-12 dropped (the cot(90 deg) noise on the quad diagonals);
 // - bunny: the same Laplacian of a closed real mesh plus 1e-3 * mean(diagonal) * I, read from
-//   $QYGEOM_PEER_DATA/bunny00.obj (default /tmp/peers/.data); skipped when absent.
+//   $QYGEOM_PEER_DATA/bunny00.obj (default: the working directory); skipped when absent.
 // b is the harness's fixed pseudo-random vector.
 //
 // Counters: iters (steps that moved x, i.e. Eigen's count), setup_s (preconditioner build),
@@ -180,7 +180,7 @@ const System& bunnySystem()
     {
         System out;
         const char* dir = std::getenv("QYGEOM_PEER_DATA");
-        const std::string path = std::string(dir ? dir : "/tmp/peers/.data") + "/bunny00.obj";
+        const std::string path = std::string(dir ? dir : ".") + "/bunny00.obj";
         Mesh m;
         if (!readObj(path, m))
         {

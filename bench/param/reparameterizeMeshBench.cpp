@@ -1,6 +1,6 @@
 // Flattening speed and quality: hemispheres of growing size, a cut-open cylinder, and the peer
-// harness's real meshes when their OBJ files are present (QYGEOM_PEER_DATA, default
-// /tmp/peers/.data). Quality counters: flipped UV triangles (orientation against the
+// harness's real meshes when their OBJ files are present (QYGEOM_PEER_DATA, default:
+// the working directory). Quality counters: flipped UV triangles (orientation against the
 // majority's), mean and worst corner-angle error in degrees, and the mean conformal ratio
 // (larger over smaller singular value of each triangle's map, 1 = conformal).
 #include "qyGeom/reparameterizeMesh.h"
@@ -61,7 +61,7 @@ CompactMesh loadObj(const std::string& path)
 std::string dataPath(const char* name)
 {
     const char* dir = std::getenv("QYGEOM_PEER_DATA");
-    return std::string(dir ? dir : "/tmp/peers/.data") + "/" + name;
+    return std::string(dir ? dir : ".") + "/" + name;
 }
 
 struct Quality

@@ -1,22 +1,14 @@
 #include "io/ObjLineReader.h"
 
 #include <algorithm>
-#include <atomic>
-#include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <memory>
 #include <new>
-#include <sys/stat.h>
-#include <unistd.h>
-#include <unordered_map>
-#include <unordered_set>
 
-#include "base/Memory.h"
+#include "base/StopWatch.h"
 #include "base/ThreadPool.h"
-#include "io/objText.h"
-#include "model/CompactMesh.h"
+#include "io/detail/TextSource.h"
+#include "io/detail/text.h"
 
 namespace qyGeom
 {
@@ -24,14 +16,15 @@ namespace qyGeom
 namespace
 {
 
-bool isBlank(char c)
-{
-    return c == ' ' || c == '\t';
-}
-
 bool startsWith(const char* p, const char* end, const char* word, std::size_t n)
 {
     return std::size_t(end - p) >= n && std::memcmp(p, word, n) == 0;
+}
+
+/// Corners of a face line are separated by blanks, tabs and the '\r' of a CRLF line end.
+bool isFaceBlank(char c)
+{
+    return c == ' ' || c == '\t' || c == '\r';
 }
 
 /// A 1-based index as read (negative counts back from `count`); 0 when the result leaves
@@ -44,42 +37,7 @@ int resolveIndex(int value, int count)
     return r < -1 || r > 0x7fffffff ? 0 : int(r);
 }
 
-/// atoi over [p, end), with a fast path for the common short unsigned or negative index.
-inline int readIndex(const char* p, const char* end)
-{
-    const char* q = p;
-    const bool negative = q < end && *q == '-';
-    q += negative;
-    unsigned v = 0;
-    int n = 0;
-    while (q < end && n < 10 && objText::isDigit(*q))
-    {
-        v = v * 10 + unsigned(*q - '0');
-        ++q;
-        ++n;
-    }
-    if (n > 0 && n < 10 && (q == end || !objText::isDigit(*q)))
-        return negative ? -int(v) : int(v);
-    return objText::parseInt(p, end);
-}
-
 } // namespace
-
-ObjLineReader::ObjLineReader(bool wantSubsets, bool wantMaterials, bool allowNonManifold)
-    : m_wantSubsets(wantSubsets), m_wantMaterials(wantMaterials),
-      m_allowNonManifold(allowNonManifold), m_keepAttributes(wantSubsets)
-{
-    m_arenas.push_back(std::make_unique<BlockArena>());
-    useArena(m_arenas.front().get());
-}
-
-void ObjLineReader::useArena(BlockArena* arena)
-{
-    for (auto* seq : {&m_positions, &m_texCoords})
-        seq->setArena(arena);
-    for (auto* seq : {&m_faceSizes, &m_cornerPos, &m_cornerTex, &m_faceMaterial})
-        seq->setArena(arena);
-}
 
 BlockArena::~BlockArena()
 {
@@ -107,80 +65,63 @@ void* BlockArena::allocate(std::size_t bytes)
     return p;
 }
 
+ObjLineReader::ObjLineReader(bool keepTexCoords, bool wantMaterials)
+    : m_keepTexCoords(keepTexCoords), m_wantMaterials(wantMaterials)
+{
+    m_arenas.push_back(std::make_unique<BlockArena>());
+    useArena(m_arenas.front().get());
+}
+
+void ObjLineReader::useArena(BlockArena* arena)
+{
+    for (auto* seq : {&m_positions, &m_texCoords})
+        seq->setArena(arena);
+    for (auto* seq : {&m_faceSizes, &m_cornerPos, &m_cornerTex, &m_faceMaterial})
+        seq->setArena(arena);
+}
+
 bool ObjLineReader::readFile(const char* path)
 {
-    std::unique_ptr<FILE, int (*)(FILE*)> f(std::fopen(path, "rb"), &std::fclose);
-    if (!f)
+    qyOS::StopWatch watch;
+    watch.start();
+    detail::TextSource source;
+    if (!source.open(path, detail::TextSource::Files::Streams))
         return false;
-    struct stat st;
-    const bool statted = fstat(fileno(f.get()), &st) == 0;
-    if (statted && S_ISDIR(st.st_mode))
-        return false;
-    qyUtil::ThreadPool& pool = qyUtil::ThreadPool::get();
-    if (statted && S_ISREG(st.st_mode) && std::size_t(st.st_size) >= 2 * PieceBytes &&
-        pool.getNumThreads() > 1)
+    if (!(source.isRegular() && source.size() >= 2 * PieceBytes &&
+          qyUtil::ThreadPool::get().getNumThreads() > 1 && parsePieces(source)))
     {
-        if (parsePieces(fileno(f.get()), std::size_t(st.st_size)))
-        {
-            switchKind(KindOther);
-            return true;
-        }
-        // The pieces could not stand for the whole text: the ordinary read below.
-    }
-    // Lines are parsed in place from a large block; a line that does not fit the
-    // 16384-byte line buffer (16383 characters and the terminator) ends the reading after
-    // its first 16383 characters, as a bounded getline would.
-    constexpr std::size_t blockSize = std::size_t(1) << 20;
-    std::vector<char> block(blockSize + LineBufferSize);
-    std::size_t begin = 0, filled = 0;
-    bool eof = false;
-    for (;;)
-    {
-        const char* base = block.data();
-        const char* nl = static_cast<const char*>(std::memchr(base + begin, '\n', filled - begin));
-        if (nl)
-        {
-            const std::size_t len = std::size_t(nl - (base + begin));
-            if (len >= LineBufferSize)
-            {
-                parseLine(base + begin, base + begin + LineBufferSize - 1);
+        // Block after block from the start; the block holds any line that the reading
+        // takes whole.
+        detail::TextSource::Blocks blocks;
+        detail::TextRange text;
+        while (source.nextBlock(blocks, PieceBytes + LineBufferSize, text))
+            if (parseLines(text.begin, text.end, text.reachesEnd, true))
                 break;
-            }
-            parseLine(base + begin, nl);
-            begin += len + 1;
-            continue;
-        }
-        if (filled - begin >= LineBufferSize)
-        {
-            parseLine(base + begin, base + begin + LineBufferSize - 1);
-            break;
-        }
-        if (eof)
-        {
-            parseLine(base + begin, base + filled);
-            break;
-        }
-        std::memmove(block.data(), block.data() + begin, filled - begin);
-        filled -= begin;
-        begin = 0;
-        const std::size_t n = std::fread(block.data() + filled, 1, block.size() - filled, f.get());
-        filled += n;
-        if (n == 0)
-            eof = true;
     }
-    switchKind(KindOther);
+    m_readSeconds = watch.stop();
     return true;
 }
 
-bool ObjLineReader::parseLines(const char* p, const char* end, bool last)
+bool ObjLineReader::readMemory(const char* data, unsigned int length)
+{
+    if (!data || length == 0)
+        return false;
+    qyOS::StopWatch watch;
+    watch.start();
+    parseLines(data, data + length, false, false);
+    m_readSeconds = watch.stop();
+    return true;
+}
+
+bool ObjLineReader::parseLines(const char* p, const char* end, bool last, bool limitLines)
 {
     while (p < end)
     {
         const char* nl = static_cast<const char*>(std::memchr(p, '\n', std::size_t(end - p)));
-        const char* lineEnd = nl ? nl : end;
         if (!nl && !last)
-            break;
-        if (lineEnd - p >= LineBufferSize)
+            return false;
+        const char* lineEnd = nl ? nl : end;
+        if (limitLines && lineEnd - p >= LineBufferSize)
         {
             parseLine(p, p + LineBufferSize - 1);
             m_stopped = true;
@@ -191,113 +132,16 @@ bool ObjLineReader::parseLines(const char* p, const char* end, bool last)
             return false;
         p = nl + 1;
     }
-    if (last)
-        parseLine(p, end); // the empty piece after a final '\n'
     return false;
 }
 
-namespace
+bool ObjLineReader::parsePieces(const detail::TextSource& source)
 {
-
-/// Reads [offset, offset + n) of a file into out; returns the bytes read (short at the end
-/// of the file or on an error).
-std::size_t readAt(int fd, std::size_t offset, char* out, std::size_t n)
-{
-    std::size_t done = 0;
-    while (done < n)
-    {
-        const ssize_t got = ::pread(fd, out + done, n - done, off_t(offset + done));
-        if (got < 0 && errno == EINTR)
-            continue;
-        if (got <= 0)
-            break;
-        done += std::size_t(got);
-    }
-    return done;
-}
-
-/// The text of one piece of a file: the lines that start in [k * PieceBytes, (k + 1) *
-/// PieceBytes), a line starting where the previous one ends. Piece k (k > 0) starts after
-/// the first '\n' at or after byte k * PieceBytes - 1, so the cut depends only on the text
-/// and no line is split. Reads into `buffer`, which grows for long lines.
-struct PieceText
-{
-    const char* begin = nullptr;
-    const char* end = nullptr;
-    bool reachesEnd = false; ///< the piece ends at the end of the file
-};
-
-PieceText readPiece(int fd, std::size_t k, std::size_t pieceBytes, std::vector<char>& buffer)
-{
-    const std::size_t from = k == 0 ? 0 : k * pieceBytes - 1;
-    const std::size_t cutAfter = (k + 1) * pieceBytes - 1 - from; // relative to `from`
-    std::size_t filled = 0, start = k == 0 ? 0 : std::size_t(-1), end = std::size_t(-1);
-    std::size_t scanned = 0;
-    bool eof = false;
-    if (buffer.size() < pieceBytes + 65536)
-        buffer.resize(pieceBytes + 65536);
-    for (;;)
-    {
-        if (filled == buffer.size())
-            buffer.resize(buffer.size() * 2);
-        const std::size_t want = buffer.size() - filled;
-        const std::size_t got = readAt(fd, from + filled, buffer.data() + filled, want);
-        filled += got;
-        eof = got < want;
-        // Find the start, then the first '\n' at or after cutAfter.
-        while (scanned < filled && (start == std::size_t(-1) || end == std::size_t(-1)))
-        {
-            if (start == std::size_t(-1))
-            {
-                const void* nl = std::memchr(buffer.data() + scanned, '\n', filled - scanned);
-                if (!nl)
-                {
-                    scanned = filled;
-                    break;
-                }
-                start = std::size_t(static_cast<const char*>(nl) - buffer.data()) + 1;
-                scanned = start;
-                // A line that crosses the whole piece: the next piece starts at the same
-                // line, this one is empty.
-                if (start - 1 >= cutAfter)
-                    end = start;
-                continue;
-            }
-            scanned = std::max(scanned, cutAfter);
-            if (scanned >= filled)
-                break;
-            const void* nl = std::memchr(buffer.data() + scanned, '\n', filled - scanned);
-            if (!nl)
-            {
-                scanned = filled;
-                break;
-            }
-            end = std::size_t(static_cast<const char*>(nl) - buffer.data()) + 1;
-        }
-        if ((start != std::size_t(-1) && end != std::size_t(-1)) || eof)
-            break;
-    }
-    PieceText piece;
-    if (start == std::size_t(-1))
-        start = filled;
-    piece.reachesEnd = end == std::size_t(-1);
-    if (piece.reachesEnd)
-        end = filled;
-    piece.begin = buffer.data() + start;
-    piece.end = buffer.data() + std::max(start, end);
-    return piece;
-}
-
-} // namespace
-
-bool ObjLineReader::parsePieces(int fd, std::size_t fileSize)
-{
-    const std::size_t numPieces = (fileSize + PieceBytes - 1) / PieceBytes;
+    const std::size_t numPieces = (source.size() + PieceBytes - 1) / PieceBytes;
     std::vector<std::unique_ptr<ObjLineReader>> pieces(numPieces);
     for (std::size_t k = 0; k < numPieces; ++k)
     {
-        pieces[k] =
-            std::make_unique<ObjLineReader>(m_wantSubsets, m_wantMaterials, m_allowNonManifold);
+        pieces[k] = std::make_unique<ObjLineReader>(m_keepTexCoords, m_wantMaterials);
         if (k > 0)
         {
             pieces[k]->m_firstLine = false;
@@ -305,55 +149,31 @@ bool ObjLineReader::parsePieces(int fd, std::size_t fileSize)
             pieces[k]->m_currentMaterial = InheritedMaterial;
         }
     }
-    // Every pool thread takes the next piece and reads it into its own buffer; the pieces'
-    // results are appended in file order below, so the thread count does not matter.
-    class Job final : public qyUtil::ThreadedAlg
-    {
-    public:
-        Job(int fd, std::vector<std::unique_ptr<ObjLineReader>>& pieces,
-            std::vector<std::unique_ptr<BlockArena>>& arenas)
-            : m_fd(fd), m_pieces(pieces), m_arenas(arenas)
+    // Every pool thread takes the next piece and parses it with its own arena (one per task
+    // after the reader's own; they live as long as the reader); the pieces' results are
+    // joined in file order below, so the thread count does not matter.
+    std::size_t firstArena = m_arenas.size();
+    source.forEachPiece(
+        PieceBytes, numPieces,
+        [&](int task, std::size_t k, const detail::TextRange& text)
         {
-        }
-        void initialize(int numTasks) override
+            ObjLineReader& r = *pieces[k];
+            r.useArena(m_arenas[firstArena + std::size_t(task)].get());
+            // The last piece of the file parses the text after its last '\n' too.
+            r.m_reachesEnd = text.reachesEnd;
+            r.parseLines(text.begin, text.end, text.reachesEnd, true);
+            return true;
+        },
+        [&](int numTasks)
         {
-            // One arena per task after the reader's own; they live as long as the reader.
-            m_first = m_arenas.size();
             for (int t = 0; t < numTasks; ++t)
                 m_arenas.push_back(std::make_unique<BlockArena>());
-        }
-        void execute(int task, int) override
-        {
-            std::vector<char> buffer;
-            for (;;)
-            {
-                const std::size_t k = m_next.fetch_add(1, std::memory_order_relaxed);
-                if (k >= m_pieces.size() || cancelled(task))
-                    return;
-                const PieceText text = readPiece(m_fd, k, PieceBytes, buffer);
-                ObjLineReader& r = *m_pieces[k];
-                r.useArena(m_arenas[m_first + std::size_t(task)].get());
-                // The last piece of the file parses the text after its last '\n' too.
-                r.m_reachesEnd = text.reachesEnd;
-                r.parseLines(text.begin, text.end, text.reachesEnd);
-                r.switchKind(KindOther);
-            }
-        }
-
-    private:
-        int m_fd;
-        std::vector<std::unique_ptr<ObjLineReader>>& m_pieces;
-        std::vector<std::unique_ptr<BlockArena>>& m_arenas;
-        std::size_t m_first = 0;
-        std::atomic<std::size_t> m_next{0};
-    };
-    Job job(fd, pieces, m_arenas);
-    qyUtil::ThreadPool::get().run(job);
+        });
 
     // The pieces up to the one that stopped the reading or reached the end of the file
-    // count. Their result equals the
-    // whole-text parse unless a decimal comma was switched on (the first comment of the file
-    // decides it), a later piece met a relative index, or the corner count overflows.
+    // count. Their result equals the whole-text parse unless a decimal comma was switched on
+    // (the first comment of the file decides it), a later piece met a relative index, or the
+    // corner count overflows.
     std::size_t used = 0, corners = 0;
     for (; used < numPieces; ++used)
     {
@@ -375,20 +195,19 @@ bool ObjLineReader::parsePieces(int fd, std::size_t fileSize)
     for (std::size_t k = 0; k < used; ++k)
     {
         ObjLineReader& piece = *pieces[k];
-        timeV += piece.timeV;
-        timeN += piece.timeN;
-        timeT += piece.timeT;
+        for (int kind = 0; kind < 4; ++kind)
+            m_lineBytes[kind] += piece.m_lineBytes[kind];
         if (piece.m_sawMtllib)
-            mtllib = piece.mtllib;
+            m_mtllib = piece.m_mtllib;
         if (!m_wantMaterials)
             continue;
         materialMap.clear();
-        for (const std::string& name : piece.materialNames)
+        for (const std::string& name : piece.m_materialNames)
         {
-            const auto it = std::find(materialNames.begin(), materialNames.end(), name);
-            materialMap.push_back(int(it - materialNames.begin()));
-            if (it == materialNames.end())
-                materialNames.push_back(name);
+            const auto it = std::find(m_materialNames.begin(), m_materialNames.end(), name);
+            materialMap.push_back(int(it - m_materialNames.begin()));
+            if (it == m_materialNames.end())
+                m_materialNames.push_back(name);
         }
         const int inherited = m_currentMaterial;
         auto global = [&](int m) {
@@ -412,56 +231,24 @@ std::vector<const ObjLineReader*> ObjLineReader::parts() const
     return out;
 }
 
-bool ObjLineReader::readMemory(const char* data, unsigned int length)
-{
-    if (!data || length == 0)
-        return false;
-    const char* p = data;
-    const char* const end = data + length;
-    while (p < end)
-    {
-        const char* nl = static_cast<const char*>(std::memchr(p, '\n', std::size_t(end - p)));
-        if (!nl)
-            break; // a last piece without '\n' is not a line
-        parseLine(p, nl);
-        p = nl + 1;
-    }
-    switchKind(KindOther);
-    return true;
-}
-
-void ObjLineReader::switchKind(LineKind kind)
-{
-    if (kind == m_kind)
-        return;
-    const auto now = std::chrono::steady_clock::now();
-    if (m_kind != KindOther)
-    {
-        const double s = std::chrono::duration<double>(now - m_kindStart).count();
-        (m_kind == KindV ? timeV : m_kind == KindN ? timeN : timeT) += s;
-    }
-    m_kind = kind;
-    m_kindStart = now;
-}
-
 const char* ObjLineReader::readNumber(const char* p, const char* end, float& out)
 {
     const char* stop;
     if (!m_commaDecimal)
     {
-        out = float(objText::parseDouble(p, end, &stop));
+        out = float(detail::parseDouble(p, end, &stop));
         return stop;
     }
-    while (p < end && objText::isSpace(*p))
+    while (p < end && detail::isSpace(*p))
         ++p;
     char buf[310];
     std::size_t n = 0;
-    while (p + n < end && n < 309 && !objText::isSpace(p[n]))
+    while (p + n < end && n < 309 && !detail::isSpace(p[n]))
     {
         buf[n] = p[n] == ',' ? '.' : p[n];
         ++n;
     }
-    out = float(objText::parseDouble(buf, buf + n, &stop));
+    out = float(detail::parseDouble(buf, buf + n, &stop));
     return p + (stop - buf);
 }
 
@@ -471,9 +258,10 @@ void ObjLineReader::parseLine(const char* p, const char* end)
     {
         // A UTF-8 byte-order mark before the first line is no part of it.
         m_firstLine = false;
-        p = objText::skipByteOrderMark(p, end);
+        p = detail::skipByteOrderMark(p, end);
     }
-    while (p < end && isBlank(*p))
+    m_lineBytes[KindAll] += std::size_t(end - p);
+    while (p < end && detail::isBlank(*p))
         ++p;
     if (p == end)
         return;
@@ -492,7 +280,7 @@ void ObjLineReader::parseLine(const char* p, const char* end)
         float x[3];
         if (p[1] == ' ')
         {
-            switchKind(KindV);
+            m_lineBytes[KindV] += std::size_t(end - p);
             const char* q = p + 2;
             for (float& xi : x)
                 q = readNumber(q, end, xi);
@@ -502,17 +290,15 @@ void ObjLineReader::parseLine(const char* p, const char* end)
         }
         if (end - p >= 3 && p[2] == ' ' && p[1] == 'n')
         {
-            if (!m_keepAttributes)
-                return;
-            switchKind(KindN);
-            ++m_numNormals;
+            if (m_keepTexCoords)
+                m_lineBytes[KindN] += std::size_t(end - p);
             return;
         }
         if (end - p >= 3 && p[2] == ' ' && p[1] == 't')
         {
-            if (!m_keepAttributes)
+            if (!m_keepTexCoords)
                 return;
-            switchKind(KindT);
+            m_lineBytes[KindT] += std::size_t(end - p);
             const char* q = p + 3;
             for (int k = 0; k < 2; ++k)
                 q = readNumber(q, end, x[k]);
@@ -521,7 +307,6 @@ void ObjLineReader::parseLine(const char* p, const char* end)
             return;
         }
     }
-    switchKind(KindOther);
     if (c == 'f' && end - p >= 2 && p[1] == ' ')
     {
         parseFace(p + 2, end);
@@ -544,55 +329,23 @@ void ObjLineReader::parseLine(const char* p, const char* end)
             ++b;
             --e;
         }
-        mtllib.assign(b, e);
+        m_mtllib.assign(b, e);
         m_sawMtllib = true;
     }
 }
 
 void ObjLineReader::useMaterial(const char* p, const char* end)
 {
-    while (p < end && objText::isSpace(*p))
+    while (p < end && detail::isSpace(*p))
         ++p;
-    while (end > p && objText::isSpace(end[-1]))
+    while (end > p && detail::isSpace(end[-1]))
         --end;
     const std::string name(p, end);
-    const auto it = std::find(materialNames.begin(), materialNames.end(), name);
-    if (it != materialNames.end())
-    {
-        m_currentMaterial = int(it - materialNames.begin());
-        return;
-    }
-    m_currentMaterial = int(materialNames.size());
-    materialNames.push_back(name);
+    const auto it = std::find(m_materialNames.begin(), m_materialNames.end(), name);
+    m_currentMaterial = int(it - m_materialNames.begin());
+    if (it == m_materialNames.end())
+        m_materialNames.push_back(name);
 }
-
-namespace
-{
-
-bool isFaceBlank(char c)
-{
-    return c == ' ' || c == '\t' || c == '\r';
-}
-
-/// The common index: an optional '-' and one to nine digits not followed by another digit.
-/// Advances q past it; false (q unchanged) for anything else.
-inline bool readShortIndex(const char*& q, const char* end, int& value)
-{
-    const char* r = q;
-    const bool negative = r < end && *r == '-';
-    r += negative;
-    const char* const digits = r;
-    unsigned v = 0;
-    while (r < end && r - digits < 9 && objText::isDigit(*r))
-        v = v * 10 + unsigned(*r++ - '0');
-    if (r == digits || (r < end && objText::isDigit(*r)))
-        return false;
-    value = negative ? -int(v) : int(v);
-    q = r;
-    return true;
-}
-
-} // namespace
 
 void ObjLineReader::parseFace(const char* p, const char* end)
 {
@@ -608,19 +361,21 @@ void ObjLineReader::parseFace(const char* p, const char* end)
         if (p == end)
             break;
         // The usual corner ("12", "12/7", "12/7/3", "12//3") in one pass; anything else
-        // takes the general path below, which reads as atoi does.
-        const char* q = p;
+        // takes the general path below, which reads each part as atoi does.
         int rawPos = 0, rawTex = 0;
-        bool fast = readShortIndex(q, end, rawPos);
         bool hasTex = false;
-        if (fast && m_keepAttributes && q < end && !isFaceBlank(*q))
+        const char* q = detail::scanIndex(p, end, rawPos);
+        bool fast = q != p;
+        if (fast && m_keepTexCoords && q < end && !isFaceBlank(*q))
         {
             if (*q != '/')
                 fast = false;
             else if (++q < end && *q != '/' && !isFaceBlank(*q))
             {
-                fast = readShortIndex(q, end, rawTex) && (q == end || isFaceBlank(*q) || *q == '/');
+                const char* t = detail::scanIndex(q, end, rawTex);
+                fast = t != q && (t == end || isFaceBlank(*t) || *t == '/');
                 hasTex = true;
+                q = t;
             }
         }
         if (fast)
@@ -641,16 +396,16 @@ void ObjLineReader::parseFace(const char* p, const char* end)
                     else if (!slash2)
                         slash2 = q;
                 }
-            rawPos = readIndex(p, q);
+            rawPos = detail::parseInt(p, q);
             const char* texEnd = slash2 ? slash2 : q;
             hasTex = slash && texEnd > slash + 1;
             if (hasTex)
-                rawTex = readIndex(slash + 1, texEnd);
+                rawTex = detail::parseInt(slash + 1, texEnd);
         }
         m_sawRelativeIndex |= m_laterPiece && rawPos < 0;
         pos = resolveIndex(rawPos, nPos);
         // Texture indices matter only to the reads that keep them.
-        if (hasTex && m_keepAttributes)
+        if (hasTex && m_keepTexCoords)
         {
             m_sawRelativeIndex |= m_laterPiece && rawTex < 0;
             tex = resolveIndex(rawTex, nTex);
@@ -665,7 +420,7 @@ void ObjLineReader::parseFace(const char* p, const char* end)
     for (int k = 0; k < n; ++k)
     {
         m_cornerPos.push_back(m_scratch[2 * std::size_t(k)]);
-        if (m_keepAttributes)
+        if (m_keepTexCoords)
             m_cornerTex.push_back(m_scratch[2 * std::size_t(k) + 1]);
     }
     if (m_allTriangles && n != 3)
@@ -682,20 +437,6 @@ void ObjLineReader::parseFace(const char* p, const char* end)
         m_faceMaterial.push_back(m_currentMaterial);
 }
 
-ObjLineReader::FaceCheck ObjLineReader::checkFace(const int* corners, int n, int numPositions)
-{
-    for (int c = 0; c < n; ++c)
-        if (corners[c] < 1 || corners[c] > numPositions)
-            return FaceOutOfRange;
-    if (n == 3)
-    {
-        const int a = corners[0], b = corners[1], c = corners[2];
-        if (a == b || a == c || b == c)
-            return FaceDegenerate;
-    }
-    return FaceValid;
-}
-
 /// What validation found in one part of a read: which faces stay, the degenerate
 /// triangles to print (in order) and the counts.
 struct ObjLineReader::PartCheck
@@ -703,36 +444,15 @@ struct ObjLineReader::PartCheck
     std::vector<unsigned char> keep;
     std::vector<int> degenerate; ///< corner triples to print
     std::size_t keptFaces = 0, keptCorners = 0, setAside = 0;
-
-    /// Where each part's data go in the joined arrays: entry k is where part k starts, the
-    /// last entry the total. Positions and texture coordinates count floats.
-    struct Offsets
-    {
-        std::vector<std::size_t> pos, tex, face, corner;
-    };
-    static Offsets offsets(const std::vector<const ObjLineReader*>& all,
-                           const std::vector<PartCheck>& results)
-    {
-        const std::size_t n = all.size();
-        Offsets o{std::vector<std::size_t>(n + 1, 0), std::vector<std::size_t>(n + 1, 0),
-                  std::vector<std::size_t>(n + 1, 0), std::vector<std::size_t>(n + 1, 0)};
-        for (std::size_t k = 0; k < n; ++k)
-        {
-            o.pos[k + 1] = o.pos[k] + all[k]->m_positions.size();
-            o.tex[k + 1] = o.tex[k] + all[k]->m_texCoords.size();
-            o.face[k + 1] = o.face[k] + results[k].keptFaces;
-            o.corner[k + 1] = o.corner[k] + results[k].keptCorners;
-        }
-        return o;
-    }
 };
 
 std::vector<ObjLineReader::PartCheck>
-ObjLineReader::validateParts(const std::vector<const ObjLineReader*>& all)
+ObjLineReader::validateParts(const std::vector<const ObjLineReader*>& all, int numPositions,
+                             int& numSetAside) const
 {
-    // Parts are checked in parallel; the degenerate triangles are printed afterwards, in file
-    // order, and set aside with the faces that name a position out of range.
-    const int nPos = numPositions();
+    // A face whose corner names a position out of range is set aside, and so is a triangle
+    // with a repeated corner. Parts are checked in parallel; the degenerate triangles are
+    // printed afterwards, in file order.
     std::vector<PartCheck> results(all.size());
     qyUtil::runChunks(
         qyUtil::ThreadPool::get(), int(all.size()),
@@ -748,19 +468,26 @@ ObjLineReader::validateParts(const std::vector<const ObjLineReader*>& all)
                 {
                     const int n = part.parsedFaceSize(f);
                     face.resize(std::size_t(n));
+                    bool inRange = true;
                     for (int i = 0; i < n; ++i)
+                    {
                         face[std::size_t(i)] = part.m_cornerPos[c + std::size_t(i)];
+                        inRange &=
+                            face[std::size_t(i)] >= 1 && face[std::size_t(i)] <= numPositions;
+                    }
                     c += std::size_t(n);
-                    const FaceCheck check = checkFace(face.data(), n, nPos);
-                    res.keep[f] = check == FaceValid;
-                    if (check == FaceValid)
+                    const bool degenerate =
+                        inRange && n == 3 &&
+                        (face[0] == face[1] || face[0] == face[2] || face[1] == face[2]);
+                    res.keep[f] = inRange && !degenerate;
+                    if (res.keep[f])
                     {
                         ++res.keptFaces;
                         res.keptCorners += std::size_t(n);
                         continue;
                     }
                     ++res.setAside;
-                    if (check == FaceDegenerate)
+                    if (degenerate)
                         res.degenerate.insert(res.degenerate.end(), face.begin(), face.end());
                 }
             }
@@ -776,90 +503,44 @@ ObjLineReader::validateParts(const std::vector<const ObjLineReader*>& all)
     return results;
 }
 
-bool ObjLineReader::buildPlainMesh(CompactMesh& mesh)
+ObjFaces ObjLineReader::finish()
 {
     const std::vector<const ObjLineReader*> all = parts();
     const std::size_t numParts = all.size();
-    const int nPos = numPositions();
-    const std::vector<PartCheck> results = validateParts(all);
-    std::size_t keptFaces = 0, keptCorners = 0;
-    for (const PartCheck& res : results)
+    ObjFaces out;
+    std::size_t positions = 0, texCoords = 0;
+    for (const ObjLineReader* part : all)
     {
-        keptFaces += res.keptFaces;
-        keptCorners += res.keptCorners;
+        positions += part->m_positions.size();
+        texCoords += part->m_texCoords.size();
     }
-    if (nPos == 0 || keptFaces == 0)
-        return false;
-    CompactMesh built;
-    built.resizeVertexArray(nPos);
-    const bool triangles = keptCorners == 3 * keptFaces;
-    int* out;
-    int* lengths = nullptr;
-    if (triangles)
-    {
-        built.resizeTriangleArray(int(keptFaces));
-        out = built.getTrianglesRaw();
-    }
-    else
-    {
-        built.resizePolyArrays(int(keptFaces), int(keptCorners));
-        out = built.getPolyPoints();
-        lengths = built.getPolyLengths();
-    }
-    float* const xyz = built.getVerticesRaw();
-    const PartCheck::Offsets at = PartCheck::offsets(all, results);
-    qyUtil::runChunks(
-        qyUtil::ThreadPool::get(), int(numParts),
-        [&](qyUtil::ThreadedChunkAlg&, int, int begin, int end)
-        {
-            for (int k = begin; k < end; ++k)
-            {
-                const ObjLineReader& part = *all[std::size_t(k)];
-                const PartCheck& res = results[std::size_t(k)];
-                part.m_positions.copyTo(xyz + at.pos[std::size_t(k)]);
-                int* o = out + at.corner[std::size_t(k)];
-                int* len = lengths ? lengths + at.face[std::size_t(k)] : nullptr;
-                for (std::size_t f = 0, c = 0; f < part.m_numFaces; ++f)
-                {
-                    const int n = part.parsedFaceSize(f);
-                    if (res.keep[f])
-                    {
-                        for (int i = 0; i < n; ++i)
-                            *o++ = part.m_cornerPos[c + std::size_t(i)] - 1;
-                        if (len)
-                            *len++ = n;
-                    }
-                    c += std::size_t(n);
-                }
-            }
-        },
-        nullptr, 1);
-    mesh = std::move(built);
-    return true;
-}
+    const int nPos = int(positions / 3), nTex = int(texCoords / 2);
+    const std::vector<PartCheck> results = validateParts(all, nPos, out.numSetAside);
 
-bool ObjLineReader::finish()
-{
-    const std::vector<const ObjLineReader*> all = parts();
-    const std::size_t numParts = all.size();
-    const int nTex = numTexCoords(), nNrm = numNormals();
-    const std::vector<PartCheck> results = validateParts(all);
-
-    const PartCheck::Offsets at = PartCheck::offsets(all, results);
-    const std::size_t kept = at.face[numParts], corners = at.corner[numParts];
+    // Where each part's data go in the joined arrays: entry k is where part k starts, the
+    // last entry the total. Positions and texture coordinates count floats.
+    std::vector<std::size_t> atPos(numParts + 1, 0), atTex(atPos), atFace(atPos), atCorner(atPos);
+    for (std::size_t k = 0; k < numParts; ++k)
+    {
+        atPos[k + 1] = atPos[k] + all[k]->m_positions.size();
+        atTex[k + 1] = atTex[k] + all[k]->m_texCoords.size();
+        atFace[k + 1] = atFace[k] + results[k].keptFaces;
+        atCorner[k + 1] = atCorner[k] + results[k].keptCorners;
+    }
+    const std::size_t kept = atFace[numParts], corners = atCorner[numParts];
     auto allocate = [](auto& v, std::size_t n)
     {
         v.clear();
-        objText::reserveHuge(v, n);
+        detail::reserveHuge(v, n);
         v.resize(n);
     };
-    allocate(positions, at.pos[numParts]);
-    allocate(texCoords, at.tex[numParts]);
-    allocate(faceStart, kept + 1);
-    allocate(cornerPos, corners);
-    allocate(cornerTex, m_keepAttributes ? corners : 0);
-    allocate(faceMaterial, m_wantMaterials ? kept : 0);
-    faceStart[kept] = int(corners);
+    allocate(out.positions, positions);
+    allocate(out.texCoords, texCoords);
+    allocate(out.faceStart, kept + 1);
+    allocate(out.cornerPos, corners);
+    allocate(out.cornerTex, m_keepTexCoords ? corners : 0);
+    allocate(out.faceMaterial, m_wantMaterials ? kept : 0);
+    out.faceStart[kept] = int(corners);
 
     // The kept faces, 0-based, with texture indices out of range made absent; every part
     // writes its own range.
@@ -871,26 +552,26 @@ bool ObjLineReader::finish()
             {
                 const ObjLineReader& part = *all[std::size_t(k)];
                 const PartCheck& res = results[std::size_t(k)];
-                part.m_positions.copyTo(positions.data() + at.pos[std::size_t(k)]);
-                part.m_texCoords.copyTo(texCoords.data() + at.tex[std::size_t(k)]);
-                std::size_t out = at.corner[std::size_t(k)];
-                std::size_t face = at.face[std::size_t(k)];
+                part.m_positions.copyTo(out.positions.data() + atPos[std::size_t(k)]);
+                part.m_texCoords.copyTo(out.texCoords.data() + atTex[std::size_t(k)]);
+                std::size_t corner = atCorner[std::size_t(k)];
+                std::size_t face = atFace[std::size_t(k)];
                 for (std::size_t f = 0, c = 0; f < part.m_numFaces; ++f)
                 {
                     const int n = part.parsedFaceSize(f);
                     if (res.keep[f])
                     {
-                        faceStart[face] = int(out);
+                        out.faceStart[face] = int(corner);
                         if (m_wantMaterials)
-                            faceMaterial[face] = part.m_faceMaterial[f];
+                            out.faceMaterial[face] = part.m_faceMaterial[f];
                         ++face;
-                        for (int i = 0; i < n; ++i, ++out)
+                        for (int i = 0; i < n; ++i, ++corner)
                         {
-                            cornerPos[out] = part.m_cornerPos[c + std::size_t(i)] - 1;
-                            if (!m_keepAttributes)
+                            out.cornerPos[corner] = part.m_cornerPos[c + std::size_t(i)] - 1;
+                            if (!m_keepTexCoords)
                                 continue;
                             const int t = part.m_cornerTex[c + std::size_t(i)];
-                            cornerTex[out] = t >= 1 && t <= nTex ? t - 1 : -1;
+                            out.cornerTex[corner] = t >= 1 && t <= nTex ? t - 1 : -1;
                         }
                     }
                     c += std::size_t(n);
@@ -898,38 +579,24 @@ bool ObjLineReader::finish()
             }
         },
         nullptr, 1);
+    out.materialNames = std::move(m_materialNames);
+    out.mtllib = std::move(m_mtllib);
+    out.seconds = m_readSeconds;
+    if (m_lineBytes[KindAll] > 0)
+    {
+        const double perByte = m_readSeconds / double(m_lineBytes[KindAll]);
+        out.secondsV = perByte * double(m_lineBytes[KindV]);
+        out.secondsN = perByte * double(m_lineBytes[KindN]);
+        out.secondsT = perByte * double(m_lineBytes[KindT]);
+    }
     // The parsed blocks are no longer needed.
-    m_finished = true;
-    m_numNormals = std::size_t(nNrm);
     m_pieces.clear();
     for (auto* seq : {&m_positions, &m_texCoords})
         seq->clear();
     for (auto* seq : {&m_faceSizes, &m_cornerPos, &m_cornerTex, &m_faceMaterial})
         seq->clear();
     m_arenas.clear();
-
-    if (!m_allowNonManifold)
-    {
-        // Each undirected edge may be used by two faces at most, each directed edge once.
-        std::unordered_map<unsigned long long, int> undirected;
-        std::unordered_set<unsigned long long> directed;
-        auto key = [](int a, int b)
-        { return (static_cast<unsigned long long>(unsigned(a)) << 32) | unsigned(b); };
-        for (std::size_t f = 0; f < kept; ++f)
-        {
-            const int b = faceStart[f], e = faceStart[f + 1];
-            for (int c = b; c < e; ++c)
-            {
-                const int v0 = cornerPos[std::size_t(c)];
-                const int v1 = cornerPos[std::size_t(c + 1 < e ? c + 1 : b)];
-                if (++undirected[key(std::min(v0, v1), std::max(v0, v1))] > 2)
-                    return false;
-                if (!directed.insert(key(v0, v1)).second)
-                    return false;
-            }
-        }
-    }
-    return true;
+    return out;
 }
 
 } // namespace qyGeom

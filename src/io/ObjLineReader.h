@@ -2,7 +2,6 @@
 #pragma once
 
 #include <algorithm>
-#include <chrono>
 #include <memory>
 #include <string>
 #include <vector>
@@ -12,7 +11,10 @@
 namespace qyGeom
 {
 
-class CompactMesh;
+namespace detail
+{
+class TextSource;
+}
 
 /// Memory for the block sequences of one read: chunks handed out by bumping a pointer and
 /// freed all at once with the arena. Chunks grow to 64 MiB and the large ones are advised
@@ -115,97 +117,82 @@ private:
     std::size_t m_size = 0;
 };
 
-/// Reads OBJ text line by line into flat arrays. It never reports a syntax error: what it
-/// does not understand it skips. All state is in the object: separate readers may run on
-/// separate threads.
-///
-/// Faces are stored back to back: face f has corners [faceStart[f], faceStart[f + 1]) in the
-/// three corner arrays (position, texture and normal index). While parsing the indices are
-/// 1-based, -1 for absent; after finish() they are 0-based, -1 for absent.
-class ObjLineReader
+/// The faces of an OBJ text that pass validation, with the positions they index: what the
+/// forgiving reader hands to the mesh builders. Faces are stored back to back: face f has
+/// corners [faceStart[f], faceStart[f + 1]) in the corner arrays (position, texture index);
+/// indices are 0-based, -1 for absent.
+struct ObjFaces
 {
-public:
-    static constexpr int LineBufferSize = 16384;
-
-    ObjLineReader(bool wantSubsets, bool wantMaterials, bool allowNonManifold);
-
-    /// Reads a file; false when it cannot be opened. A large regular file is parsed in
-    /// pieces on the thread pool when it has more than one thread; the result is the same.
-    bool readFile(const char* path);
-    /// A regular file at least this large is parsed in pieces of about this many bytes.
-    static constexpr std::size_t PieceBytes = std::size_t(1) << 20;
-    /// Reads the lines of a memory block ended by '\n'; false for a null or empty block.
-    bool readMemory(const char* data, unsigned int length);
-    /// Parses one line (without its '\n').
-    void parseLine(const char* p, const char* end);
-    /// Validation after the last line (see the .cpp). False when the edge check runs and
-    /// finds a non-manifold or inconsistently oriented edge.
-    bool finish();
-
-    /// For the read without subsets, instead of finish(): validates the faces as finish()
-    /// does and builds `mesh` straight from the parsed data (positions in file order, a
-    /// triangle list or, with any other face, polygons). False when nothing is left.
-    bool buildPlainMesh(CompactMesh& mesh);
-
-    int numPositions() const
-    {
-        return int((m_finished ? positions.size() : pending(&ObjLineReader::m_positions)) / 3);
-    }
-    int numTexCoords() const
-    {
-        return int((m_finished ? texCoords.size() : pending(&ObjLineReader::m_texCoords)) / 2);
-    }
-    int numNormals() const
-    {
-        std::size_t n = m_numNormals;
-        for (const auto& piece : m_pieces)
-            n += piece->m_numNormals;
-        return int(n);
-    }
-    int numFaces() const { return int(faceStart.size()) - 1; }
-    int faceSize(int f) const { return faceStart[std::size_t(f) + 1] - faceStart[std::size_t(f)]; }
-
-    // Filled by finish() (the parse appends to the block sequences below).
     qy::RawVector<float> positions; ///< 3 per position
     qy::RawVector<float> texCoords; ///< 2 per texture coordinate
     qy::RawVector<int> faceStart{0};
     qy::RawVector<int> cornerPos;
-    /// Empty for the reads without subsets (which keep no texture coordinates).
+    /// Empty for the reads without texture coordinates.
     qy::RawVector<int> cornerTex;
     /// Per face, the index in materialNames of the material in force, -1 for none (filled
     /// only when materials are wanted).
     qy::RawVector<int> faceMaterial;
     /// Material names in the order of first use.
     std::vector<std::string> materialNames;
-    std::string mtllib;
+    std::string mtllib; ///< the last mtllib name, empty for none
     int numSetAside = 0;
-    double timeV = 0, timeN = 0, timeT = 0;
+    /// Seconds of the reading and, out of them, of the v, vn and vt lines. The line loop
+    /// reads no clock: the reading time is shared out by the bytes of each kind of line.
+    double seconds = 0, secondsV = 0, secondsN = 0, secondsT = 0;
+
+    int numPositions() const { return int(positions.size() / 3); }
+    int numTexCoords() const { return int(texCoords.size() / 2); }
+    int numFaces() const { return int(faceStart.size()) - 1; }
+    int numCorners() const { return faceStart.back(); }
+    int faceSize(int f) const { return faceStart[std::size_t(f) + 1] - faceStart[std::size_t(f)]; }
+};
+
+/// Reads OBJ text line by line. It never reports a syntax error: what it does not
+/// understand it skips. All state is in the object: separate readers may run on separate
+/// threads.
+class ObjLineReader
+{
+public:
+    static constexpr int LineBufferSize = 16384;
+    /// A regular file at least twice this large is parsed in pieces of this many bytes.
+    static constexpr std::size_t PieceBytes = std::size_t(1) << 20;
+
+    /// `keepTexCoords`: read texture coordinates and the corners' indices of them;
+    /// `wantMaterials`: follow usemtl and mtllib.
+    ObjLineReader(bool keepTexCoords, bool wantMaterials);
+
+    /// Reads a file (regular, a FIFO or a device; not a directory); false when it cannot be
+    /// opened. Lines end at '\n'; a line of LineBufferSize bytes or more is cut to
+    /// LineBufferSize - 1 and ends the reading; a last line without '\n' counts. A large
+    /// regular file is parsed in pieces on the thread pool when it has more than one thread,
+    /// with the same result.
+    bool readFile(const char* path);
+    /// Reads the lines of a memory block ended by '\n' (a last line without one is not
+    /// read); false for a null or empty block.
+    bool readMemory(const char* data, unsigned int length);
+    /// Validates what was read and hands it out (see the .cpp); the reader is spent.
+    ObjFaces finish();
 
 private:
     enum LineKind
     {
-        KindOther,
         KindV,
         KindN,
-        KindT
+        KindT,
+        KindAll
     };
-    void switchKind(LineKind kind);
-    /// The parsed length of one of the sequences below, over the pieces if there are any.
-    std::size_t pending(BlockSequence<float> ObjLineReader::*member) const
-    {
-        std::size_t n = (this->*member).size();
-        for (const auto& piece : m_pieces)
-            n += (*piece.*member).size();
-        return n;
-    }
-    /// Parses the lines of [p, end) as the file reader does: a line of LineBufferSize
-    /// characters or more is cut to LineBufferSize - 1 and ends the reading (true is then
-    /// returned). With `last`, the piece after the last '\n' is a line too.
-    bool parseLines(const char* p, const char* end, bool last);
-    /// Parses an open file of about `fileSize` bytes in pieces on the thread pool and
-    /// appends the pieces' results in order. False when the result could depend on the cut
-    /// (see the .cpp); nothing is appended then.
-    bool parsePieces(int fd, std::size_t fileSize);
+    int numPositions() const { return int(m_positions.size() / 3); }
+    int numTexCoords() const { return int(m_texCoords.size() / 2); }
+    /// Parses the lines of [p, end). With `last` the text after the last '\n' is a line too;
+    /// with `limitLines` a line of LineBufferSize bytes or more is cut to LineBufferSize - 1
+    /// and ends the reading (true is returned then).
+    bool parseLines(const char* p, const char* end, bool last, bool limitLines);
+    /// Parses one line (without its '\n').
+    void parseLine(const char* p, const char* end);
+    /// Parses a regular file in pieces on the thread pool and keeps the pieces' results, in
+    /// order. False when the result could depend on the cuts (see the .cpp); nothing is kept
+    /// then.
+    bool parsePieces(const detail::TextSource& source);
     /// Takes the blocks of every sequence from `arena` from now on.
     void useArena(BlockArena* arena);
     /// The readers whose results make up this one's, in file order: the pieces of a
@@ -214,26 +201,14 @@ private:
     const char* readNumber(const char* p, const char* end, float& out);
     void parseFace(const char* p, const char* end);
     void useMaterial(const char* p, const char* end);
-    enum FaceCheck
-    {
-        FaceValid,
-        FaceOutOfRange,
-        FaceDegenerate ///< a triangle with a repeated corner
-    };
-    /// Whether a face (1-based corners) survives validation, and if not, why.
-    static FaceCheck checkFace(const int* corners, int n, int numPositions);
     struct PartCheck;
     /// Checks the faces of every part (in parallel), prints the degenerate triangles in file
     /// order and counts the faces set aside.
-    std::vector<PartCheck> validateParts(const std::vector<const ObjLineReader*>& all);
+    std::vector<PartCheck> validateParts(const std::vector<const ObjLineReader*>& all,
+                                         int numPositions, int& numSetAside) const;
 
-    bool m_wantSubsets;
+    bool m_keepTexCoords;
     bool m_wantMaterials;
-    bool m_allowNonManifold;
-    /// Texture coordinates (and the corners' indices of them) are kept only for
-    /// the reads that use them (those with subsets).
-    bool m_keepAttributes;
-    bool m_finished = false;
     bool m_firstLine = true;
     bool m_commaDecimal = false;
     bool m_firstCommentPending = true;
@@ -247,13 +222,14 @@ private:
     bool m_reachesEnd = false;
     static constexpr int InheritedMaterial = -2;
     int m_currentMaterial = -1;
-    LineKind m_kind = KindOther;
-    std::chrono::steady_clock::time_point m_kindStart;
+    /// Bytes of the lines of each kind; normals are counted, not kept: no result of the
+    /// reader depends on them.
+    std::size_t m_lineBytes[4] = {0, 0, 0, 0};
+    double m_readSeconds = 0;
+    std::vector<std::string> m_materialNames;
+    std::string m_mtllib;
     std::vector<int> m_scratch; ///< (position, texture) pairs of the current face line
     BlockSequence<float> m_positions, m_texCoords;
-    /// Normals are counted, not kept: no result of the reader depends on their values or
-    /// on the corners' normal indices.
-    std::size_t m_numNormals = 0;
     /// The pieces of a parse in pieces, in file order (empty otherwise).
     std::vector<std::unique_ptr<ObjLineReader>> m_pieces;
     /// The faces parsed; their sizes are kept from the first face that is not a triangle on.

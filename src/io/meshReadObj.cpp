@@ -1,15 +1,14 @@
 #include "qyGeom/meshReadObj.h"
 
 #include <algorithm>
-#include <array>
-#include <chrono>
-#include <cstdint>
+#include <unordered_map>
+#include <unordered_set>
 
 #include "base/Progress.h"
 #include "base/StopWatch.h"
 #include "base/ThreadPool.h"
 #include "io/ObjLineReader.h"
-#include "io/objText.h"
+#include "io/detail/text.h"
 #include "model/BitVector.h"
 #include "model/CompactMesh.h"
 #include "model/MeshAdjacency.h"
@@ -44,15 +43,14 @@ void MeshObjGroup::reserve(int numFaces, int numCorners)
 namespace
 {
 
-/// Replaces `mesh` by `numVertices` vertices from `xyz` and the reader's faces, with corner
-/// c on vertex cornerVertex[c]: a triangle list when every face is a triangle, otherwise
-/// polygons.
-void buildMesh(CompactMesh& mesh, int numVertices, const float* xyz, const ObjLineReader& r,
+/// Replaces `mesh` by `numVertices` vertices from `xyz` and the faces, with corner c on
+/// vertex cornerVertex[c]: a triangle list when every face is a triangle, otherwise polygons.
+void buildMesh(CompactMesh& mesh, int numVertices, const float* xyz, const ObjFaces& faces,
                const int* cornerVertex)
 {
     CompactMesh built(numVertices, reinterpret_cast<const MeshVertex*>(xyz));
-    const int nFaces = r.numFaces();
-    const int nCorners = r.faceStart.back();
+    const int nFaces = faces.numFaces();
+    const int nCorners = faces.numCorners();
     if (nCorners == 3 * nFaces)
     {
         built.copyTriangles(nFaces, cornerVertex);
@@ -62,10 +60,44 @@ void buildMesh(CompactMesh& mesh, int numVertices, const float* xyz, const ObjLi
         built.resizePolyArrays(nFaces, nCorners);
         int* lengths = built.getPolyLengths();
         for (int f = 0; f < nFaces; ++f)
-            lengths[f] = r.faceSize(f);
+            lengths[f] = faces.faceSize(f);
         std::copy(cornerVertex, cornerVertex + nCorners, built.getPolyPoints());
     }
     mesh = std::move(built);
+}
+
+/// The mesh of the plain read: one vertex per position, the faces as they are. False when
+/// there is no position or no face.
+bool buildPlainMesh(const ObjFaces& faces, CompactMesh& mesh)
+{
+    if (faces.numPositions() == 0 || faces.numFaces() == 0)
+        return false;
+    buildMesh(mesh, faces.numPositions(), faces.positions.data(), faces, faces.cornerPos.data());
+    return true;
+}
+
+/// True when every undirected edge is used by two faces at most and every directed edge by
+/// one: a manifold, consistently oriented mesh.
+bool edgesManifold(const ObjFaces& faces)
+{
+    std::unordered_map<unsigned long long, int> undirected;
+    std::unordered_set<unsigned long long> directed;
+    auto key = [](int a, int b)
+    { return (static_cast<unsigned long long>(unsigned(a)) << 32) | unsigned(b); };
+    for (int f = 0; f < faces.numFaces(); ++f)
+    {
+        const int b = faces.faceStart[std::size_t(f)], e = faces.faceStart[std::size_t(f) + 1];
+        for (int c = b; c < e; ++c)
+        {
+            const int v0 = faces.cornerPos[std::size_t(c)];
+            const int v1 = faces.cornerPos[std::size_t(c + 1 < e ? c + 1 : b)];
+            if (++undirected[key(std::min(v0, v1), std::max(v0, v1))] > 2)
+                return false;
+            if (!directed.insert(key(v0, v1)).second)
+                return false;
+        }
+    }
+    return true;
 }
 
 /// Removes duplicate and degenerate triangles, with the adjacency taken from a cache.
@@ -79,7 +111,7 @@ void removeDuplicateTriangles(CompactMesh& mesh)
 
 /// Stable reorder of the faces by material, in the order of first use (faces without a
 /// material first).
-void sortFacesByMaterial(ObjLineReader& r)
+void sortFacesByMaterial(ObjFaces& r)
 {
     const int nFaces = r.numFaces();
     const int nMat = int(r.materialNames.size());
@@ -117,21 +149,207 @@ void sortFacesByMaterial(ObjLineReader& r)
         r.faceStart[std::size_t(f) + 1] = r.faceStart[std::size_t(f)] + faceSizes[std::size_t(f)];
 }
 
-double since(std::chrono::steady_clock::time_point t0)
+/// Each position split by texture coordinate: the (position, texture) pairs in use,
+/// ascending; the first pair of a position keeps its vertex, every further one becomes a new
+/// vertex after the positions.
+struct TextureSplit
 {
-    return std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+    std::vector<int> pairStart;   ///< position p's pairs are [pairStart[p], pairStart[p + 1])
+    std::vector<int> pairTex;     ///< the texture index of each pair
+    std::vector<int> pairVertex;  ///< the vertex of each pair
+    std::vector<int> splitSource; ///< new vertex - numPositions -> its position
+    std::vector<int> vertexTex;   ///< vertex -> texture index, -1 for none
+    int numSplit() const { return int(splitSource.size()); }
+};
+
+TextureSplit splitByTexture(const ObjFaces& r)
+{
+    const int nPos = r.numPositions();
+    const std::size_t nCorners = r.cornerPos.size();
+    TextureSplit s;
+    // A counting sort by position, then each position's texture indices sorted and made
+    // unique in place.
+    s.pairStart.assign(std::size_t(nPos) + 1, 0);
+    for (std::size_t c = 0; c < nCorners; ++c)
+        if (r.cornerTex[c] >= 0)
+            ++s.pairStart[std::size_t(r.cornerPos[c]) + 1];
+    for (std::size_t k = 1; k < s.pairStart.size(); ++k)
+        s.pairStart[k] += s.pairStart[k - 1];
+    s.pairTex.resize(std::size_t(s.pairStart.back()));
+    {
+        std::vector<int> fill(s.pairStart.begin(), s.pairStart.end() - 1);
+        for (std::size_t c = 0; c < nCorners; ++c)
+            if (r.cornerTex[c] >= 0)
+                s.pairTex[std::size_t(fill[std::size_t(r.cornerPos[c])]++)] = r.cornerTex[c];
+    }
+    int numPairs = 0;
+    for (int p = 0; p < nPos; ++p)
+    {
+        int* b = s.pairTex.data() + s.pairStart[std::size_t(p)];
+        int* e = s.pairTex.data() + s.pairStart[std::size_t(p) + 1];
+        if (e - b > 16)
+            std::sort(b, e);
+        else if (e - b > 1) // (b may be null when no corner has a texture index)
+            for (int* i = b + 1; i < e; ++i)
+                for (int* j = i; j > b && j[-1] > *j; --j)
+                    std::swap(j[-1], *j);
+        e = std::unique(b, e);
+        s.pairStart[std::size_t(p)] = numPairs;
+        numPairs = int(std::copy(b, e, s.pairTex.data() + numPairs) - s.pairTex.data());
+    }
+    s.pairStart[std::size_t(nPos)] = numPairs;
+    s.pairTex.resize(std::size_t(numPairs));
+    s.pairVertex.resize(s.pairTex.size());
+    s.vertexTex.assign(std::size_t(nPos), -1);
+    for (int p = 0; p < nPos; ++p)
+        for (int k = s.pairStart[std::size_t(p)]; k < s.pairStart[std::size_t(p) + 1]; ++k)
+        {
+            const int tex = s.pairTex[std::size_t(k)];
+            if (k == s.pairStart[std::size_t(p)])
+            {
+                s.pairVertex[std::size_t(k)] = p;
+                s.vertexTex[std::size_t(p)] = tex;
+            }
+            else
+            {
+                s.pairVertex[std::size_t(k)] = nPos + s.numSplit();
+                s.splitSource.push_back(p);
+                s.vertexTex.push_back(tex);
+            }
+        }
+    return s;
+}
+
+/// The triangle mesh with the split vertices: the positions, the split copies after them,
+/// and every corner re-pointed to the vertex of its (position, texture) pair.
+CompactMesh expandBySplit(const ObjFaces& r, const TextureSplit& s)
+{
+    const int nPos = r.numPositions();
+    CompactMesh expanded;
+    expanded.resizeVertexArray(nPos + s.numSplit());
+    expanded.resizeTriangleArray(r.numFaces());
+    float* xyz = expanded.getVerticesRaw();
+    std::copy(r.positions.begin(), r.positions.end(), xyz);
+    for (int k = 0; k < s.numSplit(); ++k)
+        std::copy_n(r.positions.begin() + 3 * std::ptrdiff_t(s.splitSource[std::size_t(k)]), 3,
+                    xyz + 3 * std::ptrdiff_t(nPos + k));
+    int* cornerVertex = expanded.getTrianglesRaw();
+    const int* cornerPos = r.cornerPos.data();
+    const int* cornerTex = r.cornerTex.data();
+    qyUtil::runChunks(qyUtil::ThreadPool::get(), r.numCorners(),
+                      [&](qyUtil::ThreadedChunkAlg&, int, int begin, int end)
+                      {
+                          for (int c = begin; c < end; ++c)
+                          {
+                              const int p = cornerPos[c], t = cornerTex[c];
+                              int v = p;
+                              if (t >= 0)
+                                  for (int k = s.pairStart[std::size_t(p)];
+                                       k < s.pairStart[std::size_t(p) + 1]; ++k)
+                                      if (s.pairTex[std::size_t(k)] == t)
+                                      {
+                                          v = s.pairVertex[std::size_t(k)];
+                                          break;
+                                      }
+                              cornerVertex[c] = v;
+                          }
+                      });
+    return expanded;
+}
+
+/// One subset per connected component of the expanded mesh (a texture chart): its vertices
+/// and the triangles whose vertices lie in it; with one UV list per subset, empty when a
+/// vertex of the subset has no texture coordinate.
+std::vector<qy::Reference<MeshSubset>>
+chartsFromComponents(const CompactMesh& expanded, const ObjFaces& r, const TextureSplit& s,
+                     qy::vector<qy::vector<qyLinear::Point2Flt>>& uvs)
+{
+    const int nVerts = expanded.getNumVertices(), nFaces = expanded.getNumTriangles();
+    qy::Array<int> labels;
+    const int nComponents = meshComponents(expanded, MeshAdjTris(), &labels);
+    std::vector<qy::Reference<MeshSubset>> charts(static_cast<std::size_t>(nComponents));
+    // Each list is sized first, so that a chart of a million triangles is written once.
+    std::vector<int> numVerts(charts.size(), 0), numTris(charts.size(), 0);
+    for (int v = 0; v < nVerts; ++v)
+        if (labels[std::size_t(v)] >= 0)
+            ++numVerts[std::size_t(labels[std::size_t(v)])];
+    const int* tris = expanded.getTrianglesRaw();
+    for (int t = 0; t < nFaces; ++t)
+        if (labels[std::size_t(tris[3 * t])] >= 0)
+            ++numTris[std::size_t(labels[std::size_t(tris[3 * t])])];
+    for (std::size_t k = 0; k < charts.size(); ++k)
+    {
+        charts[k] = qy::makeReference<MeshSubset>();
+        detail::reserveHuge(charts[k]->vertices(), std::size_t(numVerts[k]));
+        detail::reserveHuge(charts[k]->triangles(), std::size_t(numTris[k]));
+    }
+    for (int v = 0; v < nVerts; ++v)
+        if (labels[std::size_t(v)] >= 0)
+            charts[std::size_t(labels[std::size_t(v)])]->vertices().push_back(v);
+    for (int t = 0; t < nFaces; ++t)
+    {
+        const int label = labels[std::size_t(tris[3 * t])];
+        if (label >= 0)
+            charts[std::size_t(label)]->triangles().push_back(t);
+    }
+    for (const auto& chart : charts)
+    {
+        qy::vector<qyLinear::Point2Flt> list;
+        list.reserve(chart->vertices().size());
+        for (const int v : chart->vertices())
+        {
+            const int t = s.vertexTex[std::size_t(v)];
+            if (t < 0)
+            {
+                list.clear();
+                break;
+            }
+            list.emplace_back(r.texCoords[2 * std::size_t(t)], r.texCoords[2 * std::size_t(t) + 1]);
+        }
+        uvs.push_back(std::move(list));
+    }
+    return charts;
+}
+
+/// The material of each chart: that of its first triangle ("" for none).
+void materialPerChart(const std::vector<qy::Reference<MeshSubset>>& charts, const ObjFaces& r,
+                      qy::vector<qyString::IString>& materialNames)
+{
+    for (const auto& chart : charts)
+    {
+        const int m =
+            chart->triangles().empty() ? -1 : r.faceMaterial[std::size_t(chart->triangles()[0])];
+        materialNames.push_back(m >= 0 ? r.materialNames[std::size_t(m)] : std::string());
+    }
+}
+
+/// Back to one vertex per position: the charts and the triangles re-pointed from the split
+/// copies to their positions. The copies sit after the positions, so cutting the vertex
+/// array restores the mesh in place.
+void restorePositions(CompactMesh& expanded, const std::vector<qy::Reference<MeshSubset>>& charts,
+                      const TextureSplit& s, int numPositions)
+{
+    for (const auto& chart : charts)
+        for (int& v : chart->vertices())
+            if (v >= numPositions)
+                v = s.splitSource[std::size_t(v - numPositions)];
+    expanded.resizeVertexArray(numPositions);
+    int* t = expanded.getTrianglesRaw();
+    for (std::size_t c = 0, n = 3 * std::size_t(expanded.getNumTriangles()); c < n; ++c)
+        if (t[c] >= numPositions)
+            t[c] = s.splitSource[std::size_t(t[c] - numPositions)];
 }
 
 /// The read with subsets, after the parse (`parsed` tells whether it succeeded).
-bool buildWithSubsets(ObjLineReader& r, bool parsed, double parseSeconds, CompactMesh& mesh,
+bool buildWithSubsets(ObjFaces& r, bool parsed, double parseSeconds, CompactMesh& mesh,
                       qy::list<qy::Reference<MeshSubset>>& subsets,
                       qy::vector<qy::vector<qyLinear::Point2Flt>>& uvs,
                       qy::vector<qyString::IString>* materialNames, qyOS::Filename* mtlFile,
                       const qyOS::Filename* file)
 {
     qyOS::DebugChannel& dbg = debugChannel();
-    dbg.print("Parse Obj File: %f s, v=%f s, n=%f s, uv=%f s\n", parseSeconds, r.timeV, r.timeN,
-              r.timeT);
+    dbg.print("Parse Obj File: %f s, v=%f s, n=%f s, uv=%f s\n", parseSeconds, r.secondsV,
+              r.secondsN, r.secondsT);
     subsets.clear();
     uvs.clear();
     if (materialNames)
@@ -147,7 +365,7 @@ bool buildWithSubsets(ObjLineReader& r, bool parsed, double parseSeconds, Compac
         return false;
     }
     sortFacesByMaterial(r);
-    if (r.faceStart.back() != 3 * nFaces)
+    if (r.numCorners() != 3 * nFaces)
     {
         dbg.print("Error: Non-triangular face found - not handled!\n");
         return false;
@@ -166,64 +384,8 @@ bool buildWithSubsets(ObjLineReader& r, bool parsed, double parseSeconds, Compac
         return true;
     }
 
-    // Split each position by texture coordinate: the (position, texture) pairs in use,
-    // ascending; the first pair of a position keeps its vertex, every further one becomes a
-    // new vertex after the positions.
-    const std::size_t nCorners = r.cornerPos.size();
-    // A counting sort by position, then each position's texture indices sorted and made
-    // unique in place: pairTex[pairStart[p] .. pairStart[p + 1]) are position p's.
-    std::vector<int> pairStart(std::size_t(nPos) + 1, 0);
-    for (std::size_t c = 0; c < nCorners; ++c)
-        if (r.cornerTex[c] >= 0)
-            ++pairStart[std::size_t(r.cornerPos[c]) + 1];
-    for (std::size_t k = 1; k < pairStart.size(); ++k)
-        pairStart[k] += pairStart[k - 1];
-    std::vector<int> pairTex(std::size_t(pairStart.back()));
-    {
-        std::vector<int> fill(pairStart.begin(), pairStart.end() - 1);
-        for (std::size_t c = 0; c < nCorners; ++c)
-            if (r.cornerTex[c] >= 0)
-                pairTex[std::size_t(fill[std::size_t(r.cornerPos[c])]++)] = r.cornerTex[c];
-    }
-    int numPairs = 0;
-    for (int p = 0; p < nPos; ++p)
-    {
-        int* b = pairTex.data() + pairStart[std::size_t(p)];
-        int* e = pairTex.data() + pairStart[std::size_t(p) + 1];
-        if (e - b > 16)
-            std::sort(b, e);
-        else if (e - b > 1) // (b may be null when no corner has a texture index)
-            for (int* i = b + 1; i < e; ++i)
-                for (int* j = i; j > b && j[-1] > *j; --j)
-                    std::swap(j[-1], *j);
-        e = std::unique(b, e);
-        pairStart[std::size_t(p)] = numPairs;
-        numPairs = int(std::copy(b, e, pairTex.data() + numPairs) - pairTex.data());
-    }
-    pairStart[std::size_t(nPos)] = numPairs;
-    pairTex.resize(std::size_t(numPairs));
-    std::vector<int> pairVertex(pairTex.size());
-    std::vector<int> splitSource; // new vertex - nPos -> source position
-    std::vector<int> vertexTex(std::size_t(nPos), -1);
-    for (int p = 0; p < nPos; ++p)
-        for (int k = pairStart[std::size_t(p)]; k < pairStart[std::size_t(p) + 1]; ++k)
-        {
-            const int tex = pairTex[std::size_t(k)];
-            if (k == pairStart[std::size_t(p)])
-            {
-                pairVertex[std::size_t(k)] = p;
-                vertexTex[std::size_t(p)] = tex;
-            }
-            else
-            {
-                pairVertex[std::size_t(k)] = nPos + int(splitSource.size());
-                splitSource.push_back(p);
-                vertexTex.push_back(tex);
-            }
-        }
-    const int splitCount = int(splitSource.size());
-
-    if (splitCount > nPos && splitCount >= 101)
+    const TextureSplit split = splitByTexture(r);
+    if (split.numSplit() > nPos && split.numSplit() >= 101)
     {
         dbg.print("Texture coords deleted!\n");
         buildMesh(mesh, nPos, r.positions.data(), r, r.cornerPos.data());
@@ -231,137 +393,58 @@ bool buildWithSubsets(ObjLineReader& r, bool parsed, double parseSeconds, Compac
         return true;
     }
 
-    auto t0 = std::chrono::steady_clock::now();
-    // The expanded mesh is a local one: the caller's mesh is replaced once, at the end. It
-    // is written in place: the positions, the split copies after them, and every corner
-    // re-pointed to the vertex of its (position, texture) pair.
-    const int nVerts = nPos + splitCount;
-    CompactMesh expanded;
-    expanded.resizeVertexArray(nVerts);
-    expanded.resizeTriangleArray(nFaces);
-    {
-        float* xyz = expanded.getVerticesRaw();
-        std::copy(r.positions.begin(), r.positions.end(), xyz);
-        for (int k = 0; k < splitCount; ++k)
-            std::copy_n(r.positions.begin() + 3 * std::ptrdiff_t(splitSource[std::size_t(k)]), 3,
-                        xyz + 3 * std::ptrdiff_t(nPos + k));
-        int* cornerVertex = expanded.getTrianglesRaw();
-        const int* cornerPos = r.cornerPos.data();
-        const int* cornerTex = r.cornerTex.data();
-        qyUtil::runChunks(qyUtil::ThreadPool::get(), int(nCorners),
-                          [&](qyUtil::ThreadedChunkAlg&, int, int begin, int end)
-                          {
-                              for (int c = begin; c < end; ++c)
-                              {
-                                  const int p = cornerPos[c], t = cornerTex[c];
-                                  int v = p;
-                                  if (t >= 0)
-                                      for (int k = pairStart[std::size_t(p)];
-                                           k < pairStart[std::size_t(p) + 1]; ++k)
-                                          if (pairTex[std::size_t(k)] == t)
-                                          {
-                                              v = pairVertex[std::size_t(k)];
-                                              break;
-                                          }
-                                  cornerVertex[c] = v;
-                              }
-                          });
-    }
-    dbg.print("Expand Compact Mesh For Determining Subsets: %f (sec)\n", since(t0));
+    // The expanded mesh is a local one: the caller's mesh is replaced once, at the end.
+    qyOS::StopWatch watch;
+    watch.start();
+    CompactMesh expanded = expandBySplit(r, split);
+    dbg.print("Expand Compact Mesh For Determining Subsets: %f (sec)\n", watch.clear());
 
-    t0 = std::chrono::steady_clock::now();
-    qy::Array<int> labels;
-    const int nComponents = meshComponents(expanded, MeshAdjTris(), &labels);
-    std::vector<qy::Reference<MeshSubset>> parts(static_cast<std::size_t>(nComponents));
-    {
-        // Each list is sized first, so that a chart of a million triangles is written once.
-        std::vector<int> numVerts(parts.size(), 0), numTris(parts.size(), 0);
-        for (int v = 0; v < nVerts; ++v)
-            if (labels[std::size_t(v)] >= 0)
-                ++numVerts[std::size_t(labels[std::size_t(v)])];
-        const int* tris = expanded.getTrianglesRaw();
-        for (int t = 0; t < nFaces; ++t)
-            if (labels[std::size_t(tris[3 * t])] >= 0)
-                ++numTris[std::size_t(labels[std::size_t(tris[3 * t])])];
-        for (std::size_t k = 0; k < parts.size(); ++k)
-        {
-            parts[k] = qy::makeReference<MeshSubset>();
-            objText::reserveHuge(parts[k]->vertices(), std::size_t(numVerts[k]));
-            objText::reserveHuge(parts[k]->triangles(), std::size_t(numTris[k]));
-        }
-        for (int v = 0; v < nVerts; ++v)
-            if (labels[std::size_t(v)] >= 0)
-                parts[std::size_t(labels[std::size_t(v)])]->vertices().push_back(v);
-        for (int t = 0; t < nFaces; ++t)
-        {
-            const int label = labels[std::size_t(tris[3 * t])];
-            if (label >= 0)
-                parts[std::size_t(label)]->triangles().push_back(t);
-        }
-    }
-    for (const auto& s : parts)
-    {
-        qy::vector<qyLinear::Point2Flt> list;
-        list.reserve(s->vertices().size());
-        for (const int v : s->vertices())
-        {
-            const int t = vertexTex[std::size_t(v)];
-            if (t < 0)
-            {
-                list.clear();
-                break;
-            }
-            list.emplace_back(r.texCoords[2 * std::size_t(t)], r.texCoords[2 * std::size_t(t) + 1]);
-        }
-        uvs.push_back(std::move(list));
-    }
-    dbg.print("Determining Subsets: %f (sec)\n", since(t0));
+    const std::vector<qy::Reference<MeshSubset>> charts =
+        chartsFromComponents(expanded, r, split, uvs);
+    dbg.print("Determining Subsets: %f (sec)\n", watch.clear());
 
     const bool anyMaterial =
         std::any_of(r.faceMaterial.begin(), r.faceMaterial.end(), [](int m) { return m >= 0; });
     if (anyMaterial && materialNames)
     {
-        t0 = std::chrono::steady_clock::now();
-        for (const auto& s : parts)
-        {
-            const int m =
-                s->triangles().empty() ? -1 : r.faceMaterial[std::size_t(s->triangles()[0])];
-            materialNames->push_back(m >= 0 ? r.materialNames[std::size_t(m)] : std::string());
-        }
-        dbg.print("Map Material To Subsets: %f (sec)\n", since(t0));
+        watch.clear();
+        materialPerChart(charts, r, *materialNames);
+        dbg.print("Map Material To Subsets: %f (sec)\n", watch.clear());
     }
     else
     {
         dbg.print("Warning: None of the faces have material assignment!\n");
     }
 
-    if (splitCount != 0)
+    if (split.numSplit() != 0)
     {
-        t0 = std::chrono::steady_clock::now();
-        for (const auto& s : parts)
-            for (int& v : s->vertices())
-                if (v >= nPos)
-                    v = splitSource[std::size_t(v - nPos)];
-        // Back to one vertex per position: the copies sit after the positions, so cutting
-        // the vertex array and re-pointing the triangles restores the mesh in place.
-        expanded.resizeVertexArray(nPos);
-        int* t = expanded.getTrianglesRaw();
-        for (std::size_t c = 0; c < nCorners; ++c)
-            if (t[c] >= nPos)
-                t[c] = splitSource[std::size_t(t[c] - nPos)];
-        dbg.print("Restore compact mesh to unexploded state: %f (sec)\n", since(t0));
+        watch.clear();
+        restorePositions(expanded, charts, split, nPos);
+        dbg.print("Restore compact mesh to unexploded state: %f (sec)\n", watch.clear());
     }
     mesh = std::move(expanded);
-    subsets.assign(parts.begin(), parts.end());
+    subsets.assign(charts.begin(), charts.end());
     return true;
+}
+
+/// Reads with subsets from a file or a memory block (`file` null).
+bool readWithSubsets(ObjLineReader& reader, bool read, CompactMesh& mesh,
+                     qy::list<qy::Reference<MeshSubset>>& subsets,
+                     qy::vector<qy::vector<qyLinear::Point2Flt>>& uvs,
+                     qy::vector<qyString::IString>* materialNames, qyOS::Filename* mtlFile,
+                     const qyOS::Filename* file, qyOS::StopWatch& watch)
+{
+    ObjFaces faces = reader.finish();
+    return buildWithSubsets(faces, read, watch.stop(), mesh, subsets, uvs, materialNames, mtlFile,
+                            file);
 }
 
 } // namespace
 
 bool meshReadObj(CompactMesh& mesh, const qyOS::Filename& file)
 {
-    ObjLineReader r(false, false, true);
-    return r.readFile(file.c_str()) && r.buildPlainMesh(mesh);
+    ObjLineReader reader(false, false);
+    return reader.readFile(file.c_str()) && buildPlainMesh(reader.finish(), mesh);
 }
 
 bool meshReadObj(CompactMesh& mesh, qy::list<qy::Reference<MeshSubset>>& subsets,
@@ -369,27 +452,24 @@ bool meshReadObj(CompactMesh& mesh, qy::list<qy::Reference<MeshSubset>>& subsets
                  qy::vector<qyString::IString>& materialNames, qyOS::Filename& mtlFile,
                  const qyOS::Filename& file)
 {
-    const auto t0 = std::chrono::steady_clock::now();
-    ObjLineReader r(true, true, true);
-    const bool parsed = r.readFile(file.c_str()) && r.finish();
-    return buildWithSubsets(r, parsed, since(t0), mesh, subsets, uvs, &materialNames, &mtlFile,
-                            &file);
+    qyOS::StopWatch watch;
+    watch.start();
+    ObjLineReader reader(true, true);
+    const bool read = reader.readFile(file.c_str());
+    return readWithSubsets(reader, read, mesh, subsets, uvs, &materialNames, &mtlFile, &file,
+                           watch);
 }
 
 bool meshReadObj(CompactMesh& mesh, qy::list<qy::Reference<MeshSubset>>& subsets,
                  qy::vector<qy::vector<qyLinear::Point2Flt>>& uvs, const char* data,
                  unsigned int length)
 {
-    const auto t0 = std::chrono::steady_clock::now();
-    ObjLineReader r(true, false, true);
-    const bool parsed = r.readMemory(data, length) && r.finish();
-    return buildWithSubsets(r, parsed, since(t0), mesh, subsets, uvs, nullptr, nullptr, nullptr);
+    qyOS::StopWatch watch;
+    watch.start();
+    ObjLineReader reader(true, false);
+    const bool read = reader.readMemory(data, length);
+    return readWithSubsets(reader, read, mesh, subsets, uvs, nullptr, nullptr, nullptr, watch);
 }
-
-} // namespace qyGeom
-
-namespace qyGeom
-{
 
 bool meshReadObj(TopoMesh& mesh, const qyOS::Filename& file)
 {
@@ -398,19 +478,22 @@ bool meshReadObj(TopoMesh& mesh, const qyOS::Filename& file)
 
 bool meshReadObj(TopoMesh& mesh, const qyOS::Filename& file, bool allowNonManifold)
 {
-    ObjLineReader r(false, false, allowNonManifold);
+    ObjLineReader reader(false, false);
     mesh.clear();
-    if (!r.readFile(file.c_str()) || !r.finish())
+    if (!reader.readFile(file.c_str()))
         return false;
-    const int nPos = r.numPositions(), nFaces = r.numFaces();
+    const ObjFaces faces = reader.finish();
+    if (!allowNonManifold && !edgesManifold(faces))
+        return false;
+    const int nPos = faces.numPositions(), nFaces = faces.numFaces();
     if (nPos == 0 || nFaces == 0)
         return false;
-    mesh.reserve(nPos, r.faceStart.back(), nFaces);
-    const float* xyz = r.positions.data();
+    mesh.reserve(nPos, faces.numCorners(), nFaces);
+    const float* xyz = faces.positions.data();
     for (int v = 0; v < nPos; ++v)
         mesh.allocVertex(xyz[3 * v], xyz[3 * v + 1], xyz[3 * v + 2]);
     for (int f = 0; f < nFaces; ++f)
-        mesh.allocFace(r.faceSize(f), r.cornerPos.data() + r.faceStart[std::size_t(f)]);
+        mesh.allocFace(faces.faceSize(f), faces.cornerPos.data() + faces.faceStart[std::size_t(f)]);
     mesh.meshTwin();
     mesh.modified(TopoMeshModification(mesh, TopoMeshModification::TopologyChanged));
     return true;

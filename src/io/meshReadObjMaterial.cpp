@@ -1,11 +1,12 @@
 #include "qyGeom/meshReadObjMaterial.h"
 
-#include <cstring>
-#include <string>
+#include <climits>
 #include <string_view>
 #include <vector>
 
-#include "io/objText.h"
+#include "io/detail/Scanner.h"
+#include "io/detail/TextSource.h"
+#include "io/detail/text.h"
 
 namespace qyGeom
 {
@@ -15,158 +16,40 @@ MeshObjMaterial::~MeshObjMaterial() = default;
 namespace
 {
 
-enum MtlToken
+using detail::Token;
+
+enum MtlKeyword
 {
-    TokNewmtl = 0,
-    TokKa,
-    TokKd,
-    TokKs,
-    TokTf,
-    TokD,
-    TokTr,
-    TokNs,
-    TokNi,
-    TokIllum,
-    TokMapKa,
-    TokMapKd,
-    TokMapKs,
-    TokNewline = 13,
-    TokInteger = 14,
-    TokReal = 15,
-    TokName = 16,
-    TokEof = 17,
+    KwNewmtl,
+    KwKa,
+    KwKd,
+    KwKs,
+    KwTf,
+    KwD,
+    KwTr,
+    KwNs,
+    KwNi,
+    KwIllum,
+    KwMapKa,
+    KwMapKd,
+    KwMapKs
 };
 
-struct Token
-{
-    int kind;
-    int line;
-    std::string_view text;
-};
+constexpr std::string_view mtlKeywords[] = {
+    "newmtl", "Ka", "Kd", "Ks", "Tf", "d", "Tr", "Ns", "Ni", "illum", "map_Ka", "map_Kd", "map_Ks"};
 
-constexpr const char* keywords[] = {"newmtl", "Ka", "Kd",    "Ks",     "Tf",     "d",     "Tr",
-                                    "Ns",     "Ni", "illum", "map_Ka", "map_Kd", "map_Ks"};
-
-bool isLetter(char c)
+bool isLetter(unsigned char c)
 {
     return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
 }
 
-bool isBlankOrEnd(char c)
-{
-    return c == ' ' || c == '\t' || c == '\r' || c == '\n';
-}
-
-/// Length of the number at p: an integer ([+-]digits) or a real ([+-] digits with a point
-/// and/or an exponent); 0 when none. `isReal` tells which.
-std::size_t matchNumber(const char* p, const char* end, bool& isReal)
-{
-    const char* q = p;
-    if (q < end && (*q == '+' || *q == '-'))
-        ++q;
-    const char* digits = q;
-    while (q < end && objText::isDigit(*q))
-        ++q;
-    const bool intDigits = q > digits;
-    bool fraction = false;
-    const char* afterInt = q;
-    if (q < end && *q == '.')
-    {
-        const char* f = q + 1;
-        while (f < end && objText::isDigit(*f))
-            ++f;
-        if (intDigits || f > q + 1)
-        {
-            fraction = true;
-            q = f;
-        }
-    }
-    if (!intDigits && !fraction)
-        return 0;
-    if (!fraction)
-        q = afterInt;
-    bool exponent = false;
-    if (q < end && (*q == 'e' || *q == 'E'))
-    {
-        const char* e = q + 1;
-        if (e < end && (*e == '+' || *e == '-'))
-            ++e;
-        const char* expDigits = e;
-        while (e < end && objText::isDigit(*e))
-            ++e;
-        if (e > expDigits)
-        {
-            exponent = true;
-            q = e;
-        }
-    }
-    isReal = fraction || exponent;
-    return std::size_t(q - p);
-}
+/// Names start with a letter; there are no compound corners.
+const detail::Lexicon mtlLexicon{mtlKeywords, int(std::size(mtlKeywords)), &isLetter, false};
 
 /// Tokenizes the whole library; false on a character that no token accepts.
-bool scan(const objText::FileText& text, std::vector<Token>& tokens)
+bool scan(const char* p, const char* end, std::vector<Token>& tokens)
 {
-    const char* const end = text.data() + text.size();
-    const char* p = objText::skipByteOrderMark(text.data(), end);
-    int line = 1;
-    while (p < end)
-    {
-        const char c = *p;
-        if (c == ' ' || c == '\t')
-        {
-            ++p;
-            continue;
-        }
-        if (c == '#')
-        {
-            while (p < end && *p != '\n')
-                ++p;
-            if (p < end)
-            {
-                ++p;
-                ++line;
-            }
-            continue;
-        }
-        if (c == '\n' || (c == '\r' && end - p >= 2 && p[1] == '\n'))
-        {
-            tokens.push_back({TokNewline, line, {}});
-            p += c == '\n' ? 1 : 2;
-            ++line;
-            continue;
-        }
-        bool isReal = false;
-        const std::size_t numberLength = matchNumber(p, end, isReal);
-        std::size_t nameLength = 0;
-        if (isLetter(c))
-        {
-            const char* q = p + 1;
-            while (q < end && !isBlankOrEnd(*q))
-                ++q;
-            nameLength = std::size_t(q - p);
-        }
-        if (numberLength == 0 && nameLength == 0)
-            return false;
-        if (numberLength >= nameLength)
-        {
-            tokens.push_back({isReal ? TokReal : TokInteger, line, {p, numberLength}});
-            p += numberLength;
-            continue;
-        }
-        const std::string_view word(p, nameLength);
-        int kind = TokName;
-        for (int k = 0; k < int(std::size(keywords)); ++k)
-            if (word == keywords[k])
-            {
-                kind = k;
-                break;
-            }
-        tokens.push_back({kind, line, word});
-        p += nameLength;
-    }
-    tokens.push_back({TokEof, line, {}});
-    return true;
+    return detail::Scanner(mtlLexicon, p, end).fill(tokens, INT_MAX);
 }
 
 class MtlParser
@@ -183,9 +66,9 @@ public:
         for (;;)
         {
             const Token& t = peek();
-            if (t.kind == TokEof)
+            if (t.kind == detail::TokEof)
                 return {};
-            if (t.kind != TokNewmtl)
+            if (t.kind != KwNewmtl)
                 return fail("expecting 'newmtl' or end of file");
             ++m_pos;
             if (qyUtil::Error e = material())
@@ -201,14 +84,17 @@ private:
         return qyUtil::Error(2, "Parse failed on line %d: %s\n", peek().line, what);
     }
 
-    bool atLineEnd() const { return peek().kind == TokNewline || peek().kind == TokEof; }
+    bool atLineEnd() const
+    {
+        return peek().kind == detail::TokNewline || peek().kind == detail::TokEof;
+    }
 
     /// Consumes the line end after a statement (the end of file is left for the caller).
     qyUtil::Error lineEnd()
     {
         if (!atLineEnd())
             return fail("expecting newline");
-        if (peek().kind == TokNewline)
+        if (peek().kind == detail::TokNewline)
             ++m_pos;
         return {};
     }
@@ -216,10 +102,9 @@ private:
     qyUtil::Error number(float& out)
     {
         const Token& t = peek();
-        if (t.kind != TokInteger && t.kind != TokReal)
+        if (t.kind != detail::TokInteger && t.kind != detail::TokReal)
             return fail("expecting number");
-        const char* stop;
-        out = float(objText::parseDouble(t.text.data(), t.text.data() + t.text.size(), &stop));
+        out = float(t.numValue);
         ++m_pos;
         return {};
     }
@@ -235,9 +120,9 @@ private:
 
     qyUtil::Error name(qyString::CString& out)
     {
-        if (peek().kind != TokName)
+        if (peek().kind != detail::TokName)
             return fail("expecting name");
-        out.assign(peek().text);
+        out.assign(peek().text());
         ++m_pos;
         return {};
     }
@@ -253,58 +138,57 @@ private:
         for (;;)
         {
             const int kind = peek().kind;
-            if (kind == TokNewline)
+            if (kind == detail::TokNewline)
             {
                 ++m_pos;
                 continue;
             }
-            if (kind < TokKa || kind > TokMapKs)
+            if (kind < KwKa || kind > KwMapKs)
                 break;
             ++m_pos;
             qyUtil::Error e;
             switch (kind)
             {
-            case TokKa:
+            case KwKa:
                 e = colour(m->ambient);
                 m->mask |= MeshObjMaterial::Ambient;
                 break;
-            case TokKd:
+            case KwKd:
                 e = colour(m->diffuse);
                 m->mask |= MeshObjMaterial::Diffuse;
                 break;
-            case TokKs:
+            case KwKs:
                 e = colour(m->specular);
                 m->mask |= MeshObjMaterial::Specular;
                 break;
-            case TokTf:
+            case KwTf:
                 e = colour(m->transmission);
                 m->mask |= MeshObjMaterial::Transmission;
                 break;
-            case TokD:
-            case TokTr:
+            case KwD:
+            case KwTr:
                 e = number(m->dissolve);
                 m->mask |= MeshObjMaterial::Dissolve;
                 break;
-            case TokNs:
+            case KwNs:
                 e = number(m->specularExponent);
                 m->mask |= MeshObjMaterial::SpecularExponent;
                 break;
-            case TokNi:
+            case KwNi:
                 e = number(m->opticalDensity);
                 m->mask |= MeshObjMaterial::OpticalDensity;
                 break;
-            case TokIllum:
-                if (peek().kind != TokInteger)
+            case KwIllum:
+                if (peek().kind != detail::TokInteger)
                     return fail("expecting integer");
-                m->illumination =
-                    objText::parseInt(peek().text.data(), peek().text.data() + peek().text.size());
+                m->illumination = peek().intValue;
                 m->mask |= MeshObjMaterial::Illumination;
                 ++m_pos;
                 break;
-            case TokMapKa:
+            case KwMapKa:
                 e = name(m->ambientMap);
                 break;
-            case TokMapKd:
+            case KwMapKd:
                 e = name(m->diffuseMap);
                 break;
             default:
@@ -331,9 +215,12 @@ qyUtil::Error meshReadObjMaterial(const qyString::IString& fileName,
                                   qy::vector<qy::Reference<MeshObjMaterial>>& materials)
 {
     materials.clear();
-    objText::FileText text;
+    detail::TextSource source;
+    detail::TextSource::Whole text;
     std::vector<Token> tokens;
-    if (!objText::readFile(fileName.c_str(), text) || !scan(text, tokens))
+    if (!source.open(fileName.c_str(), detail::TextSource::Files::RegularOnly) ||
+        !source.readAll(text) ||
+        !scan(detail::skipByteOrderMark(text.begin(), text.end()), text.end(), tokens))
         return qyUtil::Error(1, "Lexical analysis failed");
     return MtlParser(tokens, materials).parse();
 }
