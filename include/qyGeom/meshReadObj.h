@@ -141,8 +141,9 @@ QYGEOM_API bool meshReadObj(CompactMesh& mesh, const qyOS::Filename& file);
 /// @param[out] mtlFile  the `mtllib` file joined to the OBJ file's directory, or empty.
 /// @return false when the file cannot be opened, has no vertex or no face, or has a face
 ///   that is not a triangle ("Error: Non-triangular face found - not handled!").
-/// Debug channel: the parse time ("Parse Obj File: %f s, v=%f s, n=%f s, uv=%f s\n") and the
-///   time of each later phase.
+/// Debug channel: the parse time ("Parse Obj File: %f s, v=%f s, n=%f s, uv=%f s\n", the
+///   reading time shared out over the v, vn and vt lines by their bytes) and the time of each
+///   later phase.
 QYGEOM_API bool meshReadObj(CompactMesh& mesh, qy::list<qy::Reference<MeshSubset>>& subsets,
                             qy::vector<qy::vector<qyLinear::Point2Flt>>& uvs,
                             qy::vector<qyString::IString>& materialNames, qyOS::Filename& mtlFile,

@@ -9,7 +9,6 @@
 #include <algorithm>
 #include <atomic>
 #include <climits>
-#include <cstring>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -77,41 +76,6 @@ enum class MaterialCheck
     AfterFaces ///< the group already has faces
 };
 
-/// Counts of the lines that start with "v ", "vt ", "vn " and "f " and of the blank-separated
-/// words on the "f " lines: sizes to reserve, so that the lists of a large file do not grow
-/// by copying. Only hints (statements may share a line).
-struct SizeHints
-{
-    std::size_t v = 0, vt = 0, vn = 0, f = 0, corners = 0;
-
-    SizeHints(const char* p, const char* end)
-    {
-        while (p < end)
-        {
-            const char* nl = static_cast<const char*>(std::memchr(p, '\n', std::size_t(end - p)));
-            const char* e = nl ? nl : end;
-            if (e - p >= 2 && p[0] == 'v' && p[1] == ' ')
-                ++v;
-            else if (e - p >= 3 && p[0] == 'v' && p[1] == 't' && p[2] == ' ')
-                ++vt;
-            else if (e - p >= 3 && p[0] == 'v' && p[1] == 'n' && p[2] == ' ')
-                ++vn;
-            else if (e - p >= 2 && p[0] == 'f' && p[1] == ' ')
-            {
-                ++f;
-                for (const char* q = p + 1; q + 1 < e; ++q)
-                    corners += *q == ' ' && q[1] != ' ' && q[1] != '\r';
-            }
-            p = e + 1;
-        }
-    }
-};
-
-int clampToInt(std::size_t n)
-{
-    return int(std::min<std::size_t>(n, INT_MAX));
-}
-
 /// Carries the statements into a MeshObjFile as a serial read does: indices resolved against
 /// the elements read so far, materials looked up and groups closed as the statements come.
 class FileBuilder
@@ -123,12 +87,11 @@ public:
     {
     }
 
-    void reserve(std::size_t v, std::size_t vt, std::size_t vn, std::size_t f, std::size_t corners)
+    /// Makes room in the open group for that many faces and corners.
+    void reserveFaces(std::size_t faces, std::size_t corners)
     {
-        m_file.vertices.reserve(m_file.vertices.size() + v);
-        m_file.texCoords.reserve(m_file.texCoords.size() + vt);
-        m_file.normals.reserve(m_file.normals.size() + vn);
-        m_group->reserve(clampToInt(f), clampToInt(corners));
+        m_group->reserve(int(std::min<std::size_t>(faces, INT_MAX)),
+                         int(std::min<std::size_t>(corners, INT_MAX)));
         qy::adviseHugePages(m_group->getCorners());
     }
 
@@ -339,14 +302,8 @@ public:
             switch (t.kind)
             {
             case KwV:
-            {
-                qyLinear::PointFlt v;
-                v.x = number();
-                v.y = number();
-                v.z = number();
-                m_out.vertex(v);
+                m_out.vertex(point3<qyLinear::PointFlt>());
                 break;
-            }
             case KwVt:
             {
                 qyLinear::Point2Flt vt;
@@ -356,29 +313,19 @@ public:
                 break;
             }
             case KwVn:
-            {
-                qyLinear::VectorFlt vn;
-                vn.x = number();
-                vn.y = number();
-                vn.z = number();
-                m_out.normal(vn);
+                m_out.normal(point3<qyLinear::VectorFlt>());
                 break;
-            }
             case KwF:
                 face();
                 break;
             case KwMtllib:
-                if (peek().kind != detail::TokName)
-                    fail("expecting name");
-                m_out.mtllib(take().text());
+                m_out.mtllib(name("expecting name"));
                 break;
             case KwUsemtl:
                 usemtl();
                 break;
             case KwO:
-                if (peek().kind != detail::TokName)
-                    fail("expecting object name");
-                take();
+                name("expecting object name");
                 break;
             case KwS:
                 if (peek().kind != detail::TokInteger && peek().kind != KwOff)
@@ -450,6 +397,23 @@ private:
         return v;
     }
 
+    /// The name that must come next, taken; `what` is the error otherwise.
+    std::string_view name(const char* what)
+    {
+        if (peek().kind != detail::TokName)
+            fail(what);
+        return take().text();
+    }
+
+    template <class T> T point3()
+    {
+        T p;
+        p.x = number();
+        p.y = number();
+        p.z = number();
+        return p;
+    }
+
     /// Index i of list e for the corner being read; the error is reported at the token after
     /// the index.
     int index(int i, Element e)
@@ -483,17 +447,18 @@ private:
         m_corners.clear();
         for (;;)
         {
-            const int kind = peek().kind;
+            const Token& t = peek();
             MeshObjCorner c;
-            if (kind == detail::TokInteger)
+            if (t.kind == detail::TokInteger)
             {
-                c.vertex = index(take().intValue, Vertex);
+                const int i = t.intValue;
+                ++m_pos;
+                c.vertex = index(i, Vertex);
             }
-            else if (kind == detail::TokCorner)
+            else if (t.kind == detail::TokCorner)
             {
                 // The parts in the order of their tokens; errors are reported on the line of
                 // the corner.
-                const Token& t = peek();
                 if (!(t.corner.present & 1))
                     fail("expecting vertex index");
                 c.vertex = index(t.intValue, Vertex);
@@ -609,7 +574,7 @@ bool joinPieces(std::vector<Piece>& pieces, FileBuilder& out)
     qy::adviseHugePages(file.texCoords);
     qy::adviseHugePages(file.normals);
     if (!anyGroup)
-        out.reserve(0, 0, 0, faces, corners);
+        out.reserveFaces(faces, corners);
     for (Piece& piece : pieces)
     {
         // Negative indices counted back into earlier pieces: shift them by the elements
@@ -729,8 +694,6 @@ qyUtil::Error meshReadObj2(const qyString::IString& fileName, qy::Reference<Mesh
             return cannotOpen;
         const char* begin = detail::skipByteOrderMark(text.begin(), text.end());
         FileBuilder out(*file, directory);
-        const SizeHints hints(begin, text.end());
-        out.reserve(hints.v, hints.vt, hints.vn, hints.f, hints.corners);
         ObjGrammar<FileBuilder>(begin, text.end(), out).parse();
     }
     catch (const qyUtil::Error& e)

@@ -46,6 +46,33 @@ bool isLetter(unsigned char c)
 /// Names start with a letter; there are no compound corners.
 const detail::Lexicon mtlLexicon{mtlKeywords, int(std::size(mtlKeywords)), &isLetter, false};
 
+/// What a parameter statement sets: a colour, a number or a map name (illum: an integer),
+/// and its bit in the presence mask (none for the maps).
+struct Parameter
+{
+    float (MeshObjMaterial::*colour)[4];
+    float MeshObjMaterial::*number;
+    qyString::CString MeshObjMaterial::*map;
+    unsigned bit;
+};
+
+/// Indexed by keyword (newmtl has none).
+const Parameter parameters[] = {
+    {nullptr, nullptr, nullptr, 0},
+    {&MeshObjMaterial::ambient, nullptr, nullptr, MeshObjMaterial::Ambient},
+    {&MeshObjMaterial::diffuse, nullptr, nullptr, MeshObjMaterial::Diffuse},
+    {&MeshObjMaterial::specular, nullptr, nullptr, MeshObjMaterial::Specular},
+    {&MeshObjMaterial::transmission, nullptr, nullptr, MeshObjMaterial::Transmission},
+    {nullptr, &MeshObjMaterial::dissolve, nullptr, MeshObjMaterial::Dissolve},
+    {nullptr, &MeshObjMaterial::dissolve, nullptr, MeshObjMaterial::Dissolve},
+    {nullptr, &MeshObjMaterial::specularExponent, nullptr, MeshObjMaterial::SpecularExponent},
+    {nullptr, &MeshObjMaterial::opticalDensity, nullptr, MeshObjMaterial::OpticalDensity},
+    {nullptr, nullptr, nullptr, MeshObjMaterial::Illumination},
+    {nullptr, nullptr, &MeshObjMaterial::ambientMap, 0},
+    {nullptr, nullptr, &MeshObjMaterial::diffuseMap, 0},
+    {nullptr, nullptr, &MeshObjMaterial::specularMap, 0},
+};
+
 /// Tokenizes the whole library; false on a character that no token accepts.
 bool scan(const char* p, const char* end, std::vector<Token>& tokens)
 {
@@ -147,54 +174,27 @@ private:
                 break;
             ++m_pos;
             qyUtil::Error e;
-            switch (kind)
+            const Parameter& p = parameters[kind];
+            if (kind == KwIllum)
             {
-            case KwKa:
-                e = colour(m->ambient);
-                m->mask |= MeshObjMaterial::Ambient;
-                break;
-            case KwKd:
-                e = colour(m->diffuse);
-                m->mask |= MeshObjMaterial::Diffuse;
-                break;
-            case KwKs:
-                e = colour(m->specular);
-                m->mask |= MeshObjMaterial::Specular;
-                break;
-            case KwTf:
-                e = colour(m->transmission);
-                m->mask |= MeshObjMaterial::Transmission;
-                break;
-            case KwD:
-            case KwTr:
-                e = number(m->dissolve);
-                m->mask |= MeshObjMaterial::Dissolve;
-                break;
-            case KwNs:
-                e = number(m->specularExponent);
-                m->mask |= MeshObjMaterial::SpecularExponent;
-                break;
-            case KwNi:
-                e = number(m->opticalDensity);
-                m->mask |= MeshObjMaterial::OpticalDensity;
-                break;
-            case KwIllum:
                 if (peek().kind != detail::TokInteger)
                     return fail("expecting integer");
                 m->illumination = peek().intValue;
-                m->mask |= MeshObjMaterial::Illumination;
                 ++m_pos;
-                break;
-            case KwMapKa:
-                e = name(m->ambientMap);
-                break;
-            case KwMapKd:
-                e = name(m->diffuseMap);
-                break;
-            default:
-                e = name(m->specularMap);
-                break;
             }
+            else if (p.colour)
+            {
+                e = colour(*m.*p.colour);
+            }
+            else if (p.number)
+            {
+                e = number(*m.*p.number);
+            }
+            else
+            {
+                e = name(*m.*p.map);
+            }
+            m->mask |= p.bit;
             if (e)
                 return e;
             if (qyUtil::Error le = lineEnd())

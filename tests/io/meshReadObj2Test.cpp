@@ -190,6 +190,23 @@ TEST(MeshReadObj2, BatchesOfTokensJoinSeamlessly)
               "Parse failed on line 1400: expected OBJ statement or end of file\n");
 }
 
+TEST(MeshReadObj2, GroupClosedBeforeAnErrorInItsNamesStays)
+{
+    // A batch of tokens ends at the first line end after 512 tokens: here at the "g" line
+    // (3 vertex lines and 99 faces of 5 tokens, then "g" and its line end). The group is
+    // closed before the next batch is scanned for names, so the unrecognized character
+    // there stops the read with the closed group kept.
+    std::string text = "v 0 0 0\nv 1 0 0\nv 0 1 0\n";
+    for (int i = 0; i < 99; ++i)
+        text += "f 1 2 3\n";
+    text += "g\nnext @\n";
+    const Parsed p = parse(text);
+    EXPECT_EQ(p.error.message(), "Unrecognized input on line 104");
+    ASSERT_EQ(p.file->groups.size(), 1u);
+    EXPECT_EQ(p.file->groups[0]->getNumFaces(), 99);
+    EXPECT_EQ(p.file->groups[0]->getName(), "default");
+}
+
 TEST(MeshReadObjMaterial, TokensGrammarAndMessages)
 {
     qy::vector<qy::Reference<MeshObjMaterial>> m;

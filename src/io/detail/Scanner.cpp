@@ -17,22 +17,8 @@ bool isWordEnd(char c)
 
 } // namespace
 
-bool Scanner::fill(std::vector<Token>& out, int batch)
-{
-    int collected = 0;
-    while (!m_finished)
-    {
-        const int kind = next(out);
-        if (kind == TokInvalid)
-            return false;
-        collected += out.back().count;
-        if (kind == TokNewline && collected >= batch)
-            break;
-    }
-    return true;
-}
-
-int Scanner::next(std::vector<Token>& out)
+// Inlined into fill(), its only caller: it runs once per token.
+inline __attribute__((always_inline)) int Scanner::next(std::vector<Token>& out)
 {
     for (;;)
     {
@@ -133,6 +119,21 @@ int Scanner::next(std::vector<Token>& out)
     }
     m_p += nameLength;
     return t.kind;
+}
+
+bool Scanner::fill(std::vector<Token>& out, int batch)
+{
+    int collected = 0;
+    while (!m_finished)
+    {
+        const int kind = next(out);
+        if (kind == TokInvalid)
+            return false;
+        collected += out.back().count;
+        if (kind == TokNewline && collected >= batch)
+            break;
+    }
+    return true;
 }
 
 bool Scanner::corner(std::vector<Token>& out, const char* q, bool first, int value)
