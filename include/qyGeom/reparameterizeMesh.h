@@ -1,18 +1,12 @@
 // reparameterizeMesh: conformal flattening of a disk-like triangle mesh into UV coordinates.
 #pragma once
+#include <memory>
 #include <string>
 #include <utility>
 
 #include "base/Containers.h"
-#include "base/Linear.h"
-#include "model/CompactMesh.h"
-#include "qyGeom/MeshCache.h"
 #include "qyGeom/qyGeomExport.h"
 
-namespace qyOS
-{
-class AppOutput;
-}
 namespace qyUtil
 {
 class Progress;
@@ -21,11 +15,7 @@ class Progress;
 namespace qyGeom
 {
 
-class ConjugateGradient;
-class MeshAdjTris;
-class NVector;
-class Remap;
-struct VertexRows;
+class CompactMesh;
 
 /// How a flattening ended (reparameterizeMesh::status()).
 enum class FlattenStatus
@@ -73,9 +63,9 @@ public:
 
     /// Whether the working copy stays welded (default true). Off, the weld is undone when it
     /// changes the number of boundary loops.
-    void enableMeshCompact(bool enable) { compactEnabled = enable; }
+    void enableMeshCompact(bool enable);
     /// Whether a mesh that is closed or has handles may be cut to a disk (default true).
-    void enableMeshCutSurface(bool enable) { cutEnabled = enable; }
+    void enableMeshCutSurface(bool enable);
 
     /// flatten(Progress&) with a progress object of its own. Each run starts from the mesh as it
     /// is at the call.
@@ -106,10 +96,10 @@ public:
     /// infinite or NaN coordinate is refused before any work (NonFiniteVertex), and a solution
     /// that is not finite (vertices spanning too many orders of magnitude) is refused before
     /// it is applied (NonFiniteLayout).
-    FlattenStatus status() const { return lastStatus; }
+    FlattenStatus status() const;
     /// The status as a phrase for a message ("a boundary loop has fewer than three edges",
     /// "cancelled", ...; for NonFiniteVertex it names the caller's vertex); empty for Ok.
-    const std::string& failureReason() const { return failure; }
+    const std::string& failureReason() const;
     /// The phrase of a status, as failureReason() gives it (without a vertex number).
     static const char* describe(FlattenStatus status);
 
@@ -119,42 +109,9 @@ public:
     using Boundary = qy::vector<boundaryEdge>;
 
 private:
-    void prepareMesh(qyUtil::Progress& progress, Remap& remap);
-    void dropUnusedVertices(Remap& remap);
-    int getMeshGenus(qy::vector<Boundary>& boundaries);
-    bool testDegenerate(int numTriangles, const int* triangles) const;
-    int getExtremeVerts(const qy::vector<Boundary>& boundaries, int extreme[2]) const;
-    qyLinear::AffineMatrix determineRotMatrix(const Boundary& outer, const int extreme[2]);
-    void rotateAndProject(const Boundary& outer, qy::vector<qyLinear::Point>& points,
-                          const int extreme[2]);
-    void buildFreeIndex(qy::vector<int>& freeIndex, const int extreme[2]) const;
-    void fillHoles(const qy::vector<Boundary>& boundaries, int outer,
-                   const qy::vector<int>& freeIndex, qy::vector<MeshTriangle>& holeTriangles);
-    void setupTriangle(VertexRows& rows, NVector& rhs, int i, int j, int k,
-                       const qyLinear::Point& Pi, const qyLinear::Point& Pj,
-                       const qyLinear::Point& Pk);
-    void setupVertexCG(const MeshAdjTris& adjTris, ConjugateGradient& cg, NVector& rhs, int v,
-                       const qy::vector<int>& freeIndex, const qy::vector<qyLinear::Point>& points,
-                       const qy::vector<MeshTriangle>& holeTriangles,
-                       const qy::vector<int>& holeStart, const qy::vector<int>& holeList);
-    int doCG(qy::vector<qyLinear::Point2>& uvs, int pin0, int pin1,
-             const qy::vector<qyLinear::Point>& points, const qy::vector<int>& freeIndex,
-             const qy::vector<MeshTriangle>& holeTriangles, qyUtil::Progress& progress);
-    bool usedUvsFinite(const qy::vector<qyLinear::Point2>& uvs);
-    void applyUvsToMesh(const qy::vector<qyLinear::Point2>& uvs, const Remap& remap);
-
-    CompactMesh& mesh;
-    CompactMesh work;
-    SimpleMeshCache cache;
-    qyOS::AppOutput& output;
-    bool compactEnabled = true;
-    bool cutEnabled = true;
-    /// False once a run has welded or cut work: the next run starts from a fresh copy.
-    bool workIsCopy = true;
-    void setStatus(FlattenStatus status);
-
-    FlattenStatus lastStatus = FlattenStatus::Ok;
-    std::string failure; // describe(lastStatus), with the vertex for NonFiniteVertex
+    // The working copy, its cache and the steps of the flattening.
+    struct Impl;
+    std::unique_ptr<Impl> m_impl;
 };
 
 } // namespace qyGeom

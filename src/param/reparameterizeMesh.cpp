@@ -7,13 +7,16 @@
 #include <cmath>
 
 #include "base/AppOutput.h"
+#include "base/Linear.h"
 #include "base/Progress.h"
 #include "base/StopWatch.h"
+#include "model/CompactMesh.h"
 #include "model/MeshAdjacency.h"
 #include "model/MeshModification.h"
 #include "model/Remap.h"
 #include "model/debugChannel.h"
 #include "qyGeom/ConjugateGradient.h"
+#include "qyGeom/MeshCache.h"
 #include "qyGeom/SparseMatrix.h"
 #include "qyGeom/cutSurface.h"
 #include "qyGeom/meshAdjacency.h"
@@ -113,12 +116,81 @@ double solveUnit(const qyLinear::Point& a, const qyLinear::Point& b)
 
 } // namespace
 
-reparameterizeMesh::reparameterizeMesh(CompactMesh& mesh_)
-    : mesh(mesh_), work(mesh_), output(qyOS::AppOutput::getInstance())
+struct reparameterizeMesh::Impl
 {
-}
+    explicit Impl(CompactMesh& mesh_)
+        : mesh(mesh_), work(mesh_), output(qyOS::AppOutput::getInstance())
+    {
+    }
+
+    bool flatten(qyUtil::Progress& progress);
+    void prepareMesh(qyUtil::Progress& progress, Remap& remap);
+    void dropUnusedVertices(Remap& remap);
+    int getMeshGenus(qy::vector<Boundary>& boundaries);
+    bool testDegenerate(int numTriangles, const int* triangles) const;
+    int getExtremeVerts(const qy::vector<Boundary>& boundaries, int extreme[2]) const;
+    qyLinear::AffineMatrix determineRotMatrix(const Boundary& outer, const int extreme[2]);
+    void rotateAndProject(const Boundary& outer, qy::vector<qyLinear::Point>& points,
+                          const int extreme[2]);
+    void buildFreeIndex(qy::vector<int>& freeIndex, const int extreme[2]) const;
+    void fillHoles(const qy::vector<Boundary>& boundaries, int outer,
+                   const qy::vector<int>& freeIndex, qy::vector<MeshTriangle>& holeTriangles);
+    void setupTriangle(VertexRows& rows, NVector& rhs, int i, int j, int k,
+                       const qyLinear::Point& Pi, const qyLinear::Point& Pj,
+                       const qyLinear::Point& Pk);
+    void setupVertexCG(const MeshAdjTris& adjTris, ConjugateGradient& cg, NVector& rhs, int v,
+                       const qy::vector<int>& freeIndex, const qy::vector<qyLinear::Point>& points,
+                       const qy::vector<MeshTriangle>& holeTriangles,
+                       const qy::vector<int>& holeStart, const qy::vector<int>& holeList);
+    int doCG(qy::vector<qyLinear::Point2>& uvs, int pin0, int pin1,
+             const qy::vector<qyLinear::Point>& points, const qy::vector<int>& freeIndex,
+             const qy::vector<MeshTriangle>& holeTriangles, qyUtil::Progress& progress);
+    bool usedUvsFinite(const qy::vector<qyLinear::Point2>& uvs);
+    void applyUvsToMesh(const qy::vector<qyLinear::Point2>& uvs, const Remap& remap);
+
+    CompactMesh& mesh;
+    CompactMesh work;
+    SimpleMeshCache cache;
+    qyOS::AppOutput& output;
+    bool compactEnabled = true;
+    bool cutEnabled = true;
+    void setStatus(FlattenStatus status);
+
+    /// False once a run has welded or cut work: the next run starts from a fresh copy.
+    bool workIsCopy = true;
+
+    FlattenStatus lastStatus = FlattenStatus::Ok;
+    std::string failure; // describe(lastStatus), with the vertex for NonFiniteVertex
+};
+
+reparameterizeMesh::reparameterizeMesh(CompactMesh& mesh) : m_impl(std::make_unique<Impl>(mesh)) {}
 
 reparameterizeMesh::~reparameterizeMesh() = default;
+
+void reparameterizeMesh::enableMeshCompact(bool enable)
+{
+    m_impl->compactEnabled = enable;
+}
+
+void reparameterizeMesh::enableMeshCutSurface(bool enable)
+{
+    m_impl->cutEnabled = enable;
+}
+
+FlattenStatus reparameterizeMesh::status() const
+{
+    return m_impl->lastStatus;
+}
+
+const std::string& reparameterizeMesh::failureReason() const
+{
+    return m_impl->failure;
+}
+
+bool reparameterizeMesh::flatten(qyUtil::Progress& progress)
+{
+    return m_impl->flatten(progress);
+}
 
 bool reparameterizeMesh::flatten()
 {
@@ -157,13 +229,13 @@ const char* reparameterizeMesh::describe(FlattenStatus status)
     return "";
 }
 
-void reparameterizeMesh::setStatus(FlattenStatus status)
+void reparameterizeMesh::Impl::setStatus(FlattenStatus status)
 {
     lastStatus = status;
     failure = describe(status);
 }
 
-bool reparameterizeMesh::flatten(qyUtil::Progress& progress)
+bool reparameterizeMesh::Impl::flatten(qyUtil::Progress& progress)
 {
     setStatus(FlattenStatus::Ok);
     // Every early return below gives false; a cancelled progress is the reason whatever the
@@ -268,7 +340,7 @@ bool reparameterizeMesh::flatten(qyUtil::Progress& progress)
     return true;
 }
 
-void reparameterizeMesh::prepareMesh(qyUtil::Progress& progress, Remap& remap)
+void reparameterizeMesh::Impl::prepareMesh(qyUtil::Progress& progress, Remap& remap)
 {
     // The remap must lead from the caller's vertices, so a second run copies the mesh again.
     if (!workIsCopy)
@@ -295,7 +367,7 @@ void reparameterizeMesh::prepareMesh(qyUtil::Progress& progress, Remap& remap)
     dropUnusedVertices(remap);
 }
 
-void reparameterizeMesh::dropUnusedVertices(Remap& remap)
+void reparameterizeMesh::Impl::dropUnusedVertices(Remap& remap)
 {
     // Vertices that no triangle uses have no place in the layout: kept, they would count in
     // the genus and stand alone in the system. They leave the working copy and map to none,
@@ -338,7 +410,7 @@ void reparameterizeMesh::dropUnusedVertices(Remap& remap)
     work.modified(modification);
 }
 
-bool reparameterizeMesh::testDegenerate(int numTriangles, const int* triangles) const
+bool reparameterizeMesh::Impl::testDegenerate(int numTriangles, const int* triangles) const
 {
     // An index outside the vertex array counts as degenerate too: no later step could use it.
     const int numVertices = work.getNumVertices();
@@ -353,7 +425,7 @@ bool reparameterizeMesh::testDegenerate(int numTriangles, const int* triangles) 
     return false;
 }
 
-int reparameterizeMesh::getMeshGenus(qy::vector<Boundary>& boundaries)
+int reparameterizeMesh::Impl::getMeshGenus(qy::vector<Boundary>& boundaries)
 {
     const int numTriangles = work.getNumTriangles();
     if (testDegenerate(numTriangles, work.getTrianglesRaw()))
@@ -412,8 +484,8 @@ int reparameterizeMesh::getMeshGenus(qy::vector<Boundary>& boundaries)
     return genus;
 }
 
-int reparameterizeMesh::getExtremeVerts(const qy::vector<Boundary>& boundaries,
-                                        int extreme[2]) const
+int reparameterizeMesh::Impl::getExtremeVerts(const qy::vector<Boundary>& boundaries,
+                                              int extreme[2]) const
 {
     if (boundaries.empty())
         return -1;
@@ -468,8 +540,8 @@ int reparameterizeMesh::getExtremeVerts(const qy::vector<Boundary>& boundaries,
     return outer;
 }
 
-qyLinear::AffineMatrix reparameterizeMesh::determineRotMatrix(const Boundary& outer,
-                                                              const int extreme[2])
+qyLinear::AffineMatrix reparameterizeMesh::Impl::determineRotMatrix(const Boundary& outer,
+                                                                    const int extreme[2])
 {
     const MeshVertex* verts = work.getVertices();
     const qyLinear::Vector d = verts[extreme[0]].asPoint() - verts[extreme[1]].asPoint();
@@ -536,8 +608,9 @@ qyLinear::AffineMatrix reparameterizeMesh::determineRotMatrix(const Boundary& ou
     return rotation;
 }
 
-void reparameterizeMesh::rotateAndProject(const Boundary& outer,
-                                          qy::vector<qyLinear::Point>& points, const int extreme[2])
+void reparameterizeMesh::Impl::rotateAndProject(const Boundary& outer,
+                                                qy::vector<qyLinear::Point>& points,
+                                                const int extreme[2])
 {
     const qyLinear::AffineMatrix rotation = determineRotMatrix(outer, extreme);
     const int numVertices = work.getNumVertices();
@@ -547,7 +620,8 @@ void reparameterizeMesh::rotateAndProject(const Boundary& outer,
         points.push_back(rotation.transformPoint(verts[v].asPoint()));
 }
 
-void reparameterizeMesh::buildFreeIndex(qy::vector<int>& freeIndex, const int extreme[2]) const
+void reparameterizeMesh::Impl::buildFreeIndex(qy::vector<int>& freeIndex,
+                                              const int extreme[2]) const
 {
     const int numVertices = work.getNumVertices();
     freeIndex.assign(std::size_t(numVertices), 0);
@@ -556,9 +630,9 @@ void reparameterizeMesh::buildFreeIndex(qy::vector<int>& freeIndex, const int ex
         freeIndex[std::size_t(v)] = (v == extreme[0] || v == extreme[1]) ? -1 : next++;
 }
 
-void reparameterizeMesh::fillHoles(const qy::vector<Boundary>& boundaries, int outer,
-                                   const qy::vector<int>& /*freeIndex*/,
-                                   qy::vector<MeshTriangle>& holeTriangles)
+void reparameterizeMesh::Impl::fillHoles(const qy::vector<Boundary>& boundaries, int outer,
+                                         const qy::vector<int>& /*freeIndex*/,
+                                         qy::vector<MeshTriangle>& holeTriangles)
 {
     const MeshVertex* verts = work.getVertices();
     qy::vector<qyLinear::Point> polygon;
@@ -588,9 +662,9 @@ void reparameterizeMesh::fillHoles(const qy::vector<Boundary>& boundaries, int o
     }
 }
 
-void reparameterizeMesh::setupTriangle(VertexRows& A, NVector& rhs, int i, int j, int k,
-                                       const qyLinear::Point& Pi, const qyLinear::Point& Pj,
-                                       const qyLinear::Point& Pk)
+void reparameterizeMesh::Impl::setupTriangle(VertexRows& A, NVector& rhs, int i, int j, int k,
+                                             const qyLinear::Point& Pi, const qyLinear::Point& Pj,
+                                             const qyLinear::Point& Pk)
 {
     constexpr double eps = qyLinear::epsilonTol;
     const double crossJ = qyLinear::cross(Pi - Pj, Pk - Pj).length();
@@ -634,12 +708,12 @@ void reparameterizeMesh::setupTriangle(VertexRows& A, NVector& rhs, int i, int j
     }
 }
 
-void reparameterizeMesh::setupVertexCG(const MeshAdjTris& adjTris, ConjugateGradient& cg,
-                                       NVector& rhs, int v, const qy::vector<int>& freeIndex,
-                                       const qy::vector<qyLinear::Point>& points,
-                                       const qy::vector<MeshTriangle>& holeTriangles,
-                                       const qy::vector<int>& holeStart,
-                                       const qy::vector<int>& holeList)
+void reparameterizeMesh::Impl::setupVertexCG(const MeshAdjTris& adjTris, ConjugateGradient& cg,
+                                             NVector& rhs, int v, const qy::vector<int>& freeIndex,
+                                             const qy::vector<qyLinear::Point>& points,
+                                             const qy::vector<MeshTriangle>& holeTriangles,
+                                             const qy::vector<int>& holeStart,
+                                             const qy::vector<int>& holeList)
 {
     VertexRows rows;
     rows.first = 2 * freeIndex[std::size_t(v)];
@@ -660,11 +734,11 @@ void reparameterizeMesh::setupVertexCG(const MeshAdjTris& adjTris, ConjugateGrad
     rows.flushTo(cg.A());
 }
 
-int reparameterizeMesh::doCG(qy::vector<qyLinear::Point2>& uvs, int pin0, int pin1,
-                             const qy::vector<qyLinear::Point>& points,
-                             const qy::vector<int>& freeIndex,
-                             const qy::vector<MeshTriangle>& holeTriangles,
-                             qyUtil::Progress& progress)
+int reparameterizeMesh::Impl::doCG(qy::vector<qyLinear::Point2>& uvs, int pin0, int pin1,
+                                   const qy::vector<qyLinear::Point>& points,
+                                   const qy::vector<int>& freeIndex,
+                                   const qy::vector<MeshTriangle>& holeTriangles,
+                                   qyUtil::Progress& progress)
 {
     const int numVertices = work.getNumVertices();
     const int n = 2 * numVertices - 4;
@@ -785,7 +859,7 @@ int reparameterizeMesh::doCG(qy::vector<qyLinear::Point2>& uvs, int pin0, int pi
     return 0;
 }
 
-bool reparameterizeMesh::usedUvsFinite(const qy::vector<qyLinear::Point2>& uvs)
+bool reparameterizeMesh::Impl::usedUvsFinite(const qy::vector<qyLinear::Point2>& uvs)
 {
     const qy::Reference<MeshAdjTris> adjTris = cache.getAdjTris(work);
     for (std::size_t v = 0; v < uvs.size(); ++v)
@@ -794,7 +868,8 @@ bool reparameterizeMesh::usedUvsFinite(const qy::vector<qyLinear::Point2>& uvs)
     return true;
 }
 
-void reparameterizeMesh::applyUvsToMesh(const qy::vector<qyLinear::Point2>& uvs, const Remap& remap)
+void reparameterizeMesh::Impl::applyUvsToMesh(const qy::vector<qyLinear::Point2>& uvs,
+                                              const Remap& remap)
 {
     // The layout is that of the vertices on triangles; a vertex that no triangle uses has no
     // place in it and gets (0, 0).
