@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
+#include <filesystem>
 #include <string>
 #include <unistd.h>
 
@@ -14,8 +15,9 @@ namespace qyFuzz
 /// a file name read it from there.
 inline std::string writeTempFile(const std::uint8_t* data, std::size_t size, const char* ext)
 {
-    const std::string path =
-        "/tmp/qygeom_fuzz_" + std::to_string(long(getpid())) + "." + std::string(ext);
+    const std::string path = (std::filesystem::temp_directory_path() /
+                              ("qygeom_fuzz_" + std::to_string(long(getpid())) + "." + ext))
+                                 .string();
     if (FILE* f = std::fopen(path.c_str(), "wb"))
     {
         if (size)

@@ -507,7 +507,8 @@ long lexicalErrorLine(const std::string& library)
     std::vector<std::string> lines;
     for (std::string line; std::getline(in, line);)
         lines.push_back(line);
-    char name[] = "/tmp/qygeom-mtl-XXXXXX";
+    std::string pattern = (fs::temp_directory_path() / "qygeom-mtl-XXXXXX").string();
+    char* name = pattern.data();
     const int fd = mkstemp(name);
     if (fd < 0)
         return 0;
