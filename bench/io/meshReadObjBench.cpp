@@ -37,47 +37,55 @@ void setBytes(benchmark::State& state, const std::string& path)
     state.SetBytesProcessed(ec ? 0 : std::int64_t(state.iterations()) * std::int64_t(size));
 }
 
-void BM_ReadPlain(benchmark::State& state, const char* name)
+/// Times read(path) on the data file `name`; read returns false when the read failed.
+template <class Read> void timeReads(benchmark::State& state, const char* name, Read read)
 {
     const std::string path = dataFile(name);
     for (auto _ : state)
-    {
-        qyGeom::CompactMesh mesh;
-        if (!qyGeom::meshReadObj(mesh, qyOS::Filename(path)))
+        if (!read(path))
             state.SkipWithError("read failed");
-        benchmark::DoNotOptimize(mesh.getNumTriangles());
-    }
     setBytes(state, path);
+}
+
+void BM_ReadPlain(benchmark::State& state, const char* name)
+{
+    timeReads(state, name,
+              [](const std::string& path)
+              {
+                  qyGeom::CompactMesh mesh;
+                  const bool ok = qyGeom::meshReadObj(mesh, qyOS::Filename(path));
+                  benchmark::DoNotOptimize(mesh.getNumTriangles());
+                  return ok;
+              });
 }
 
 void BM_ReadSubsets(benchmark::State& state, const char* name)
 {
-    const std::string path = dataFile(name);
-    for (auto _ : state)
-    {
-        qyGeom::CompactMesh mesh;
-        qy::list<qy::Reference<qyGeom::MeshSubset>> subsets;
-        qy::vector<qy::vector<qyLinear::Point2Flt>> uvs;
-        qy::vector<qyString::IString> materials;
-        qyOS::Filename mtl;
-        if (!qyGeom::meshReadObj(mesh, subsets, uvs, materials, mtl, qyOS::Filename(path)))
-            state.SkipWithError("read failed");
-        benchmark::DoNotOptimize(mesh.getNumTriangles());
-    }
-    setBytes(state, path);
+    timeReads(state, name,
+              [](const std::string& path)
+              {
+                  qyGeom::CompactMesh mesh;
+                  qy::list<qy::Reference<qyGeom::MeshSubset>> subsets;
+                  qy::vector<qy::vector<qyLinear::Point2Flt>> uvs;
+                  qy::vector<qyString::IString> materials;
+                  qyOS::Filename mtl;
+                  const bool ok =
+                      qyGeom::meshReadObj(mesh, subsets, uvs, materials, mtl, qyOS::Filename(path));
+                  benchmark::DoNotOptimize(mesh.getNumTriangles());
+                  return ok;
+              });
 }
 
 void BM_ReadStrict(benchmark::State& state, const char* name)
 {
-    const std::string path = dataFile(name);
-    for (auto _ : state)
-    {
-        auto file = qy::makeReference<qyGeom::MeshObjFile>();
-        if (qyGeom::meshReadObj2(path, file))
-            state.SkipWithError("read failed");
-        benchmark::DoNotOptimize(file->vertices.size());
-    }
-    setBytes(state, path);
+    timeReads(state, name,
+              [](const std::string& path)
+              {
+                  auto file = qy::makeReference<qyGeom::MeshObjFile>();
+                  const bool ok = !qyGeom::meshReadObj2(path, file);
+                  benchmark::DoNotOptimize(file->vertices.size());
+                  return ok;
+              });
 }
 
 /// Writes a 1M-triangle grid (positions only) and reads it back with the plain reader.

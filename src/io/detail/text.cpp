@@ -32,10 +32,6 @@ double strtodC(const char* p, const char* end, const char** stop)
     return v;
 }
 
-constexpr double exactPowersOf10[] = {1e0,  1e1,  1e2,  1e3,  1e4,  1e5,  1e6,  1e7,
-                                      1e8,  1e9,  1e10, 1e11, 1e12, 1e13, 1e14, 1e15,
-                                      1e16, 1e17, 1e18, 1e19, 1e20, 1e21, 1e22};
-
 /// from_chars over [p, end) with `format`, or strtod when the value leaves the double range.
 /// p is after the sign. False when nothing converts.
 bool convert(const char* sign, const char* p, const char* end, std::chars_format format,
@@ -57,68 +53,12 @@ bool convert(const char* sign, const char* p, const char* end, std::chars_format
 
 } // namespace
 
-Decimal scanDecimal(const char* p, const char* end)
+double convertDecimal(const char* p, const char* digits, const char* end)
 {
-    Decimal d;
-    d.end = p;
-    const char* q = p;
-    const bool negative = q < end && *q == '-';
-    if (q < end && (*q == '+' || *q == '-'))
-        ++q;
-    const char* const digitsStart = q;
-    std::uint64_t mantissa = 0;
-    int digits = 0, scale = 0;
-    for (; q < end && isDigit(*q); ++q, ++digits)
-        mantissa = mantissa * 10 + std::uint64_t(*q - '0');
-    if (q < end && *q == '.')
-    {
-        const char* f = q + 1;
-        int fraction = 0;
-        for (; f < end && isDigit(*f); ++f, ++fraction)
-            mantissa = mantissa * 10 + std::uint64_t(*f - '0');
-        if (digits > 0 || fraction > 0)
-        {
-            d.isReal = true;
-            digits += fraction;
-            scale = -fraction;
-            q = f;
-        }
-    }
-    if (digits == 0)
-        return d;
-    if (q < end && (*q == 'e' || *q == 'E'))
-    {
-        const char* e = q + 1;
-        const bool negativeExponent = e < end && *e == '-';
-        if (e < end && (*e == '+' || *e == '-'))
-            ++e;
-        const char* const exponentDigits = e;
-        int exponent = 0;
-        for (; e < end && isDigit(*e); ++e)
-            exponent = std::min(exponent * 10 + (*e - '0'), 100000);
-        if (e > exponentDigits) // "1e" is the number 1 followed by other text
-        {
-            d.isReal = true;
-            scale += negativeExponent ? -exponent : exponent;
-            q = e;
-        }
-    }
-    d.end = q;
-    if (digits <= 19 && mantissa <= (std::uint64_t(1) << 53) && scale >= -22 && scale <= 22)
-    {
-        // The digits and the power of ten are both exact doubles: one multiplication or
-        // division rounds once, so the result is the correctly rounded one, as strtod's.
-        double v = double(mantissa);
-        if (scale < 0)
-            v /= exactPowersOf10[-scale];
-        else if (scale > 0)
-            v *= exactPowersOf10[scale];
-        d.value = negative ? -v : v;
-        return d;
-    }
+    double value = 0;
     const char* stop;
-    convert(p, digitsStart, q, std::chars_format::general, d.value, &stop);
-    return d;
+    convert(p, digits, end, std::chars_format::general, value, &stop);
+    return value;
 }
 
 double parseDouble(const char* p, const char* end, const char** stop)

@@ -3,7 +3,9 @@
 // what the C library's strtod or atoi give in the "C" locale, whatever locale the process set.
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
+#include <cstdint>
 
 #include "base/Memory.h"
 
@@ -45,9 +47,77 @@ struct Decimal
     double value = 0;          ///< as strtod converts the same text
 };
 
+/// The general conversion of the decimal number [p, end) whose digits start at `digits`.
+double convertDecimal(const char* p, const char* digits, const char* end);
+
+inline constexpr double exactPowersOf10[] = {1e0,  1e1,  1e2,  1e3,  1e4,  1e5,  1e6,  1e7,
+                                             1e8,  1e9,  1e10, 1e11, 1e12, 1e13, 1e14, 1e15,
+                                             1e16, 1e17, 1e18, 1e19, 1e20, 1e21, 1e22};
+
 /// Scans the decimal number at p (no white space is skipped). Correctly rounded: short
 /// numbers take one exact multiplication or division, the others the general conversion.
-Decimal scanDecimal(const char* p, const char* end);
+inline Decimal scanDecimal(const char* p, const char* end)
+{
+    Decimal d;
+    d.end = p;
+    const char* q = p;
+    const bool negative = q < end && *q == '-';
+    if (q < end && (*q == '+' || *q == '-'))
+        ++q;
+    const char* const digitsStart = q;
+    std::uint64_t mantissa = 0;
+    int digits = 0, scale = 0;
+    for (; q < end && isDigit(*q); ++q, ++digits)
+        mantissa = mantissa * 10 + std::uint64_t(*q - '0');
+    if (q < end && *q == '.')
+    {
+        const char* f = q + 1;
+        int fraction = 0;
+        for (; f < end && isDigit(*f); ++f, ++fraction)
+            mantissa = mantissa * 10 + std::uint64_t(*f - '0');
+        if (digits > 0 || fraction > 0)
+        {
+            d.isReal = true;
+            digits += fraction;
+            scale = -fraction;
+            q = f;
+        }
+    }
+    if (digits == 0)
+        return d;
+    if (q < end && (*q == 'e' || *q == 'E'))
+    {
+        const char* e = q + 1;
+        const bool negativeExponent = e < end && *e == '-';
+        if (e < end && (*e == '+' || *e == '-'))
+            ++e;
+        const char* const exponentDigits = e;
+        int exponent = 0;
+        for (; e < end && isDigit(*e); ++e)
+            exponent = std::min(exponent * 10 + (*e - '0'), 100000);
+        if (e > exponentDigits) // "1e" is the number 1 followed by other text
+        {
+            d.isReal = true;
+            scale += negativeExponent ? -exponent : exponent;
+            q = e;
+        }
+    }
+    d.end = q;
+    if (digits <= 19 && mantissa <= (std::uint64_t(1) << 53) && scale >= -22 && scale <= 22)
+    {
+        // The digits and the power of ten are both exact doubles: one multiplication or
+        // division rounds once, so the result is the correctly rounded one, as strtod's.
+        double v = double(mantissa);
+        if (scale < 0)
+            v /= detail::exactPowersOf10[-scale];
+        else if (scale > 0)
+            v *= detail::exactPowersOf10[scale];
+        d.value = negative ? -v : v;
+        return d;
+    }
+    d.value = convertDecimal(p, digitsStart, q);
+    return d;
+}
 
 /// Converts the number at the start of [p, end) as strtod does: leading white space is
 /// skipped, then an optional sign and a decimal or hexadecimal number, "inf", "infinity" or
@@ -68,8 +138,9 @@ inline const char* scanIndex(const char* p, const char* end, int& value)
     const bool negative = q < end && *q == '-';
     q += negative;
     const char* const digits = q;
+    const char* const nine = end - q > 9 ? q + 9 : end;
     unsigned v = 0;
-    for (; q < end && q - digits < 9 && isDigit(*q); ++q)
+    for (; q < nine && isDigit(*q); ++q)
         v = v * 10 + unsigned(*q - '0');
     if (q == digits)
         return p;
