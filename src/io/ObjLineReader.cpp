@@ -581,7 +581,6 @@ ObjFaces ObjLineReader::finish()
         nullptr, 1);
     out.materialNames = std::move(m_materialNames);
     out.mtllib = std::move(m_mtllib);
-    out.seconds = m_readSeconds;
     if (m_lineBytes[KindAll] > 0)
     {
         const double perByte = m_readSeconds / double(m_lineBytes[KindAll]);

@@ -136,9 +136,9 @@ struct ObjFaces
     std::vector<std::string> materialNames;
     std::string mtllib; ///< the last mtllib name, empty for none
     int numSetAside = 0;
-    /// Seconds of the reading and, out of them, of the v, vn and vt lines. The line loop
-    /// reads no clock: the reading time is shared out by the bytes of each kind of line.
-    double seconds = 0, secondsV = 0, secondsN = 0, secondsT = 0;
+    /// Seconds of the reading spent on the v, vn and vt lines. The line loop reads no clock:
+    /// the reading time is shared out by the bytes of each kind of line.
+    double secondsV = 0, secondsN = 0, secondsT = 0;
 
     int numPositions() const { return int(positions.size() / 3); }
     int numTexCoords() const { return int(texCoords.size() / 2); }

@@ -427,18 +427,6 @@ bool buildWithSubsets(ObjFaces& r, bool parsed, double parseSeconds, CompactMesh
     return true;
 }
 
-/// Reads with subsets from a file or a memory block (`file` null).
-bool readWithSubsets(ObjLineReader& reader, bool read, CompactMesh& mesh,
-                     qy::list<qy::Reference<MeshSubset>>& subsets,
-                     qy::vector<qy::vector<qyLinear::Point2Flt>>& uvs,
-                     qy::vector<qyString::IString>* materialNames, qyOS::Filename* mtlFile,
-                     const qyOS::Filename* file, qyOS::StopWatch& watch)
-{
-    ObjFaces faces = reader.finish();
-    return buildWithSubsets(faces, read, watch.stop(), mesh, subsets, uvs, materialNames, mtlFile,
-                            file);
-}
-
 } // namespace
 
 bool meshReadObj(CompactMesh& mesh, const qyOS::Filename& file)
@@ -456,8 +444,9 @@ bool meshReadObj(CompactMesh& mesh, qy::list<qy::Reference<MeshSubset>>& subsets
     watch.start();
     ObjLineReader reader(true, true);
     const bool read = reader.readFile(file.c_str());
-    return readWithSubsets(reader, read, mesh, subsets, uvs, &materialNames, &mtlFile, &file,
-                           watch);
+    ObjFaces faces = reader.finish();
+    return buildWithSubsets(faces, read, watch.stop(), mesh, subsets, uvs, &materialNames, &mtlFile,
+                            &file);
 }
 
 bool meshReadObj(CompactMesh& mesh, qy::list<qy::Reference<MeshSubset>>& subsets,
@@ -468,7 +457,9 @@ bool meshReadObj(CompactMesh& mesh, qy::list<qy::Reference<MeshSubset>>& subsets
     watch.start();
     ObjLineReader reader(true, false);
     const bool read = reader.readMemory(data, length);
-    return readWithSubsets(reader, read, mesh, subsets, uvs, nullptr, nullptr, nullptr, watch);
+    ObjFaces faces = reader.finish();
+    return buildWithSubsets(faces, read, watch.stop(), mesh, subsets, uvs, nullptr, nullptr,
+                            nullptr);
 }
 
 bool meshReadObj(TopoMesh& mesh, const qyOS::Filename& file)
