@@ -398,6 +398,7 @@ TEST(TopoMesh, SubdivideEdgeAndStridedFaceSplit)
     const TopoMeshFace f =
         quad.allocQuad(quad.vertex(0), quad.vertex(1), quad.vertex(3), quad.vertex(2));
     quad.meshTwin();
+    EXPECT_EQ(f.centroid(), Point(0.5, 0.5, 0));
     std::vector<TopoMeshEdge> sides;
     for (TopoMeshEdge e = f.edge(); sides.size() < 4; e = e.next())
         sides.push_back(e);
@@ -407,6 +408,11 @@ TEST(TopoMesh, SubdivideEdgeAndStridedFaceSplit)
         quad.subdivideEdge(e, {(p.x + q.x) / 2, (p.y + q.y) / 2, 0});
     }
     EXPECT_EQ(f.numCorners(), 8);
+    EXPECT_EQ(f.centroid(), Point(0.5, 0.5, 0));
+    // The centroid averages the corners, not the area: a corner moved along a side moves it.
+    quad.vertex(4).setPoint({0.5, -1, 0});
+    EXPECT_EQ(f.centroid(), Point(0.5, 0.375, 0));
+    quad.vertex(4).setPoint({0.5, 0, 0});
     const TopoMeshVertex centre = quad.subdivideFace(f, {0.5, 0.5, 0}, sides[0].next(), 2);
     ASSERT_TRUE(centre);
     EXPECT_EQ(quad.getNumFaces(), 4);
