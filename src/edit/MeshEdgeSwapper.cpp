@@ -1,0 +1,269 @@
+// MeshEdgeSwapper: vetoable edge swaps on a half-edge mesh, the four criteria and the sweeps.
+#include "qyGeom/MeshEdgeSwapper.h"
+
+#include <cmath>
+#include <set>
+#include <string>
+
+#include "base/Linear.h"
+#include "base/StopWatch.h"
+#include "model/CompactMesh.h"
+#include "model/MeshAttributes.h"
+#include "model/MeshModification.h"
+#include "model/debugChannel.h"
+
+namespace qyGeom
+{
+namespace
+{
+
+using qyLinear::Normal;
+using qyLinear::Point;
+using qyLinear::Vector;
+
+// 2.5 degrees: the largest change of a crease that preserveFeatures lets a swap make.
+constexpr double maxCreaseChange = 0.04363323129985824;
+constexpr double halfPi = 1.5707963267948966;
+
+// The corners of the quad of e (see the class comment). Read straight from the half-edge
+// records: the criteria run once per edge and sweep, so they avoid the handle walks.
+struct Quad
+{
+    int a, b, c, d;
+};
+
+Quad quadOf(TopoMeshEdge e)
+{
+    const TopoMesh& mesh = *e.getMesh();
+    const TopoMesh::HalfEdge& h = mesh.getHalfEdge(e.getIndex());
+    const TopoMesh::HalfEdge& t = mesh.getHalfEdge(h.twin);
+    return {h.vertex, t.vertex, mesh.getHalfEdge(h.prev).vertex, mesh.getHalfEdge(t.prev).vertex};
+}
+
+// Normal of the triangle (p, q, r): (r - q) x (p - q), invalid when degenerate.
+Normal triangleNormal(const Point& p, const Point& q, const Point& r)
+{
+    return Normal(qyLinear::cross(r - q, p - q));
+}
+
+// Angle at x between the directions to p and to q, in [0, pi].
+double angleAt(const Point& x, const Point& p, const Point& q)
+{
+    return qyLinear::angle(Normal(p - x).asVector(), Normal(q - x).asVector());
+}
+
+// Signed dihedral angle across p-q between the triangles (p, q, r) and (q, p, s); false when
+// either triangle is degenerate.
+bool signedDihedral(const Point& p, const Point& q, const Point& r, const Point& s, double& out)
+{
+    const Normal n1 = triangleNormal(p, q, r);
+    const Normal n2 = triangleNormal(q, p, s);
+    if (!n1.isValid() || !n2.isValid())
+        return false;
+    out = qyLinear::angle(n1.asVector(), n2.asVector());
+    if (qyLinear::isAbove(qyLinear::Plane(p, n1), s))
+        out = -out;
+    return true;
+}
+
+// One sweep. Whole mesh: each interior edge once, through the half-edge lower than its
+// twin. Set form: every member with a twin. No notification here: the callers decide.
+int sweepMesh(TopoMesh& mesh, MeshEdgeSwapper& swapper)
+{
+    int swaps = 0;
+    for (TopoMeshEdge e = mesh.firstEdge(); e; e = e.nextInList())
+    {
+        const int twin = mesh.getHalfEdge(e.getIndex()).twin;
+        if (twin < e.getIndex()) // no twin (-1), or the pair was met at the twin
+            continue;
+        if (swapper.shouldSwap(e) && mesh.swapEdge(e))
+            ++swaps;
+    }
+    return swaps;
+}
+
+int sweepSet(TopoMesh& mesh, const qy::set<TopoMeshEdge>& edges, MeshEdgeSwapper& swapper)
+{
+    int swaps = 0;
+    for (const TopoMeshEdge e : edges)
+    {
+        if (e.getMesh() != &mesh || !mesh.isAlive(e) || !e.hasTwin())
+            continue;
+        if (swapper.shouldSwap(e) && mesh.swapEdge(e))
+            ++swaps;
+    }
+    return swaps;
+}
+
+template <class Sweep> int sweepRepeatedly(TopoMesh& mesh, const char* name, Sweep sweep)
+{
+    debugChannel().print("%s: %d vertices, %d edges, %d faces\n", name, mesh.getNumVertices(),
+                         mesh.getNumEdges(), mesh.getNumFaces());
+    qyOS::StopWatch watch;
+    watch.start();
+    int total = 0, sweeps = 0;
+    for (;;)
+    {
+        const int swaps = sweep();
+        ++sweeps;
+        total += swaps;
+        if (swaps == 0)
+            break;
+    }
+    debugChannel().print("  swapped %d edges in %d sweeps: %f s\n", total, sweeps, watch.clear());
+    if (total != 0)
+        mesh.modified(TopoMeshModification(mesh, TopoMeshModification::TopologyChanged));
+    return total;
+}
+
+template <class Sweep> int sweepOnce(TopoMesh& mesh, const char* name, Sweep sweep)
+{
+    debugChannel().print("%s: %d vertices, %d edges, %d faces\n", name, mesh.getNumVertices(),
+                         mesh.getNumEdges(), mesh.getNumFaces());
+    qyOS::StopWatch watch;
+    watch.start();
+    const int swaps = sweep();
+    debugChannel().print("  swapped %d edges: %f s\n", swaps, watch.clear());
+    if (swaps != 0)
+        mesh.modified(TopoMeshModification(mesh, TopoMeshModification::TopologyChanged));
+    return swaps;
+}
+
+} // namespace
+
+MeshEdgeSwapper::MeshEdgeSwapper() = default;
+
+MeshEdgeSwapper::~MeshEdgeSwapper()
+{
+    clearVetoSignal();
+}
+
+MeshEdgeSwapper::VetoSignal& MeshEdgeSwapper::getVetoSignal()
+{
+    if (!m_vetoSignal)
+        m_vetoSignal = std::make_unique<VetoSignal>();
+    return *m_vetoSignal;
+}
+
+void MeshEdgeSwapper::clearVetoSignal()
+{
+    m_vetoSignal.reset();
+}
+
+bool MeshEdgeSwapper::shouldSwap(TopoMeshEdge e)
+{
+    if (!m_vetoSignal || m_vetoSignal->getNumConnections() == 0 || !e.hasTwin())
+        return false;
+    bool veto = false;
+    m_vetoSignal->emit(e, veto);
+    return !veto;
+}
+
+void MeshEdgeSwapper::minimizeOppositeAngleSum(TopoMeshEdge e, bool& veto)
+{
+    const TopoMesh& mesh = *e.getMesh();
+    const Quad q = quadOf(e);
+    const Point& A = mesh.getPoint(q.a);
+    const Point& B = mesh.getPoint(q.b);
+    const Point& C = mesh.getPoint(q.c);
+    const Point& D = mesh.getPoint(q.d);
+    const double current = angleAt(C, A, B) + angleAt(D, A, B);
+    const double swapped = angleAt(B, C, D) + angleAt(A, C, D);
+    if (swapped >= current)
+        veto = true;
+}
+
+void MeshEdgeSwapper::preserveBoundary(TopoMeshEdge e, bool& veto)
+{
+    const TopoMesh& mesh = *e.getMesh();
+    const Quad q = quadOf(e);
+    if ((mesh.vertexOnBoundary(q.a) && mesh.vertexOnBoundary(q.b)) ||
+        (mesh.vertexOnBoundary(q.c) && mesh.vertexOnBoundary(q.d)))
+        veto = true;
+}
+
+void MeshEdgeSwapper::preserveFeatures(TopoMeshEdge e, bool& veto)
+{
+    const TopoMesh& mesh = *e.getMesh();
+    const Quad q = quadOf(e);
+    const Point& A = mesh.getPoint(q.a);
+    const Point& B = mesh.getPoint(q.b);
+    const Point& C = mesh.getPoint(q.c);
+    const Point& D = mesh.getPoint(q.d);
+    double before = 0, after = 0;
+    if (!signedDihedral(A, B, C, D, before) || !signedDihedral(D, C, A, B, after) ||
+        !(std::abs(before - after) < maxCreaseChange))
+        veto = true;
+}
+
+void MeshEdgeSwapper::preventFoldover(TopoMeshEdge e, bool& veto)
+{
+    const TopoMesh& mesh = *e.getMesh();
+    const Quad q = quadOf(e);
+    const Point& A = mesh.getPoint(q.a);
+    const Point& B = mesh.getPoint(q.b);
+    const Point& C = mesh.getPoint(q.c);
+    const Point& D = mesh.getPoint(q.d);
+    const Normal n1 = triangleNormal(C, D, B);
+    const Normal n2 = triangleNormal(A, D, C);
+    if (!n1.isValid() || !n2.isValid() || qyLinear::angle(n1.asVector(), n2.asVector()) > halfPi)
+        veto = true;
+}
+
+int meshSwapEdgesOnce(TopoMesh& mesh, MeshEdgeSwapper& swapper)
+{
+    return sweepOnce(mesh, "meshSwapEdgesOnce", [&] { return sweepMesh(mesh, swapper); });
+}
+
+int meshSwapEdgesOnce(TopoMesh& mesh, const qy::set<TopoMeshEdge>& edges, MeshEdgeSwapper& swapper)
+{
+    return sweepOnce(mesh, "meshSwapEdgesOnce", [&] { return sweepSet(mesh, edges, swapper); });
+}
+
+int meshSwapEdgesRepeatedly(TopoMesh& mesh, MeshEdgeSwapper& swapper)
+{
+    return sweepRepeatedly(mesh, "meshSwapEdgesRepeatedly",
+                           [&] { return sweepMesh(mesh, swapper); });
+}
+
+int meshSwapEdgesRepeatedly(TopoMesh& mesh, const qy::set<TopoMeshEdge>& edges,
+                            MeshEdgeSwapper& swapper)
+{
+    return sweepRepeatedly(mesh, "meshSwapEdgesRepeatedly",
+                           [&] { return sweepSet(mesh, edges, swapper); });
+}
+
+void meshSwap(CompactMesh& a, CompactMesh& b)
+{
+    a.swap(b);
+    MeshModification changeA(&a, MeshModification::Remapped, nullptr);
+    MeshModification changeB(&b, MeshModification::Remapped, nullptr);
+    // The names of both meshes' attribute arrays: each mesh now holds what the other had.
+    std::set<std::string> names;
+    a.getAttributeNames(names);
+    b.getAttributeNames(names);
+    for (const std::string& name : names)
+    {
+        changeA.vertexAttribsModified(name.c_str());
+        changeB.vertexAttribsModified(name.c_str());
+    }
+    const auto both = [&](void (MeshModification::*flag)())
+    {
+        (changeA.*flag)();
+        (changeB.*flag)();
+    };
+    if (a.getNumPolys() || b.getNumPolys())
+        both(&MeshModification::polysModified);
+    if (a.getNumTriStrips() || b.getNumTriStrips() || a.getNumTriFans() || b.getNumTriFans())
+        both(&MeshModification::stripsAndFansModified);
+    if (a.getTriangleNormals() || b.getTriangleNormals())
+        both(&MeshModification::triangleNormalsModified);
+    if (a.getNumLines() || b.getNumLines())
+        both(&MeshModification::linesModified);
+    if (a.getNumLineStrips() || b.getNumLineStrips())
+        both(&MeshModification::lineStripsModified);
+    a.modified(changeA);
+    b.modified(changeB);
+}
+
+} // namespace qyGeom
