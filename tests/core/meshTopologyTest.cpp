@@ -16,25 +16,6 @@ using qyGeom::MeshTopology;
 namespace
 {
 
-// A strip of six quads whose ends are glued with a half twist.
-CompactMesh moebiusBand()
-{
-    const int n = 6;
-    std::vector<float> xyz;
-    for (int i = 0; i < n; ++i)
-        for (int side = 0; side < 2; ++side)
-            xyz.insert(xyz.end(), {float(i), float(side), 0});
-    std::vector<int> tris;
-    for (int i = 0; i < n; ++i)
-    {
-        int a = 2 * i, b = 2 * i + 1, c = 2 * ((i + 1) % n), d = 2 * ((i + 1) % n) + 1;
-        if (i == n - 1)
-            std::swap(c, d);
-        tris.insert(tris.end(), {a, c, d, a, d, b});
-    }
-    return qyTest::makeMesh(xyz, tris);
-}
-
 // Copies of `mesh` side by side in one mesh, the copies' vertices numbered after each other.
 CompactMesh copies(const CompactMesh& mesh, int count)
 {
@@ -79,7 +60,7 @@ TEST(MeshTopology, SurfacesPiecesAndWhatIsNotCounted)
         {"non-manifold edge", qyTest::testMeshes::get("non-manifold edge"), 1, 7, 1, 2, -1},
         // The loops follow the winding, which a band with a half twist cannot keep consistent:
         // its one rim is traced as six pieces. No genus either way.
-        {"Moebius band", moebiusBand(), 1, 24, 0, 6, -1},
+        {"Moebius band", qyTest::makeMoebiusBand(), 1, 24, 0, 6, -1},
     };
     for (const Case& c : cases)
     {

@@ -224,6 +224,24 @@ CompactMesh makeHemisphere(int rings, int segments)
     return b.build();
 }
 
+CompactMesh makeMoebiusBand()
+{
+    const int n = 6;
+    std::vector<float> xyz;
+    for (int i = 0; i < n; ++i)
+        for (int side = 0; side < 2; ++side)
+            xyz.insert(xyz.end(), {float(i), float(side), 0});
+    std::vector<int> tris;
+    for (int i = 0; i < n; ++i)
+    {
+        int a = 2 * i, b = 2 * i + 1, c = 2 * ((i + 1) % n), d = 2 * ((i + 1) % n) + 1;
+        if (i == n - 1)
+            std::swap(c, d);
+        tris.insert(tris.end(), {a, c, d, a, d, b});
+    }
+    return makeMesh(xyz, tris);
+}
+
 CompactMesh makeTriangleSoup(const CompactMesh& mesh)
 {
     Builder b;
