@@ -1,0 +1,742 @@
+// Catmull-Clark subdivision (E. Catmull and J. Clark, "Recursively generated B-spline
+// surfaces on arbitrary topological meshes", 1978) over the half-edge mesh.
+//
+// A level first computes every new position from the unchanged mesh (face, edge and vertex
+// points, in arrays indexed by the old slots), then builds: into a new mesh, or in place with
+// the mesh's own edge and face splits. The new points of an old entity are looked up by its
+// slot, which is the entity's key: the slot arrays are a hash table whose hash is the
+// identity. The partial form runs the same level with a flag per face that says which faces
+// are refined; the others are copied with the midpoints of their border edges as new corners.
+#include "qyGeom/computeSubdivMesh.h"
+
+#include <cstddef>
+#include <functional>
+#include <memory>
+#include <tuple>
+#include <utility>
+#include <vector>
+
+#include "base/StopWatch.h"
+#include "model/debugChannel.h"
+
+namespace qyGeom
+{
+namespace
+{
+
+using qyLinear::Normal;
+using qyLinear::Point;
+using qyLinear::Vector;
+using HalfEdge = TopoMesh::HalfEdge;
+
+std::size_t sz(int i)
+{
+    return std::size_t(i);
+}
+
+// Per-level positions, indexed by the old mesh's slots.
+struct LevelPoints
+{
+    std::vector<Point> face;   ///< face points of the refined faces, by face slot
+    std::vector<Point> edge;   ///< edge points, by half-edge slot (both halves of a pair)
+    std::vector<char> split;   ///< by half-edge slot: the edge gets an edge point
+    std::vector<Point> vertex; ///< vertex points (or the kept position), by vertex slot
+};
+
+// The vertex-rule accumulator of one old vertex.
+struct VertexSums
+{
+    Vector facePoints; ///< sum of the face points of its refined faces
+    Vector midpoints;  ///< sum of the midpoints of its edges
+    Vector rim;        ///< sum of the far ends of its boundary edges
+    int numFaces = 0;  ///< refined faces around it
+    int numEdges = 0;
+    int numRim = 0;   ///< boundary edges at it
+    int numFixed = 0; ///< unrefined faces around it: the vertex stays where it is
+};
+
+Vector asVector(const Point& p)
+{
+    return Vector(p);
+}
+
+Point asPoint(const Vector& v)
+{
+    return Point(v.x, v.y, v.z);
+}
+
+bool isRefined(const std::vector<char>* refine, int face)
+{
+    return !refine || (*refine)[sz(face)];
+}
+
+// Every new position of one level. `refine` flags the faces to refine (null: all of them).
+void computeLevelPoints(const TopoMesh& mesh, const std::vector<char>* refine, LevelPoints& out)
+{
+    const HalfEdge* E = mesh.getHalfEdges();
+    const Point* P = mesh.getPoints();
+    const int numFaceSlots = mesh.getFaceCapacity(), numEdgeSlots = mesh.getEdgeCapacity();
+    const int numVertexSlots = mesh.getVertexCapacity();
+    out.face.assign(sz(numFaceSlots), Point());
+    out.edge.assign(sz(numEdgeSlots), Point());
+    out.split.assign(sz(numEdgeSlots), 0);
+    out.vertex.assign(sz(numVertexSlots), Point());
+    std::vector<VertexSums> sums(sz(numVertexSlots));
+
+    for (int f = 0; f < numFaceSlots; ++f)
+    {
+        const int first = mesh.getFaceEdge(f);
+        if (first < 0)
+            continue;
+        const bool refined = isRefined(refine, f);
+        Vector sum;
+        int n = 0, h = first;
+        do
+        {
+            sum += asVector(P[E[h].vertex]);
+            ++n;
+            h = E[h].next;
+        } while (h != first);
+        const Vector centre = sum / double(n);
+        if (refined)
+            out.face[sz(f)] = asPoint(centre);
+        h = first;
+        do
+        {
+            VertexSums& s = sums[sz(E[h].vertex)];
+            if (refined)
+            {
+                s.facePoints += centre;
+                ++s.numFaces;
+            }
+            else
+                ++s.numFixed;
+            h = E[h].next;
+        } while (h != first);
+    }
+
+    for (int e = 0; e < numEdgeSlots; ++e)
+    {
+        const HalfEdge& h = E[e];
+        if (h.vertex < 0 || (h.twin >= 0 && h.twin < e))
+            continue; // a free slot, or the pair was met at the twin
+        const int a = h.vertex, b = E[h.next].vertex;
+        const Vector A = asVector(P[a]), B = asVector(P[b]);
+        const Vector mid = (A + B) * 0.5;
+        VertexSums& sa = sums[sz(a)];
+        VertexSums& sb = sums[sz(b)];
+        sa.midpoints += mid;
+        sb.midpoints += mid;
+        ++sa.numEdges;
+        ++sb.numEdges;
+        if (h.twin < 0)
+        {
+            sa.rim += B;
+            sb.rim += A;
+            ++sa.numRim;
+            ++sb.numRim;
+        }
+        const bool refined = isRefined(refine, h.face);
+        const bool twinRefined = h.twin >= 0 && isRefined(refine, E[h.twin].face);
+        if (!refined && !twinRefined)
+            continue; // an edge of the unrefined ring stays whole
+        // Between a refined and an unrefined face the midpoint keeps the ring's face flat.
+        const Vector p = refined && twinRefined ? (A + B + asVector(out.face[sz(h.face)]) +
+                                                   asVector(out.face[sz(E[h.twin].face)])) *
+                                                      0.25
+                                                : mid;
+        out.split[sz(e)] = 1;
+        out.edge[sz(e)] = asPoint(p);
+        if (h.twin >= 0)
+        {
+            out.split[sz(h.twin)] = 1;
+            out.edge[sz(h.twin)] = asPoint(p);
+        }
+    }
+
+    for (int v = 0; v < numVertexSlots; ++v)
+    {
+        if (mesh.getVertexEdge(v) < -1)
+            continue; // a free slot
+        const VertexSums& s = sums[sz(v)];
+        const Vector S = asVector(P[v]);
+        Vector q = S;
+        if (s.numFixed == 0 && s.numFaces > 0)
+        {
+            if (s.numRim == 2)
+                q = S * 0.75 + s.rim * 0.125;
+            else if (s.numRim == 0)
+            {
+                const double n = s.numFaces;
+                const Vector Q = s.facePoints / n, R = s.midpoints / double(s.numEdges);
+                q = (Q + 2.0 * R + (n - 3.0) * S) / n;
+            }
+        }
+        out.vertex[sz(v)] = asPoint(q);
+    }
+}
+
+// For each element of a level's new mesh, the slot of the element of the level's input
+// that it came from (-1: none). Composed across levels, the same arrays refer to the slots
+// of the first input.
+struct Origins
+{
+    std::vector<int> face, edge, vertex;
+};
+
+// One level into the empty mesh `out`: face points, edge points, vertex points, then the
+// faces, then twins. `outRefine` receives the new faces' flags (children of refined faces
+// are refined) when the level is partial.
+void buildLevel(const TopoMesh& mesh, const std::vector<char>* refine, const LevelPoints& pts,
+                TopoMesh& out, std::vector<char>* outRefine, Origins* origins)
+{
+    const HalfEdge* E = mesh.getHalfEdges();
+    const int numFaceSlots = mesh.getFaceCapacity(), numEdgeSlots = mesh.getEdgeCapacity();
+    const int numVertexSlots = mesh.getVertexCapacity();
+
+    // Sizes first, so the new mesh is allocated once.
+    int numFacePoints = 0, numEdgePoints = 0, newEdges = 0, newFaces = 0;
+    for (int f = 0; f < numFaceSlots; ++f)
+    {
+        const int first = mesh.getFaceEdge(f);
+        if (first < 0)
+            continue;
+        const bool refined = isRefined(refine, f);
+        numFacePoints += refined;
+        int h = first;
+        do
+        {
+            newEdges += refined ? 4 : 1 + pts.split[sz(h)];
+            newFaces += refined;
+            h = E[h].next;
+        } while (h != first);
+        newFaces += !refined;
+    }
+    for (int e = 0; e < numEdgeSlots; ++e)
+        numEdgePoints += pts.split[sz(e)] && (E[e].twin < 0 || E[e].twin > e);
+    const int newVertices = numFacePoints + numEdgePoints + mesh.getNumVertices();
+    out.reserve(newVertices, newEdges, newFaces);
+
+    std::vector<int> facePoint(sz(numFaceSlots), -1), edgePoint(sz(numEdgeSlots), -1);
+    std::vector<int> vertexPoint(sz(numVertexSlots), -1);
+    for (int f = 0; f < numFaceSlots; ++f)
+        if (mesh.getFaceEdge(f) >= 0 && isRefined(refine, f))
+            facePoint[sz(f)] = out.allocVertex(pts.face[sz(f)]).getIndex();
+    for (int e = 0; e < numEdgeSlots; ++e)
+    {
+        const int t = E[e].twin;
+        if (!pts.split[sz(e)] || (t >= 0 && t < e))
+            continue;
+        edgePoint[sz(e)] = out.allocVertex(pts.edge[sz(e)]).getIndex();
+        if (t >= 0)
+            edgePoint[sz(t)] = edgePoint[sz(e)];
+    }
+    for (int v = 0; v < numVertexSlots; ++v)
+        if (mesh.getVertexEdge(v) >= -1)
+            vertexPoint[sz(v)] = out.allocVertex(pts.vertex[sz(v)]).getIndex();
+
+    if (origins)
+    {
+        origins->face.assign(sz(newFaces), -1);
+        origins->edge.assign(sz(newEdges), -1);
+        origins->vertex.assign(sz(newVertices), -1);
+        for (int v = 0; v < numVertexSlots; ++v)
+            if (vertexPoint[sz(v)] >= 0)
+                origins->vertex[sz(vertexPoint[sz(v)])] = v;
+    }
+    if (outRefine)
+        outRefine->assign(sz(newFaces), 0);
+
+    // The new mesh has no free slots: each face's half-edges are new consecutive slots, in
+    // the order of its corners.
+    std::vector<int> corners;
+    for (int f = 0; f < numFaceSlots; ++f)
+    {
+        const int first = mesh.getFaceEdge(f);
+        if (first < 0)
+            continue;
+        if (isRefined(refine, f))
+        {
+            // One quad per corner: face point, edge point of the edge arriving at the
+            // corner, the corner's vertex point, edge point of the edge leaving it.
+            //
+            //   vertex ---- ep(h) ---->
+            //     |           |
+            //   ep(prev) --- face point
+            int h = first;
+            do
+            {
+                const int quad[4] = {facePoint[sz(f)], edgePoint[sz(E[h].prev)],
+                                     vertexPoint[sz(E[h].vertex)], edgePoint[sz(h)]};
+                const int q = out.allocFace(4, quad).getIndex();
+                if (origins)
+                {
+                    const int q0 = out.getFaceEdge(q);
+                    origins->face[sz(q)] = f;
+                    origins->edge[sz(q0 + 1)] = E[h].prev; // edge point -> vertex point
+                    origins->edge[sz(q0 + 2)] = h;         // vertex point -> edge point
+                }
+                if (outRefine)
+                    (*outRefine)[sz(q)] = 1;
+                h = E[h].next;
+            } while (h != first);
+        }
+        else
+        {
+            corners.clear();
+            int h = first;
+            do
+            {
+                corners.push_back(vertexPoint[sz(E[h].vertex)]);
+                if (pts.split[sz(h)])
+                    corners.push_back(edgePoint[sz(h)]);
+                h = E[h].next;
+            } while (h != first);
+            const int g = out.allocFace(int(corners.size()), corners.data()).getIndex();
+            if (origins)
+            {
+                origins->face[sz(g)] = f;
+                int k = out.getFaceEdge(g);
+                h = first;
+                do
+                {
+                    origins->edge[sz(k++)] = h;
+                    if (pts.split[sz(h)])
+                        origins->edge[sz(k++)] = h;
+                    h = E[h].next;
+                } while (h != first);
+            }
+        }
+    }
+    out.meshTwin();
+}
+
+// Follows one level's origins back to the first input: composed[i] = before[origins[i]].
+void compose(std::vector<int>& before, const std::vector<int>& origins)
+{
+    std::vector<int> after(origins.size(), -1);
+    for (std::size_t i = 0; i < origins.size(); ++i)
+        if (origins[i] >= 0)
+            after[i] = before[sz(origins[i])];
+    before.swap(after);
+}
+
+// Runs `levels` levels from `start` (the input or a copy of part of it). `track` holds, for
+// the slots of `start`, the input's slots; it is composed through each level. `refine` is
+// empty for whole subdivision.
+std::unique_ptr<TopoMesh> runLevels(const TopoMesh& start, std::unique_ptr<TopoMesh> owned,
+                                    std::vector<char> refine, int levels, Origins* track,
+                                    const char* name)
+{
+    qyOS::StopWatch watch;
+    watch.start();
+    const TopoMesh* current = &start;
+    LevelPoints pts;
+    for (int level = 1; level <= levels; ++level)
+    {
+        const std::vector<char>* flags = refine.empty() ? nullptr : &refine;
+        computeLevelPoints(*current, flags, pts);
+        auto next = std::make_unique<TopoMesh>();
+        Origins origins;
+        std::vector<char> nextRefine;
+        buildLevel(*current, flags, pts, *next, flags ? &nextRefine : nullptr,
+                   track ? &origins : nullptr);
+        if (track)
+        {
+            compose(track->face, origins.face);
+            compose(track->edge, origins.edge);
+            compose(track->vertex, origins.vertex);
+        }
+        owned = std::move(next); // the previous intermediate mesh goes here
+        current = owned.get();
+        refine.swap(nextRefine);
+        debugChannel().print("  %s level %d (%d faces): %f s\n", name, level,
+                             current->getNumFaces(), watch.clear());
+    }
+    return owned;
+}
+
+Origins identityOrigins(const TopoMesh& mesh)
+{
+    Origins o;
+    o.face.resize(sz(mesh.getFaceCapacity()));
+    o.edge.resize(sz(mesh.getEdgeCapacity()));
+    o.vertex.resize(sz(mesh.getVertexCapacity()));
+    for (std::size_t i = 0; i < o.face.size(); ++i)
+        o.face[i] = int(i);
+    for (std::size_t i = 0; i < o.edge.size(); ++i)
+        o.edge[i] = int(i);
+    for (std::size_t i = 0; i < o.vertex.size(); ++i)
+        o.vertex[i] = int(i);
+    return o;
+}
+
+// The composed origins as maps from the result's handles to the input's. The result's slots
+// are visited in increasing order, so each insertion goes at the end of its map.
+void fillMaps(TopoMesh& result, TopoMesh& input, const Origins& track,
+              qy::map<TopoMeshFace, TopoMeshFace>& faces,
+              qy::map<TopoMeshEdge, TopoMeshEdge>& edges,
+              qy::map<TopoMeshVertex, TopoMeshVertex>& vertices)
+{
+    for (std::size_t i = 0; i < track.face.size(); ++i)
+        if (track.face[i] >= 0)
+            faces.emplace_hint(faces.end(), TopoMeshFace(&result, int(i)),
+                               TopoMeshFace(&input, track.face[i]));
+    for (std::size_t i = 0; i < track.edge.size(); ++i)
+        if (track.edge[i] >= 0)
+            edges.emplace_hint(edges.end(), TopoMeshEdge(&result, int(i)),
+                               TopoMeshEdge(&input, track.edge[i]));
+    for (std::size_t i = 0; i < track.vertex.size(); ++i)
+        if (track.vertex[i] >= 0)
+            vertices.emplace_hint(vertices.end(), TopoMeshVertex(&result, int(i)),
+                                  TopoMeshVertex(&input, track.vertex[i]));
+}
+
+// Clears the caller's maps when a level fails to allocate, so that none refers to a mesh
+// that was never returned.
+template <class... Maps> class ClearOnUnwind
+{
+public:
+    explicit ClearOnUnwind(Maps&... maps) : m_maps(maps...) {}
+    ~ClearOnUnwind()
+    {
+        if (!m_done)
+            std::apply([](auto&... m) { (m.get().clear(), ...); }, m_maps);
+    }
+    ClearOnUnwind(const ClearOnUnwind&) = delete;
+    ClearOnUnwind& operator=(const ClearOnUnwind&) = delete;
+    void done() { m_done = true; }
+
+private:
+    std::tuple<std::reference_wrapper<Maps>...> m_maps;
+    bool m_done = false;
+};
+
+void printHeader(const char* name, const TopoMesh& mesh, int levels)
+{
+    debugChannel().print("%s: %d vertices, %d edges, %d faces, %d levels\n", name,
+                         mesh.getNumVertices(), mesh.getNumEdges(), mesh.getNumFaces(), levels);
+}
+
+// The partial form's copy: the refined faces, and every face around their corners and those
+// corners' neighbours. Fills `refine` for the copy's faces and `track` with the input's
+// slots of the copy's elements. Returns null for an empty region.
+std::unique_ptr<TopoMesh> copyRegion(qy::unordered_set<TopoMeshEntity>& region,
+                                     std::vector<char>& refine, Origins& track, TopoMesh*& input)
+{
+    input = nullptr;
+    for (const TopoMeshEntity& x : region)
+        if (x.isValid())
+        {
+            input = x.getMesh();
+            break;
+        }
+    if (!input)
+        return nullptr;
+    TopoMesh& mesh = *input;
+    const HalfEdge* E = mesh.getHalfEdges();
+    const int numFaceSlots = mesh.getFaceCapacity(), numVertexSlots = mesh.getVertexCapacity();
+
+    std::vector<char> refined(sz(numFaceSlots), 0), inCopy(sz(numFaceSlots), 0);
+    std::vector<char> corner(sz(numVertexSlots), 0), grown(sz(numVertexSlots), 0);
+    const auto faceAlive = [&](int f) { return f >= 0 && mesh.isAlive(TopoMeshFace(&mesh, f)); };
+    for (const TopoMeshEntity& x : region)
+    {
+        if (x.getMesh() != &mesh)
+            continue;
+        if (x.isFace() && mesh.isAlive(x.asFace()))
+            refined[sz(x.getIndex())] = 1;
+        else if (x.isEdge() && mesh.isAlive(x.asEdge()))
+        {
+            const HalfEdge& h = E[x.getIndex()];
+            refined[sz(h.face)] = 1;
+            if (h.twin >= 0)
+                refined[sz(E[h.twin].face)] = 1;
+        }
+        else if (x.isVertex() && mesh.isAlive(x.asVertex()))
+        {
+            for (TopoMeshEdgeVertexIterator it(x.asVertex()); it.valid(); it.next())
+                if (it.edge().vertex() == x.asVertex())
+                    refined[sz(it.edge().face().getIndex())] = 1;
+        }
+    }
+    // Corners of the refined faces, grown by their neighbours; the faces around those.
+    for (int f = 0; f < numFaceSlots; ++f)
+    {
+        if (!refined[sz(f)] || !faceAlive(f))
+            continue;
+        const int first = mesh.getFaceEdge(f);
+        int h = first;
+        do
+        {
+            corner[sz(E[h].vertex)] = 1;
+            h = E[h].next;
+        } while (h != first);
+    }
+    for (int v = 0; v < numVertexSlots; ++v)
+    {
+        if (!corner[sz(v)])
+            continue;
+        grown[sz(v)] = 1;
+        for (TopoMeshEdgeVertexIterator it(TopoMeshVertex(&mesh, v)); it.valid(); it.next())
+            grown[sz(it.otherVertex().getIndex())] = 1;
+    }
+    for (int v = 0; v < numVertexSlots; ++v)
+    {
+        if (!grown[sz(v)])
+            continue;
+        for (TopoMeshEdgeVertexIterator it(TopoMeshVertex(&mesh, v)); it.valid(); it.next())
+            if (it.edge().vertex().getIndex() == v)
+                inCopy[sz(it.edge().face().getIndex())] = 1;
+    }
+    // The vertices of the copied faces (the second growth), numbered in slot order.
+    std::vector<int> copyIndex(sz(numVertexSlots), -1);
+    for (int f = 0; f < numFaceSlots; ++f)
+    {
+        if (!inCopy[sz(f)])
+            continue;
+        const int first = mesh.getFaceEdge(f);
+        int h = first;
+        do
+        {
+            copyIndex[sz(E[h].vertex)] = 0;
+            h = E[h].next;
+        } while (h != first);
+    }
+    auto copy = std::make_unique<TopoMesh>();
+    track.vertex.clear();
+    for (int v = 0; v < numVertexSlots; ++v)
+        if (copyIndex[sz(v)] == 0)
+        {
+            copyIndex[sz(v)] = copy->allocVertex(mesh.getPoint(v)).getIndex();
+            track.vertex.push_back(v);
+        }
+    track.face.clear();
+    track.edge.clear();
+    refine.clear();
+    std::vector<int> corners;
+    for (int f = 0; f < numFaceSlots; ++f)
+    {
+        if (!inCopy[sz(f)])
+            continue;
+        corners.clear();
+        const int first = mesh.getFaceEdge(f);
+        int h = first;
+        do
+        {
+            corners.push_back(copyIndex[sz(E[h].vertex)]);
+            track.edge.push_back(h); // the copy's half-edges are consecutive, in this order
+            h = E[h].next;
+        } while (h != first);
+        copy->allocFace(int(corners.size()), corners.data());
+        track.face.push_back(f);
+        refine.push_back(refined[sz(f)]);
+    }
+    copy->meshTwin();
+    return copy;
+}
+
+TopoMesh* partial(qy::unordered_set<TopoMeshEntity>& region, int levels,
+                  qy::map<TopoMeshFace, TopoMeshFace>* faces,
+                  qy::map<TopoMeshEdge, TopoMeshEdge>* edges,
+                  qy::map<TopoMeshVertex, TopoMeshVertex>* vertices)
+{
+    debugChannel().print("computePartialSubdivMesh: %d entities, %d levels\n", int(region.size()),
+                         levels);
+    if (levels <= 0)
+        return nullptr;
+    qyOS::StopWatch watch;
+    watch.start();
+    std::vector<char> refine;
+    Origins track;
+    TopoMesh* input = nullptr;
+    std::unique_ptr<TopoMesh> copy = copyRegion(region, refine, track, input);
+    if (!copy)
+        return nullptr;
+    debugChannel().print("  copied %d of %d faces: %f s\n", copy->getNumFaces(),
+                         input->getNumFaces(), watch.clear());
+    const TopoMesh& start = *copy;
+    std::unique_ptr<TopoMesh> result = runLevels(start, std::move(copy), std::move(refine), levels,
+                                                 faces ? &track : nullptr, "refined");
+    if (faces)
+        fillMaps(*result, *input, track, *faces, *edges, *vertices);
+    return result.release();
+}
+
+} // namespace
+
+TopoMesh* computeSubdivMesh(TopoMesh& mesh, int levels)
+{
+    printHeader("computeSubdivMesh", mesh, levels);
+    if (levels <= 0)
+        return nullptr;
+    return runLevels(mesh, nullptr, {}, levels, nullptr, "subdivided").release();
+}
+
+TopoMesh* computeSubdivMesh(TopoMesh& mesh, int levels, qy::map<TopoMeshFace, TopoMeshFace>& faces,
+                            qy::map<TopoMeshEdge, TopoMeshEdge>& edges,
+                            qy::map<TopoMeshVertex, TopoMeshVertex>& vertices)
+{
+    printHeader("computeSubdivMesh", mesh, levels);
+    faces.clear();
+    edges.clear();
+    vertices.clear();
+    if (levels <= 0)
+        return nullptr;
+    ClearOnUnwind guard(faces, edges, vertices);
+    Origins track = identityOrigins(mesh);
+    std::unique_ptr<TopoMesh> result = runLevels(mesh, nullptr, {}, levels, &track, "subdivided");
+    fillMaps(*result, mesh, track, faces, edges, vertices);
+    guard.done();
+    return result.release();
+}
+
+namespace
+{
+
+void inPlace(TopoMesh& mesh, int levels, qy::map<TopoMeshFace, TopoMeshFace>* faces,
+             qy::map<TopoMeshEdge, TopoMeshEdge>* edges)
+{
+    qyOS::StopWatch watch;
+    watch.start();
+    LevelPoints pts;
+    std::vector<int> splitEdges, oldFaces, oldVertices, edgePoints;
+    std::vector<char> isEdgePoint;
+    for (int level = 1; level <= levels && mesh.getNumFaces() > 0; ++level)
+    {
+        computeLevelPoints(mesh, nullptr, pts);
+        splitEdges.clear();
+        oldFaces.clear();
+        oldVertices.clear();
+        edgePoints.clear();
+        const HalfEdge* E = mesh.getHalfEdges();
+        for (int e = 0; e < mesh.getEdgeCapacity(); ++e)
+            if (E[e].vertex >= 0 && (E[e].twin < 0 || E[e].twin > e))
+                splitEdges.push_back(e);
+        for (int f = 0; f < mesh.getFaceCapacity(); ++f)
+            if (mesh.getFaceEdge(f) >= 0)
+                oldFaces.push_back(f);
+        for (int v = 0; v < mesh.getVertexCapacity(); ++v)
+            if (mesh.getVertexEdge(v) >= -1)
+                oldVertices.push_back(v);
+
+        // Edge points. e keeps its vertex and now ends at the new vertex w; the half-edge
+        // after e (w -> old end) lies on the same old edge, and likewise on the twin's side.
+        for (const int e : splitEdges)
+        {
+            const TopoMeshEdge h(&mesh, e);
+            const TopoMeshEdge t = h.twin();
+            const TopoMeshVertex w = mesh.subdivideEdge(h, pts.edge[sz(e)]);
+            edgePoints.push_back(w.getIndex());
+            if (edges)
+            {
+                if (auto it = edges->find(h); it != edges->end())
+                    (*edges)[h.next()] = it->second;
+                if (t)
+                    if (auto it = edges->find(t); it != edges->end())
+                        (*edges)[t.next()] = it->second;
+            }
+        }
+        // Vertex points, from the positions before any split.
+        for (const int v : oldVertices)
+            mesh.setPoint(v, pts.vertex[sz(v)]);
+        // Face points: every face now alternates old vertices and edge points; joining the
+        // face point to every other corner, from an edge point, makes one quad per old corner.
+        isEdgePoint.assign(sz(mesh.getVertexCapacity()), 0);
+        for (const int w : edgePoints)
+            isEdgePoint[sz(w)] = 1;
+        for (const int f : oldFaces)
+        {
+            const TopoMeshFace face(&mesh, f);
+            TopoMeshEdge first = face.edge();
+            if (!isEdgePoint[sz(first.vertex().getIndex())])
+                first = first.next();
+            const TopoMeshVertex centre = mesh.subdivideFace(face, pts.face[sz(f)], first, 2);
+            if (faces && centre)
+            {
+                const TopoMeshFace origin = faces->at(face);
+                for (TopoMeshEdgeVertexIterator it(centre); it.valid(); it.next())
+                    (*faces)[it.edge().face()] = origin;
+            }
+        }
+        debugChannel().print("  subdivided level %d (%d faces): %f s\n", level, mesh.getNumFaces(),
+                             watch.clear());
+    }
+}
+
+} // namespace
+
+void computeSubdivMeshInPlace(TopoMesh& mesh, int levels)
+{
+    printHeader("computeSubdivMeshInPlace", mesh, levels);
+    if (levels <= 0 || mesh.getNumFaces() == 0)
+        return;
+    inPlace(mesh, levels, nullptr, nullptr);
+    mesh.modified(TopoMeshModification(mesh, TopoMeshModification::TopologyChanged));
+}
+
+void computeSubdivMeshInPlace(TopoMesh& mesh, int levels,
+                              qy::map<TopoMeshFace, TopoMeshFace>& faces,
+                              qy::map<TopoMeshEdge, TopoMeshEdge>& edges,
+                              qy::unordered_set<TopoMeshVertex>& vertices)
+{
+    printHeader("computeSubdivMeshInPlace", mesh, levels);
+    faces.clear();
+    edges.clear();
+    vertices.clear();
+    for (TopoMeshFace f = mesh.firstFace(); f; f = f.nextInList())
+        faces.emplace_hint(faces.end(), f, f);
+    for (TopoMeshEdge e = mesh.firstEdge(); e; e = e.nextInList())
+        edges.emplace_hint(edges.end(), e, e);
+    for (TopoMeshVertex v = mesh.firstVertex(); v; v = v.nextInList())
+        vertices.insert(v);
+    if (levels <= 0 || mesh.getNumFaces() == 0)
+        return;
+    inPlace(mesh, levels, &faces, &edges);
+    mesh.modified(TopoMeshModification(mesh, TopoMeshModification::TopologyChanged));
+}
+
+TopoMesh* computePartialSubdivMesh(qy::unordered_set<TopoMeshEntity>& region, int levels)
+{
+    return partial(region, levels, nullptr, nullptr, nullptr);
+}
+
+TopoMesh* computePartialSubdivMesh(qy::unordered_set<TopoMeshEntity>& region, int levels,
+                                   qy::map<TopoMeshFace, TopoMeshFace>& faces,
+                                   qy::map<TopoMeshEdge, TopoMeshEdge>& edges,
+                                   qy::map<TopoMeshVertex, TopoMeshVertex>& vertices)
+{
+    faces.clear();
+    edges.clear();
+    vertices.clear();
+    ClearOnUnwind guard(faces, edges, vertices);
+    TopoMesh* result = partial(region, levels, &faces, &edges, &vertices);
+    guard.done();
+    return result;
+}
+
+void computeSubdivMeshNormals(const TopoMesh& mesh,
+                              qy::map<TopoMeshVertex, qyLinear::Normal>& normals)
+{
+    debugChannel().print("computeSubdivMeshNormals: %d vertices, %d faces\n", mesh.getNumVertices(),
+                         mesh.getNumFaces());
+    normals.clear();
+    const HalfEdge* E = mesh.getHalfEdges();
+    const Point* P = mesh.getPoints();
+    std::vector<Vector> sums(sz(mesh.getVertexCapacity()));
+    for (int e = 0, n = mesh.getEdgeCapacity(); e < n; ++e)
+    {
+        const HalfEdge& h = E[e];
+        if (h.vertex < 0)
+            continue;
+        const Point& v = P[h.vertex];
+        sums[sz(h.vertex)] += qyLinear::cross(P[E[h.next].vertex] - v, P[E[h.prev].vertex] - v);
+    }
+    // Handles name a mesh that callers may edit; reading through them changes nothing here.
+    TopoMesh* handleMesh = const_cast<TopoMesh*>(&mesh);
+    for (int v = 0, n = mesh.getVertexCapacity(); v < n; ++v)
+        if (mesh.getVertexEdge(v) >= -1)
+            normals.emplace_hint(normals.end(), TopoMeshVertex(handleMesh, v), Normal(sums[sz(v)]));
+}
+
+} // namespace qyGeom
