@@ -1,0 +1,187 @@
+// Ray casting over whole meshes with RayTracer: the hierarchy's build, nearest-hit rays one at
+// a time on the calling thread, and the batch on pools of 1 and 2 threads. Inputs: the
+// 998,000-triangle UV sphere (1000 segments x 500 rings, the peer harness's sphere.obj) and,
+// when present, $QYGEOM_PEER_DATA/bunny00.obj; sphere.obj is read from there too when present,
+// otherwise the same sphere is made in code. Rays as the peers cast them: from a sphere of
+// radius the bounding box's diagonal around its centre, aimed at uniform points of the box.
+// Items are rays (triangles for the build).
+#include "qyGeom/meshRayIntersect.h"
+
+#include <cstdlib>
+#include <fstream>
+#include <random>
+#include <string>
+#include <vector>
+
+#include <benchmark/benchmark.h>
+
+#include "base/ThreadPool.h"
+#include "model/BoundingBox.h"
+#include "model/CompactMesh.h"
+#include "qyGeom/intersectRayTriangle.h"
+#include "qyGeom/meshBoundingBox.h"
+#include "qyGeom/meshReadObj.h"
+#include "testMeshes.h"
+
+namespace
+{
+
+using qyGeom::CompactMesh;
+
+constexpr int numRays = 1 << 18;
+
+std::string dataPath(const char* name)
+{
+    const char* dir = std::getenv("QYGEOM_PEER_DATA");
+    return std::string(dir ? dir : ".") + "/" + name;
+}
+
+// Null when the file is missing; the sphere falls back to the same mesh made in code.
+const CompactMesh* mesh(int which)
+{
+    static const CompactMesh sphere = []
+    {
+        CompactMesh m;
+        const std::string path = dataPath("sphere.obj");
+        if (std::ifstream(path).good() && qyGeom::meshReadObj(m, path.c_str()))
+            return m;
+        return qyTest::makeUVSphere(500, 1000);
+    }();
+    static const CompactMesh bunny = []
+    {
+        CompactMesh m;
+        const std::string path = dataPath("bunny00.obj");
+        if (std::ifstream(path).good())
+            qyGeom::meshReadObj(m, path.c_str());
+        return m;
+    }();
+    const CompactMesh* m = which == 0 ? &sphere : &bunny;
+    return m->getNumTriangles() > 0 ? m : nullptr;
+}
+
+const qyGeom::RayTracer& tracer(int which)
+{
+    static const qyGeom::RayTracer sphereTracer(*mesh(0));
+    static const qyGeom::RayTracer bunnyTracer(mesh(1) ? *mesh(1) : CompactMesh());
+    return which == 0 ? sphereTracer : bunnyTracer;
+}
+
+struct Rays
+{
+    std::vector<float> origins;
+    std::vector<double> directions;
+};
+
+const Rays& rays(int which)
+{
+    static Rays cache[2];
+    Rays& r = cache[which];
+    if (!r.origins.empty())
+        return r;
+    qyGeom::BoundingBox box;
+    qyGeom::meshBoundingBox(*mesh(which), box);
+    const qyLinear::Point lo = box.minPt(), hi = box.maxPt();
+    const double radius = (hi - lo).length();
+    std::mt19937 random(99);
+    std::uniform_real_distribution<double> unit(0, 1), normal(-1, 1);
+    for (int i = 0; i < numRays; ++i)
+    {
+        qyLinear::Vector d;
+        do
+            d = qyLinear::Vector(normal(random), normal(random), normal(random));
+        while (d.length() > 1 || d.length() < 1e-3);
+        d = d * (radius / d.length());
+        double o[3], target[3];
+        for (int k = 0; k < 3; ++k)
+        {
+            o[k] = 0.5 * (lo[k] + hi[k]) + d[k];
+            target[k] = lo[k] + (hi[k] - lo[k]) * unit(random);
+            r.origins.push_back(float(o[k]));
+        }
+        for (int k = 0; k < 3; ++k)
+            r.directions.push_back(target[k] - double(r.origins[r.origins.size() - 3 + k]));
+    }
+    return r;
+}
+
+bool skipWithoutMesh(benchmark::State& state, int which)
+{
+    if (mesh(which))
+        return false;
+    state.SkipWithError("bunny00.obj not found (set QYGEOM_PEER_DATA)");
+    return true;
+}
+
+void BM_Build(benchmark::State& state)
+{
+    const int which = int(state.range(0));
+    if (skipWithoutMesh(state, which))
+        return;
+    for (auto _ : state)
+    {
+        qyGeom::RayTracer t(*mesh(which));
+        benchmark::DoNotOptimize(t.getNumNodes());
+    }
+    state.SetItemsProcessed(state.iterations() * mesh(which)->getNumTriangles());
+    state.SetLabel(which == 0 ? "sphere" : "bunny00");
+}
+
+void BM_RaysOneThread(benchmark::State& state)
+{
+    const int which = int(state.range(0));
+    if (skipWithoutMesh(state, which))
+        return;
+    const qyGeom::RayTracer& t = tracer(which);
+    const Rays& r = rays(which);
+    int hits = 0;
+    for (auto _ : state)
+    {
+        hits = 0;
+        for (std::size_t i = 0; i < std::size_t(numRays); ++i)
+        {
+            const qyGeom::Ray ray(
+                qyLinear::PointFlt(r.origins[3 * i], r.origins[3 * i + 1], r.origins[3 * i + 2]),
+                qyLinear::Vector(r.directions[3 * i], r.directions[3 * i + 1],
+                                 r.directions[3 * i + 2]));
+            qyGeom::MeshRayHit hit;
+            hits += t.intersect(ray, hit) ? 1 : 0;
+        }
+        benchmark::DoNotOptimize(hits);
+    }
+    state.SetItemsProcessed(state.iterations() * numRays);
+    state.counters["hit_fraction"] = double(hits) / numRays;
+    state.SetLabel(which == 0 ? "sphere" : "bunny00");
+}
+
+void BM_RayBatch(benchmark::State& state)
+{
+    const int which = int(state.range(0)), threads = int(state.range(1));
+    if (skipWithoutMesh(state, which))
+        return;
+    const qyGeom::RayTracer& t = tracer(which);
+    const Rays& r = rays(which);
+    qyUtil::ThreadPool::get().setNumThreads(threads);
+    std::vector<qyGeom::MeshRayHit> hits(numRays);
+    int count = 0;
+    for (auto _ : state)
+        count = qyGeom::meshRayIntersect(t, numRays, r.origins.data(), r.directions.data(),
+                                         hits.data());
+    qyUtil::ThreadPool::get().setNumThreads(0);
+    state.SetItemsProcessed(state.iterations() * numRays);
+    state.counters["hit_fraction"] = double(count) / numRays;
+    state.SetLabel(std::string(which == 0 ? "sphere" : "bunny00") +
+                   " threads:" + std::to_string(threads));
+}
+
+BENCHMARK(BM_Build)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_RaysOneThread)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
+// Wall-clock time: the pool's threads do the work.
+BENCHMARK(BM_RayBatch)
+    ->Args({0, 1})
+    ->Args({0, 2})
+    ->Args({1, 1})
+    ->Args({1, 2})
+    ->UseRealTime()
+    ->Unit(benchmark::kMillisecond);
+
+} // namespace
