@@ -107,7 +107,7 @@ public:
     }
 
     /// Index i of a corner (1-based, or negative counting back) as a 0-based one.
-    IndexCheck resolve(int i, Element e, int /*cornerInFace*/, int& out) const
+    IndexCheck resolve(int i, Element e, int& out) const
     {
         const long long n = static_cast<long long>(count(e));
         if (i == 0)
@@ -126,6 +126,14 @@ public:
         return IndexCheck::Ok;
     }
 
+    /// The corners of a face, one after the other, then the face; the faces of a piece
+    /// come whole.
+    void corner(const MeshObjCorner& c) { m_corners.push_back(c); }
+    void endFace()
+    {
+        face(m_corners.data(), int(m_corners.size()));
+        m_corners.clear();
+    }
     void face(const MeshObjCorner* corners, int n)
     {
         (n == 3 ? m_file.numTriangles : n == 4 ? m_file.numQuads : m_file.numPolygons)++;
@@ -180,6 +188,7 @@ private:
     MeshObjFile& m_file;
     std::string m_directory;
     qy::Reference<MeshObjGroup> m_group;
+    std::vector<MeshObjCorner> m_corners; ///< of the face being read
 };
 
 /// A `g`, `usemtl` or `mtllib` statement of a piece, met before its face number `face`
@@ -233,7 +242,7 @@ public:
     void texCoord(const qyLinear::Point2Flt& vt) { m_out.texCoords.push_back(vt); }
     void normal(const qyLinear::VectorFlt& vn) { m_out.normals.push_back(vn); }
 
-    IndexCheck resolve(int i, Element e, int cornerInFace, int& out)
+    IndexCheck resolve(int i, Element e, int& out)
     {
         const std::size_t count = e == Vertex     ? m_out.vertices.size()
                                   : e == TexCoord ? m_out.texCoords.size()
@@ -250,13 +259,16 @@ public:
         const long long r = i + n;
         m_out.need[e] = std::max(m_out.need[e], -r);
         out = int(r); // r >= INT_MIN: i is an int and n is not negative
-        m_out.fix[e].push_back(m_out.corners.size() + std::size_t(cornerInFace));
+        m_out.fix[e].push_back(m_out.corners.size()); // the corner being read
+
         return IndexCheck::Ok;
     }
 
-    void face(const MeshObjCorner* corners, int n)
+    void corner(const MeshObjCorner& c) { m_out.corners.push_back(c); }
+    void endFace()
     {
-        m_out.corners.insert(m_out.corners.end(), corners, corners + n);
+        const int n = int(m_out.corners.size() - m_faceStart);
+        m_faceStart = m_out.corners.size();
         m_out.faceSizes.push_back(n);
         (n == 3 ? m_out.numTriangles : n == 4 ? m_out.numQuads : m_out.numPolygons)++;
     }
@@ -278,6 +290,7 @@ private:
     }
 
     Piece& m_out;
+    std::size_t m_faceStart = 0; ///< the first corner of the face being read
 };
 
 /// The statements of OBJ text, handed to a builder. Errors (thrown as qyUtil::Error) name
@@ -429,7 +442,7 @@ private:
                                                "invalid positive vertex index",
                                                "invalid positive vertex index"};
         int out = -1;
-        switch (m_out.resolve(i, e, int(m_corners.size()), out))
+        switch (m_out.resolve(i, e, out))
         {
         case IndexCheck::Ok:
             return out;
@@ -444,8 +457,8 @@ private:
 
     void face()
     {
-        m_corners.clear();
-        for (;;)
+        int n = 0;
+        for (;; ++n)
         {
             const Token& t = peek();
             MeshObjCorner c;
@@ -474,12 +487,11 @@ private:
             {
                 break;
             }
-            m_corners.push_back(c);
+            m_out.corner(c);
         }
-        const int n = int(m_corners.size());
         if (n < 3)
             fail("face has fewer than 3 vertex references");
-        m_out.face(m_corners.data(), n);
+        m_out.endFace();
     }
 
     void usemtl()
@@ -500,7 +512,6 @@ private:
     std::vector<Token> m_tokens;
     std::size_t m_pos = 0;
     int m_errorLine = -1;
-    std::vector<MeshObjCorner> m_corners;
 };
 
 /// Cut size of the pieces of a file of `size` bytes: some 32 pieces, between 64 KiB and
