@@ -59,11 +59,16 @@ const CompactMesh* mesh(int which)
     return m->getNumTriangles() > 0 ? m : nullptr;
 }
 
+// Built on first use, one mesh at a time.
 const qyGeom::RayTracer& tracer(int which)
 {
-    static const qyGeom::RayTracer sphereTracer(*mesh(0));
-    static const qyGeom::RayTracer bunnyTracer(mesh(1) ? *mesh(1) : CompactMesh());
-    return which == 0 ? sphereTracer : bunnyTracer;
+    if (which == 0)
+    {
+        static const qyGeom::RayTracer sphereTracer(*mesh(0));
+        return sphereTracer;
+    }
+    static const qyGeom::RayTracer bunnyTracer(*mesh(1));
+    return bunnyTracer;
 }
 
 struct Rays

@@ -59,14 +59,15 @@ private:
     // 32 bytes: the box as the six floats that Ray's slab indices address, then for a leaf
     // its first triangle and count, for an inner node its first child (the second follows)
     // and a count of 0.
-    struct Node
+    struct alignas(32) Node
     {
         float box[6];
         int first;
         int count;
     };
     std::vector<Node> m_nodes;
-    std::vector<float> m_corners;   // 9 floats per triangle, in leaf order
+    int m_root = 0;                 // 0, or 1 when a node in front aligns the pairs
+    std::vector<float> m_corners;   // per triangle in leaf order: a corner and two edges
     std::vector<int> m_triangleIds; // the mesh's triangle index, in leaf order
 };
 

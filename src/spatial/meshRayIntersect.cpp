@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstddef>
+#include <cstdint>
 #include <limits>
 
 #include "base/StopWatch.h"
@@ -257,15 +258,34 @@ RayTracer::RayTracer(const CompactMesh& mesh)
         tasks.push_back({left, task.begin, split, task.depth + 1});
     }
 
-    // The corners in leaf order, so that a leaf reads one contiguous run.
+    // Per triangle, in leaf order so that a leaf reads one contiguous run: the first corner
+    // and the two edges from it, subtracted in single precision as the triangle test does it.
     m_corners.resize(9 * std::size_t(numPrims));
     m_triangleIds.assign(order.begin(), order.end());
     for (int i = 0; i < numPrims; ++i)
     {
         const int* c = tris + 3 * std::ptrdiff_t(order[std::size_t(i)]);
+        const float* p0 = verts + 3 * std::ptrdiff_t(c[0]);
+        const float* p1 = verts + 3 * std::ptrdiff_t(c[1]);
+        const float* p2 = verts + 3 * std::ptrdiff_t(c[2]);
+        float* out = m_corners.data() + 9 * std::size_t(i);
         for (int k = 0; k < 3; ++k)
-            std::copy(verts + 3 * std::ptrdiff_t(c[k]), verts + 3 * std::ptrdiff_t(c[k]) + 3,
-                      m_corners.data() + 9 * std::size_t(i) + 3 * std::size_t(k));
+        {
+            out[k] = p0[k];
+            out[3 + k] = p1[k] - p0[k];
+            out[6 + k] = p2[k] - p0[k];
+        }
+    }
+    // Children come in pairs from index 1 on. Moving everything one node on when needed makes
+    // each pair fill one cache line: a node's two children are read with one miss.
+    m_nodes.reserve(m_nodes.size() + 1);
+    if (reinterpret_cast<std::uintptr_t>(m_nodes.data() + 1) % 64 != 0)
+    {
+        m_nodes.insert(m_nodes.begin(), Node{});
+        for (Node& node : m_nodes)
+            if (node.count == 0)
+                ++node.first;
+        m_root = 1;
     }
     debugChannel().print("  built hierarchy: %f s (%d nodes)\n", watch.clear(),
                          int(m_nodes.size()));
@@ -301,10 +321,13 @@ template <bool anyHit> bool RayTracer::traverse(const Ray& ray, MeshRayHit* hit)
     float limit = limitOf(best);
     constexpr float miss = std::numeric_limits<float>::infinity();
 
+    // Pending nodes with the parameter at which the ray enters them, so that a node beginning
+    // beyond a hit found meanwhile is dropped without testing its box again.
     int stack[maxDepth];
+    float stackEntry[maxDepth];
     int top = 0;
-    int current = 0;
-    if (entry(nodes[0].box, origNear, origFar, inv, nearIdx, farIdx, limit) == miss)
+    int current = m_root;
+    if (entry(nodes[current].box, origNear, origFar, inv, nearIdx, farIdx, limit) == miss)
         return false;
     for (;;)
     {
@@ -314,9 +337,10 @@ template <bool anyHit> bool RayTracer::traverse(const Ray& ray, MeshRayHit* hit)
             for (int i = node.first, end = node.first + node.count; i < end; ++i)
             {
                 const float* p = corners + 9 * std::ptrdiff_t(i);
-                double t, u, v;
-                if (!detail::rayTriangleTwoSided(dir, orig, p, p + 3, p + 6, cull, t, u, v) ||
-                    !(t > qyLinear::epsilonTol) || !(t <= best))
+                const double e1[3] = {p[3], p[4], p[5]}, e2[3] = {p[6], p[7], p[8]};
+                double det, t, u, v;
+                if (!detail::rayTriangleEdges(dir, orig, p, e1, e2, true, det, t, u, v) ||
+                    (det < 0 && !(t >= cull)) || !(t > qyLinear::epsilonTol) || !(t <= best))
                     continue;
                 if (!(t < ray.farDistance()))
                     continue;
@@ -343,6 +367,7 @@ template <bool anyHit> bool RayTracer::traverse(const Ray& ray, MeshRayHit* hit)
             if (tLeft != miss && tRight != miss)
             {
                 const bool leftFirst = tLeft <= tRight;
+                stackEntry[top] = leftFirst ? tRight : tLeft;
                 stack[top++] = leftFirst ? right : left;
                 current = leftFirst ? left : right;
                 continue;
@@ -369,8 +394,7 @@ template <bool anyHit> bool RayTracer::traverse(const Ray& ray, MeshRayHit* hit)
                 return bestTri >= 0;
             }
             current = stack[--top];
-            if (anyHit ||
-                entry(nodes[current].box, origNear, origFar, inv, nearIdx, farIdx, limit) != miss)
+            if (stackEntry[top] <= limit * slabWiden)
                 break;
         }
     }

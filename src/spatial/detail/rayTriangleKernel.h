@@ -31,16 +31,15 @@ inline double dot(const double* a, const double* b)
     return a[0] * b[0] + a[1] * b[1] + a[2] * b[2];
 }
 
-/// The edge-vector test. Returns the determinant's side through `det`; true when the ray
-/// meets the triangle (edges inclusive), with t, u and v scaled to the hit. `twoSided` false
-/// rejects back faces and near-parallel rays at once.
-inline bool rayTriangle(const double* dir, const float* orig, const float* p0, const float* p1,
-                        const float* p2, bool twoSided, double& det, double& t, double& u,
-                        double& v)
+/// The edge-vector test on the corner p0 and the edges e1 = p1 - p0, e2 = p2 - p0 (each
+/// subtracted in single precision, then widened). Returns the determinant through `det`; true
+/// when the ray meets the triangle (edges inclusive), with t, u and v scaled to the hit.
+/// `twoSided` false rejects back faces and near-parallel rays at once.
+inline bool rayTriangleEdges(const double* dir, const float* orig, const float* p0,
+                             const double* e1, const double* e2, bool twoSided, double& det,
+                             double& t, double& u, double& v)
 {
-    double e1[3], e2[3], pvec[3], tvec[3], qvec[3];
-    sub(p1, p0, e1);
-    sub(p2, p0, e2);
+    double pvec[3], tvec[3], qvec[3];
     cross(dir, e2, pvec);
     det = dot(e1, pvec);
     if (det > parallelDet)
@@ -72,6 +71,17 @@ inline bool rayTriangle(const double* dir, const float* orig, const float* p0, c
     u *= inv;
     v *= inv;
     return true;
+}
+
+/// The same test on the three corners.
+inline bool rayTriangle(const double* dir, const float* orig, const float* p0, const float* p1,
+                        const float* p2, bool twoSided, double& det, double& t, double& u,
+                        double& v)
+{
+    double e1[3], e2[3];
+    sub(p1, p0, e1);
+    sub(p2, p0, e2);
+    return rayTriangleEdges(dir, orig, p0, e1, e2, twoSided, det, t, u, v);
 }
 
 /// The full two-sided test: front faces at any t, back faces from the cull distance on.
