@@ -56,17 +56,18 @@ public:
 private:
     template <bool anyHit> bool traverse(const Ray& ray, MeshRayHit* hit) const;
 
-    // 32 bytes: the box as the six floats that Ray's slab indices address, then for a leaf
-    // its first triangle and count, for an inner node its first child (the second follows)
-    // and a count of 0.
-    struct alignas(32) Node
+    // Two cache lines: the boxes of up to four children, coordinate by coordinate (min x,
+    // min y, min z, max x, max y, max z, the order that Ray's slab indices address) so that
+    // the four are tested at once, and per child the first triangle and the count of a leaf
+    // (count > 0), the node of an inner child (count 0), or nothing (count -1, with a box that
+    // no ray meets).
+    struct alignas(64) Node
     {
-        float box[6];
-        int first;
-        int count;
+        float bounds[6][4];
+        int child[4];
+        int count[4];
     };
     std::vector<Node> m_nodes;
-    int m_root = 0;                 // 0, or 1 when a node in front aligns the pairs
     std::vector<float> m_corners;   // per triangle in leaf order: a corner and two edges
     std::vector<int> m_triangleIds; // the mesh's triangle index, in leaf order
 };
