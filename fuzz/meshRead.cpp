@@ -4,6 +4,7 @@
 #include "fuzzSupport.h"
 #include "model/CompactMesh.h"
 #include "model/TopoMesh.h"
+#include "qyGeom/meshReadWrite.h"
 #include "qyGeom/meshWriteObj.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)

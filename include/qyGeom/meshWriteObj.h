@@ -1,11 +1,11 @@
-// Mesh writing: OBJ text with an optional material library, and the minimal counted text
-// format (meshRead / meshWrite).
+// Mesh writing: OBJ text with an optional material library.
 #pragma once
 
 #include "base/Color.h"
 #include "base/Containers.h"
 #include "base/Filename.h"
 #include "base/Reference.h"
+#include "qyGeom/MeshWriteOptions.h"
 #include "qyGeom/qyGeomExport.h"
 
 namespace qyGeom
@@ -48,43 +48,7 @@ QYGEOM_API bool meshWriteObj(const TopoMesh& mesh, const qyOS::Filename& file);
 QYGEOM_API bool meshWriteObj(const qy::list<qy::Reference<TopoMesh>>& meshes,
                              const qyOS::Filename& file);
 
-/// Reads the minimal format: a line "V F", V lines "x y z", F lines "3 a b c" (0-based
-/// indices; the leading count is read and ignored, so only triangles can be read). The mesh
-/// is replaced by the positions and triangles read. Numbers convert as in the "C" locale.
-/// Reading stops quietly at the first malformed or missing number, keeping what was read
-/// before it, and triangles with an index outside the vertices read are left out. A file
-/// that cannot be opened leaves the mesh untouched.
-QYGEOM_API void meshRead(CompactMesh& mesh, const qyOS::Filename& file);
-
-/// Reads the minimal format into a half-edge mesh: the header, V lines "x y z" (converted
-/// as doubles), F lines "n i1 ... in" (0-based), then the twins are paired. The mesh is
-/// cleared first when the file opens. Reading stops quietly at the first malformed or missing
-/// number; faces with an index outside the vertices read, or that the mesh refuses (fewer
-/// than 3 corners, a vertex named twice), are left out.
-QYGEOM_API void meshRead(TopoMesh& mesh, const qyOS::Filename& file);
-
-/// Writes the minimal format: "%d %d\n" (vertex and triangle count), "%.10g %.10g %.10g\n"
-/// per vertex and "3 %d %d %d\n" per triangle. Nothing is written when the file cannot be
-/// opened.
-QYGEOM_API void meshWrite(const CompactMesh& mesh, const qyOS::Filename& file);
-
-/// Writes the minimal format of a half-edge mesh: "%d %d\n" (vertex and face count),
-/// "%.10g %.10g %.10g\n" per live vertex in index order, then per face its corner count and
-/// " %d" per corner (0-based in the order written), "\n".
-QYGEOM_API void meshWrite(TopoMesh& mesh, const qyOS::Filename& file);
-
-/// How the writers format numbers.
-struct MeshWriteOptions
-{
-    /// Significant digits of every coordinate, normal, texture coordinate and colour, written
-    /// as printf's "%.<digits>g" would. 0 keeps each writer's own format: 6 digits in OBJ (an
-    /// output stream's default) and 10 in the minimal format. 9 digits read back to the same
-    /// float32 for every finite value; fewer make smaller files that lose precision (6
-    /// digits turn 4100456.5 into 4.10046e+06). Values outside 1 to 17 count as 0.
-    int digits = 0;
-};
-
-/// The checked writers: the same files as meshWriteObj and meshWrite above, byte for byte,
+/// The checked writers: the same files as meshWriteObj above, byte for byte,
 /// but every failure counts. They return false when the file cannot be opened, when a write
 /// fails (a full disk, a file size limit, an I/O error), when closing the file fails, when a
 /// half-edge face names a vertex that is not live, and, with subsets, when the material
@@ -102,8 +66,6 @@ QYGEOM_API bool meshWriteObjChecked(const CompactMesh& mesh,
 QYGEOM_API bool meshWriteObjChecked(const TopoMesh& mesh, const qyOS::Filename& file);
 QYGEOM_API bool meshWriteObjChecked(const qy::list<qy::Reference<TopoMesh>>& meshes,
                                     const qyOS::Filename& file);
-QYGEOM_API bool meshWriteChecked(const CompactMesh& mesh, const qyOS::Filename& file);
-QYGEOM_API bool meshWriteChecked(TopoMesh& mesh, const qyOS::Filename& file);
 
 /// The checked writers with the number format of `options`; with default options each writes
 /// the same text as its form above.
@@ -117,9 +79,5 @@ QYGEOM_API bool meshWriteObjChecked(const TopoMesh& mesh, const qyOS::Filename& 
                                     const MeshWriteOptions& options);
 QYGEOM_API bool meshWriteObjChecked(const qy::list<qy::Reference<TopoMesh>>& meshes,
                                     const qyOS::Filename& file, const MeshWriteOptions& options);
-QYGEOM_API bool meshWriteChecked(const CompactMesh& mesh, const qyOS::Filename& file,
-                                 const MeshWriteOptions& options);
-QYGEOM_API bool meshWriteChecked(TopoMesh& mesh, const qyOS::Filename& file,
-                                 const MeshWriteOptions& options);
 
 } // namespace qyGeom

@@ -17,6 +17,7 @@
 #include "model/MeshSubset.h"
 #include "model/TopoMesh.h"
 #include "qyGeom/meshReadObj.h"
+#include "qyGeom/meshReadWrite.h"
 #include "testMeshes.h"
 
 using namespace qyGeom;
@@ -374,29 +375,6 @@ TEST(MeshWriteObjChecked, ReportsAWriteOrCloseThatFailsAndWritesTheSameText)
     EXPECT_TRUE(readText(plain) == readText(checked));
     EXPECT_TRUE(errors.empty());
     qyOS::AppOutput::getInstance().setSink(previous);
-}
-
-TEST(MeshRead, HostileCountsAndMissingFiles)
-{
-    CompactMesh m = oneTriangle();
-    meshRead(m, qyOS::Filename("/nonexistent/x.mesh"));
-    EXPECT_EQ(m.getNumTriangles(), 1); // untouched
-
-    // A header that claims 2^31 - 1 vertices builds what the file holds.
-    meshRead(m, qyOS::Filename(qyIoTest::writeFile("huge.mesh", "2147483647 2147483647\n"
-                                                                "1 2 3\n4 5 6\n")));
-    EXPECT_EQ(vertices(m), (std::vector<float>{1, 2, 3, 4, 5, 6}));
-    EXPECT_EQ(m.getNumTriangles(), 0);
-
-    // Out-of-range triangles are left out; the leading count is read and ignored.
-    meshRead(m, qyOS::Filename(qyIoTest::writeFile("bad.mesh", "3 3\n0 0 0\n1 0 0\n0 1 0\n"
-                                                               "3 0 1 2\n3 0 1 3\n4 2 1 0\n"
-                                                               "-1 1 2 0")));
-    EXPECT_EQ(triangles(m), (std::vector<int>{0, 1, 2, 2, 1, 0}));
-    meshRead(m, qyOS::Filename(qyIoTest::writeFile("neg.mesh", "-5 -5\n")));
-    EXPECT_EQ(m.getNumVertices(), 0);
-    meshRead(m, qyOS::Filename(qyIoTest::writeFile("garbage.mesh", std::string("\x01\xff\0", 3))));
-    EXPECT_EQ(m.getNumVertices(), 0);
 }
 
 TEST(TopoMeshIo, ReadWriteAndSharedIndexOffset)

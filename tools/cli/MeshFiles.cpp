@@ -6,6 +6,7 @@
 #include <system_error>
 
 #include "base/AppOutput.h"
+#include "qyGeom/meshReadWrite.h"
 #include "qyGeom/meshWriteObj.h"
 
 namespace qyCli
