@@ -59,7 +59,7 @@ inline __attribute__((always_inline)) int Scanner::next(std::vector<Token>& out)
     {
         // The common integer, and a compound corner, which needs a '/' straight after its
         // first index: then no number is longer, nor a name (which never starts so).
-        int value;
+        int value = 0;
         const char* e = scanIndex(m_p, m_end, value);
         if (e != m_p)
         {
