@@ -56,6 +56,7 @@
 #include "qyGeom/meshReadObj.h"
 #include "qyGeom/meshReadObjMaterial.h"
 #include "qyGeom/meshReadWrite.h"
+#include "qyGeom/meshSmooth.h"
 #include "qyGeom/meshTopology.h"
 #include "qyGeom/meshTriangulatePolygons.h"
 #include "qyGeom/meshWriteObj.h"
