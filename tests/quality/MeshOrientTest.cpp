@@ -105,24 +105,6 @@ CompactMesh threeOnOneEdge()
                             {0, 1, 2, 1, 0, 3, 0, 1, 4});
 }
 
-// A strip of n quads whose ends are glued with a half twist.
-CompactMesh moebiusBand(int n)
-{
-    std::vector<float> xyz;
-    for (int i = 0; i < n; ++i)
-        for (int side = 0; side < 2; ++side)
-            xyz.insert(xyz.end(), {float(i), float(side), 0});
-    std::vector<int> tris;
-    for (int i = 0; i < n; ++i)
-    {
-        int a = 2 * i, b = 2 * i + 1, c = 2 * ((i + 1) % n), d = 2 * ((i + 1) % n) + 1;
-        if (i == n - 1)
-            std::swap(c, d);
-        tris.insert(tris.end(), {a, c, d, a, d, b});
-    }
-    return qyTest::makeMesh(xyz, tris);
-}
-
 TEST(MeshOrient, FlipsAgainstTheLowestTriangleOfEachRegionAndNotifiesOnce)
 {
     CompactMesh empty;
@@ -158,7 +140,7 @@ TEST(MeshOrient, FlipsAgainstTheLowestTriangleOfEachRegionAndNotifiesOnce)
 
 TEST(MeshOrient, AMoebiusBandCannotBeOriented)
 {
-    CompactMesh band = moebiusBand(6);
+    CompactMesh band = qyTest::makeMoebiusBand(6);
     qyGeom::MeshAdjTris adj = adjacency(band);
     qyGeom::MeshOrient orient(band, adj);
     EXPECT_FALSE(orient.isOriented());
@@ -270,7 +252,7 @@ TEST(MeshReverseWinding, RegionFormReversesTheConnectedPieceOnly)
     EXPECT_FALSE(mesh.getSelectedTriangles().isBitSet(3));
 
     // A Moebius band is one piece: all of it is reversed, and it stays unorientable.
-    CompactMesh band = moebiusBand(5);
+    CompactMesh band = qyTest::makeMoebiusBand(5);
     const std::vector<int> before = triangles(band);
     qyGeom::meshReverseWinding(band, adjacency(band), 7);
     const std::vector<int> after = triangles(band);

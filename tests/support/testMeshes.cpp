@@ -224,9 +224,8 @@ CompactMesh makeHemisphere(int rings, int segments)
     return b.build();
 }
 
-CompactMesh makeMoebiusBand()
+CompactMesh makeMoebiusBand(int n)
 {
-    const int n = 6;
     std::vector<float> xyz;
     for (int i = 0; i < n; ++i)
         for (int side = 0; side < 2; ++side)

@@ -57,9 +57,9 @@ CompactMesh makeTorus(int nu, int nv, double R = 1.0, double r = 0.25);
 /// Open upper unit hemisphere (z >= 0): `rings` bands down from the pole, `segments`
 /// around; one boundary loop on z = 0.
 CompactMesh makeHemisphere(int rings, int segments);
-/// A strip of six unit quads (12 vertices, 12 triangles) whose ends are glued with a half
+/// A strip of n unit quads (2n vertices, 2n triangles) whose ends are glued with a half
 /// twist: one boundary loop, no consistent winding.
-CompactMesh makeMoebiusBand();
+CompactMesh makeMoebiusBand(int n = 6);
 /// Every triangle of `mesh` with its own three vertices (3T vertices, T triangles).
 CompactMesh makeTriangleSoup(const CompactMesh& mesh);
 /// A mesh from literal vertex coordinates (3 per vertex) and triangle indices (3 per triangle).

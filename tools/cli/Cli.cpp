@@ -277,11 +277,11 @@ void installInterruptHandler()
 
 void testHook(const char* point)
 {
-    const char* spec = std::getenv("QYGEOM_TEST_SIGNALS");
+    const char* request = std::getenv("QYGEOM_TEST_SIGNALS");
     const std::size_t length = std::strlen(point);
-    if (!spec || std::strncmp(spec, point, length) != 0 || spec[length] != ':')
+    if (!request || std::strncmp(request, point, length) != 0 || request[length] != ':')
         return;
-    std::string names = spec + length + 1;
+    std::string names = request + length + 1;
     std::size_t start = 0;
     while (start <= names.size())
     {
