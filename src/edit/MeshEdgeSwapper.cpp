@@ -40,6 +40,19 @@ Quad quadOf(TopoMeshEdge e)
     return {h.vertex, t.vertex, mesh.getHalfEdge(h.prev).vertex, mesh.getHalfEdge(t.prev).vertex};
 }
 
+// The positions of quadOf(e)'s corners, in the same order.
+struct QuadPoints
+{
+    const Point &A, &B, &C, &D;
+};
+
+QuadPoints pointsOf(TopoMeshEdge e)
+{
+    const TopoMesh& mesh = *e.getMesh();
+    const Quad q = quadOf(e);
+    return {mesh.getPoint(q.a), mesh.getPoint(q.b), mesh.getPoint(q.c), mesh.getPoint(q.d)};
+}
+
 // Normal of the triangle (p, q, r): (r - q) x (p - q), invalid when degenerate.
 Normal triangleNormal(const Point& p, const Point& q, const Point& r)
 {
@@ -161,12 +174,7 @@ bool MeshEdgeSwapper::shouldSwap(TopoMeshEdge e)
 
 void MeshEdgeSwapper::minimizeOppositeAngleSum(TopoMeshEdge e, bool& veto)
 {
-    const TopoMesh& mesh = *e.getMesh();
-    const Quad q = quadOf(e);
-    const Point& A = mesh.getPoint(q.a);
-    const Point& B = mesh.getPoint(q.b);
-    const Point& C = mesh.getPoint(q.c);
-    const Point& D = mesh.getPoint(q.d);
+    const auto [A, B, C, D] = pointsOf(e);
     const double current = angleAt(C, A, B) + angleAt(D, A, B);
     const double swapped = angleAt(B, C, D) + angleAt(A, C, D);
     if (swapped >= current)
@@ -184,12 +192,7 @@ void MeshEdgeSwapper::preserveBoundary(TopoMeshEdge e, bool& veto)
 
 void MeshEdgeSwapper::preserveFeatures(TopoMeshEdge e, bool& veto)
 {
-    const TopoMesh& mesh = *e.getMesh();
-    const Quad q = quadOf(e);
-    const Point& A = mesh.getPoint(q.a);
-    const Point& B = mesh.getPoint(q.b);
-    const Point& C = mesh.getPoint(q.c);
-    const Point& D = mesh.getPoint(q.d);
+    const auto [A, B, C, D] = pointsOf(e);
     double before = 0, after = 0;
     if (!signedDihedral(A, B, C, D, before) || !signedDihedral(D, C, A, B, after) ||
         !(std::abs(before - after) < maxCreaseChange))
@@ -198,12 +201,7 @@ void MeshEdgeSwapper::preserveFeatures(TopoMeshEdge e, bool& veto)
 
 void MeshEdgeSwapper::preventFoldover(TopoMeshEdge e, bool& veto)
 {
-    const TopoMesh& mesh = *e.getMesh();
-    const Quad q = quadOf(e);
-    const Point& A = mesh.getPoint(q.a);
-    const Point& B = mesh.getPoint(q.b);
-    const Point& C = mesh.getPoint(q.c);
-    const Point& D = mesh.getPoint(q.d);
+    const auto [A, B, C, D] = pointsOf(e);
     const Normal n1 = triangleNormal(C, D, B);
     const Normal n2 = triangleNormal(A, D, C);
     if (!n1.isValid() || !n2.isValid() || qyLinear::angle(n1.asVector(), n2.asVector()) > halfPi)
