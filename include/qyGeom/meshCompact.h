@@ -26,14 +26,14 @@ public:
 };
 
 /// Equal when x, y and z are each equal as floats: 0.0 equals -0.0, and a NaN component
-/// never equals anything. meshCompact recognises this exact class (not a subclass) and then
-/// groups equal keys directly instead of sorting and scanning every vertex; the result is
-/// the same.
+/// never equals anything. The test is final, so every object of this type (subclasses too)
+/// compares exactly; the meshCompact forms that know they have it, by their arguments' types,
+/// group equal keys directly instead of sorting and scanning every vertex, for the same result.
 class QYGEOM_API DefaultMeshVertexEqualityChecker : public IMeshVertexEqualityChecker
 {
 public:
     ~DefaultMeshVertexEqualityChecker() override;
-    bool equal(const float* a, const float* b) const override
+    bool equal(const float* a, const float* b) const final
     {
         return a[0] == b[0] && a[1] == b[1] && a[2] == b[2];
     }
@@ -149,9 +149,10 @@ QYGEOM_API void meshCompact(CompactMesh& mesh, qyUtil::Progress& progress, Remap
 /// @param[out] remap  domain = the old vertex count. Sequential when nothing was welded (the
 ///   mesh, its vertex order included, is then untouched and no notification is sent);
 ///   otherwise maps every old vertex to its new index, range = the new count.
-/// @param[in] checker  the position test. The exact DefaultMeshVertexEqualityChecker takes a
-///   faster route to the same result (equal keys are grouped by hashing, and only one vertex
-///   per group is sorted).
+/// @param[in] checker  the position test, asked run by run after a sort. The forms without a
+///   checker and the form below that takes a DefaultMeshVertexEqualityChecker take a faster
+///   route to the same result (equal keys are grouped by hashing, and only one vertex per group
+///   is sorted).
 ///
 /// Debug channel: "meshCompact: %d vertices, %d triangles\n", "  sorted vertices: %f s\n",
 ///   "  initialized remap: %f s\n"; after a weld also "  remapped vertices: %f s\n",
@@ -165,5 +166,10 @@ QYGEOM_API void meshCompact(CompactMesh& mesh, qyUtil::Progress& progress, Remap
 ///   array is rewritten.
 QYGEOM_API void meshCompact(CompactMesh& mesh, qyUtil::Progress& progress, Remap& remap,
                             IMeshVertexEqualityChecker& checker);
+
+/// The working form with the exact test, known from the argument's type: the same result as
+/// the form above, by the faster route.
+QYGEOM_API void meshCompact(CompactMesh& mesh, qyUtil::Progress& progress, Remap& remap,
+                            DefaultMeshVertexEqualityChecker& checker);
 
 } // namespace qyGeom

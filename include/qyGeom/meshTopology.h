@@ -12,6 +12,7 @@ namespace qyGeom
 
 class CompactMesh;
 class MeshBoundaries;
+struct MeshEdgesBuilder;
 
 /// The undirected edges of a triangle mesh, sorted by their two vertices.
 ///
@@ -41,7 +42,7 @@ public:
     int numNonManifold() const { return m_numNonManifold; }
 
 private:
-    friend QYGEOM_API void meshEdges(const CompactMesh& mesh, MeshEdges& out);
+    friend struct MeshEdgesBuilder;
     std::vector<std::uint64_t> m_keys; // vertex0 above vertex1
     std::vector<int> m_start;          // size() + 1 offsets into m_uses
     std::vector<int> m_uses;
@@ -52,6 +53,15 @@ private:
 /// Replaces `out` with the edges of `mesh`.
 /// Cost: O(T log T) time (one sort of the half-edges), about 24 bytes per triangle.
 QYGEOM_API void meshEdges(const CompactMesh& mesh, MeshEdges& out);
+
+/// Replaces `out` with the edges of polygons given as corner lists: face f has the corners
+/// corners[faceStart[f]] to corners[faceStart[f + 1] - 1], and half-edge c runs from corner c to
+/// the next corner of its face (the first after the last). The rules of the triangle form hold
+/// face by face: a face with a corner outside [0, numVertices) gives no half-edge, a half-edge
+/// between two equal vertices is on no edge. `faceStart` has numFaces + 1 entries.
+/// Cost: O(C log C) time for C corners.
+QYGEOM_API void polygonEdges(int numVertices, int numFaces, const int* faceStart,
+                             const int* corners, MeshEdges& out);
 
 /// The topology of a triangle mesh, as a whole and piece by piece.
 ///

@@ -20,7 +20,6 @@
 #include <cstring>
 #include <memory>
 #include <numeric>
-#include <typeinfo>
 #include <vector>
 
 #include "base/Progress.h"
@@ -747,11 +746,11 @@ void renumber(int* indices, std::ptrdiff_t numIndices, const int* map, int n,
 
 template <int W>
 int buildMap(const KeyReader<W>& keys, int n, int* map, std::vector<int>& source,
-             IMeshVertexEqualityChecker& checker, qyUtil::ThreadPool& pool, bool parallel,
+             IMeshVertexEqualityChecker* checker, qyUtil::ThreadPool& pool, bool parallel,
              qyUtil::Progress& progress, qyUtil::Progress& child, qyOS::StopWatch& watch)
 {
-    if (typeid(checker) != typeid(DefaultMeshVertexEqualityChecker))
-        return sortAndScan<W>(keys, n, map, source, checker, pool, parallel, progress, child,
+    if (checker)
+        return sortAndScan<W>(keys, n, map, source, *checker, pool, parallel, progress, child,
                               watch);
     KeyGrouping<W> grouping(keys, n, map, pool, parallel);
     const int count = grouping.group();
@@ -763,22 +762,10 @@ int buildMap(const KeyReader<W>& keys, int n, int* map, std::vector<int>& source
     return count;
 }
 
-} // namespace
-
-void meshCompact(CompactMesh& mesh, qyUtil::Progress& progress)
-{
-    Remap remap;
-    meshCompact(mesh, progress, remap);
-}
-
-void meshCompact(CompactMesh& mesh, qyUtil::Progress& progress, Remap& remap)
-{
-    DefaultMeshVertexEqualityChecker checker;
-    meshCompact(mesh, progress, remap, checker);
-}
-
-void meshCompact(CompactMesh& mesh, qyUtil::Progress& progress, Remap& remap,
-                 IMeshVertexEqualityChecker& checker)
+/// The weld itself. A null checker means exact equality of positions, which takes the
+/// grouping route; any other checker is asked run by run after a sort.
+void weld(CompactMesh& mesh, qyUtil::Progress& progress, Remap& remap,
+          IMeshVertexEqualityChecker* checker)
 {
     const int n = mesh.getNumVertices();
     debugChannel().print("meshCompact: %d vertices, %d triangles\n", n, mesh.getNumTriangles());
@@ -851,6 +838,31 @@ void meshCompact(CompactMesh& mesh, qyUtil::Progress& progress, Remap& remap,
     change.triangleNormalsValid();
     mesh.modified(change);
     debugChannel().print("  remapped triangles: %f s\n", watch.clear());
+}
+
+} // namespace
+
+void meshCompact(CompactMesh& mesh, qyUtil::Progress& progress)
+{
+    Remap remap;
+    meshCompact(mesh, progress, remap);
+}
+
+void meshCompact(CompactMesh& mesh, qyUtil::Progress& progress, Remap& remap)
+{
+    weld(mesh, progress, remap, nullptr);
+}
+
+void meshCompact(CompactMesh& mesh, qyUtil::Progress& progress, Remap& remap,
+                 DefaultMeshVertexEqualityChecker&)
+{
+    weld(mesh, progress, remap, nullptr);
+}
+
+void meshCompact(CompactMesh& mesh, qyUtil::Progress& progress, Remap& remap,
+                 IMeshVertexEqualityChecker& checker)
+{
+    weld(mesh, progress, remap, &checker);
 }
 
 } // namespace qyGeom

@@ -55,32 +55,51 @@ int MeshEdges::find(int a, int b) const
     return it != m_keys.end() && *it == k ? int(it - m_keys.begin()) : -1;
 }
 
-void meshEdges(const CompactMesh& mesh, MeshEdges& out)
+namespace
 {
-    qyOS::StopWatch watch;
-    watch.start();
-    const int numVertices = mesh.getNumVertices(), numTris = mesh.getNumTriangles();
-    const int* tris = mesh.getTrianglesRaw();
-    // Sorting (key, half-edge) pairs gives the edges in key order and each edge's uses in
-    // increasing order at once.
-    std::vector<std::pair<std::uint64_t, int>> items;
-    items.reserve(3 * std::size_t(numTris));
-    for (int t = 0; t < numTris; ++t)
+
+/// Collects (edge key, half-edge) pairs from faces given by their corner ranges: face f has the
+/// corners [start(f), start(f + 1)). A face with a corner outside the vertex array gives none,
+/// and neither does a half-edge whose two ends are the same vertex.
+template <class Start>
+void collectHalfEdges(int numVertices, int numFaces, Start start, const int* corners,
+                      std::vector<std::pair<std::uint64_t, int>>& items)
+{
+    for (int f = 0; f < numFaces; ++f)
     {
-        const int* c = tris + 3 * std::size_t(t);
-        if (!inRange(c, numVertices))
+        const int b = start(f), e = start(f + 1);
+        bool valid = true;
+        for (int c = b; c < e && valid; ++c)
+            valid = unsigned(corners[c]) < unsigned(numVertices);
+        if (!valid)
             continue;
-        for (int k = 0; k < 3; ++k)
+        for (int c = b; c < e; ++c)
         {
-            const int a = c[k], b = c[k == 2 ? 0 : k + 1];
-            if (a != b)
-                items.emplace_back(edgeKey(a, b), 3 * t + k);
+            const int v0 = corners[c], v1 = corners[c + 1 < e ? c + 1 : b];
+            if (v0 != v1)
+                items.emplace_back(edgeKey(v0, v1), c);
         }
     }
-    std::sort(items.begin(), items.end());
+}
 
+} // namespace
+
+/// Builds MeshEdges from (edge key, half-edge) pairs; a friend of the class.
+struct MeshEdgesBuilder
+{
+    static void build(std::vector<std::pair<std::uint64_t, int>>& items, std::size_t numHalfEdges,
+                      MeshEdges& out);
+};
+
+/// Fills `out` from the (key, half-edge) pairs of numHalfEdges half-edges.
+void MeshEdgesBuilder::build(std::vector<std::pair<std::uint64_t, int>>& items,
+                             std::size_t numHalfEdges, MeshEdges& out)
+{
+    // Sorting the pairs gives the edges in key order and each edge's uses in increasing
+    // order at once.
+    std::sort(items.begin(), items.end());
     MeshEdges edges;
-    edges.m_edgeOf.assign(3 * std::size_t(numTris), -1);
+    edges.m_edgeOf.assign(numHalfEdges, -1);
     edges.m_uses.resize(items.size());
     for (std::size_t i = 0; i < items.size(); ++i)
     {
@@ -104,8 +123,31 @@ void meshEdges(const CompactMesh& mesh, MeshEdges& out)
     std::swap(out.m_edgeOf, edges.m_edgeOf);
     out.m_numBoundary = edges.m_numBoundary;
     out.m_numNonManifold = edges.m_numNonManifold;
+}
+
+void meshEdges(const CompactMesh& mesh, MeshEdges& out)
+{
+    qyOS::StopWatch watch;
+    watch.start();
+    const int numVertices = mesh.getNumVertices(), numTris = mesh.getNumTriangles();
+    std::vector<std::pair<std::uint64_t, int>> items;
+    items.reserve(3 * std::size_t(numTris));
+    collectHalfEdges(
+        numVertices, numTris, [](int t) { return 3 * t; }, mesh.getTrianglesRaw(), items);
+    MeshEdgesBuilder::build(items, 3 * std::size_t(numTris), out);
     debugChannel().print("meshEdges: %d vertices, %d triangles, %d edges: %f s\n", numVertices,
                          numTris, out.size(), watch.stop());
+}
+
+void polygonEdges(int numVertices, int numFaces, const int* faceStart, const int* corners,
+                  MeshEdges& out)
+{
+    std::vector<std::pair<std::uint64_t, int>> items;
+    const std::size_t numCorners = numFaces > 0 ? std::size_t(faceStart[numFaces]) : 0;
+    items.reserve(numCorners);
+    collectHalfEdges(
+        numVertices, numFaces, [faceStart](int f) { return faceStart[f]; }, corners, items);
+    MeshEdgesBuilder::build(items, numCorners, out);
 }
 
 long long MeshTopology::genus() const

@@ -1,8 +1,6 @@
 #include "qyGeom/meshReadObj.h"
 
 #include <algorithm>
-#include <unordered_map>
-#include <unordered_set>
 
 #include "base/Progress.h"
 #include "base/StopWatch.h"
@@ -21,6 +19,7 @@
 #include "qyGeom/meshCompact.h"
 #include "qyGeom/meshComponents.h"
 #include "qyGeom/meshDuplicateTris.h"
+#include "qyGeom/meshTopology.h"
 
 namespace qyGeom
 {
@@ -77,27 +76,28 @@ bool buildPlainMesh(const ObjFaces& faces, CompactMesh& mesh)
 }
 
 /// True when every undirected edge is used by two faces at most and every directed edge by
-/// one: a manifold, consistently oriented mesh.
+/// one: a manifold, consistently oriented mesh. A corner repeated in place (an edge from a vertex
+/// to itself) counts as a directed edge too, so two of them at one vertex fail.
 bool edgesManifold(const ObjFaces& faces)
 {
-    std::unordered_map<unsigned long long, int> undirected;
-    std::unordered_set<unsigned long long> directed;
-    auto key = [](int a, int b)
-    { return (static_cast<unsigned long long>(unsigned(a)) << 32) | unsigned(b); };
-    for (int f = 0; f < faces.numFaces(); ++f)
-    {
-        const int b = faces.faceStart[std::size_t(f)], e = faces.faceStart[std::size_t(f) + 1];
-        for (int c = b; c < e; ++c)
-        {
-            const int v0 = faces.cornerPos[std::size_t(c)];
-            const int v1 = faces.cornerPos[std::size_t(c + 1 < e ? c + 1 : b)];
-            if (++undirected[key(std::min(v0, v1), std::max(v0, v1))] > 2)
-                return false;
-            if (!directed.insert(key(v0, v1)).second)
-                return false;
-        }
-    }
-    return true;
+    const int nFaces = faces.numFaces();
+    const int* corner = faces.cornerPos.data();
+    const int* start = faces.faceStart.data();
+    MeshEdges edges;
+    polygonEdges(faces.numPositions(), nFaces, start, corner, edges);
+    if (edges.numNonManifold() > 0)
+        return false;
+    // Two uses of one edge must run in opposite directions.
+    for (int e = 0; e < edges.size(); ++e)
+        if (edges.numUses(e) == 2 && corner[edges.uses(e)[0]] == corner[edges.uses(e)[1]])
+            return false;
+    std::vector<int> loops;
+    for (int f = 0; f < nFaces; ++f)
+        for (int c = start[f], e = start[f + 1]; c < e; ++c)
+            if (corner[c] == corner[c + 1 < e ? c + 1 : start[f]])
+                loops.push_back(corner[c]);
+    std::sort(loops.begin(), loops.end());
+    return std::adjacent_find(loops.begin(), loops.end()) == loops.end();
 }
 
 /// Removes duplicate and degenerate triangles, with the adjacency taken from a cache.

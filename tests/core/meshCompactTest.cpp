@@ -383,6 +383,14 @@ TEST(MeshCompact, BothRoutesAndAnyThreadCountGiveTheSameWeld)
             CompactMesh reference = before;
             const Remap expected = weld(reference);
             expectWeld(before, reference, expected);
+            {
+                // The exact test named by its type takes the grouping route, same weld.
+                CompactMesh mesh = before;
+                qyGeom::DefaultMeshVertexEqualityChecker exact;
+                Remap remap;
+                qyGeom::meshCompact(mesh, qyTest::quietProgress(), remap, exact);
+                EXPECT_EQ(entries(remap), entries(expected));
+            }
             for (int threads : {1, 2, 4})
                 for (qyGeom::IMeshVertexEqualityChecker* checker : checkers)
                 {

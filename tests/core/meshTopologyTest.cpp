@@ -134,6 +134,44 @@ TEST(MeshEdges, UsesInOrderAndTheHalfEdgesOfEachTriangle)
                   std::make_pair(edges.vertex0(e), edges.vertex1(e)));
 }
 
+TEST(MeshEdges, PolygonsNumberTheirHalfEdgesByCorner)
+{
+    // A quad 0-1-2-3 and a triangle 1-4-2 share edge 1-2; the pentagon lists vertex 9, which is
+    // outside the 5 vertices, so it gives nothing; the last face repeats vertex 4 in place.
+    const std::vector<int> start{0, 4, 7, 12, 15};
+    const std::vector<int> corners{0, 1, 2, 3, 1, 4, 2, 0, 1, 9, 2, 3, 4, 4, 3};
+    qyGeom::MeshEdges edges;
+    qyGeom::polygonEdges(5, 4, start.data(), corners.data(), edges);
+    ASSERT_EQ(edges.size(), 7); // 0-1, 0-3, 1-2, 1-4, 2-3, 2-4, 3-4
+    const int e12 = edges.find(2, 1);
+    EXPECT_EQ(std::vector<int>(edges.uses(e12), edges.uses(e12) + edges.numUses(e12)),
+              (std::vector<int>{1, 6}));
+    const int e34 = edges.find(3, 4);
+    EXPECT_EQ(std::vector<int>(edges.uses(e34), edges.uses(e34) + edges.numUses(e34)),
+              (std::vector<int>{13, 14}));
+    for (int c = 7; c < 12; ++c)
+        EXPECT_EQ(edges.edgeOf(c), -1);
+    EXPECT_EQ(edges.edgeOf(12), -1); // 4 -> 4
+    EXPECT_EQ(edges.numBoundary(), 5);
+    EXPECT_EQ(edges.numNonManifold(), 0);
+
+    // The triangle form is the polygon form with three corners a face.
+    const CompactMesh mesh =
+        qyTest::makeMesh({0, 0, 0, 1, 0, 0, 1, 1, 0, 0, 1, 0}, {0, 1, 2, 0, 2, 3, 2, 1, 1});
+    qyGeom::MeshEdges tri, poly;
+    qyGeom::meshEdges(mesh, tri);
+    const std::vector<int> triStart{0, 3, 6, 9};
+    qyGeom::polygonEdges(4, 3, triStart.data(), mesh.getTrianglesRaw(), poly);
+    ASSERT_EQ(tri.size(), poly.size());
+    for (int e = 0; e < tri.size(); ++e)
+    {
+        EXPECT_EQ(tri.vertex0(e), poly.vertex0(e));
+        EXPECT_EQ(tri.vertex1(e), poly.vertex1(e));
+        EXPECT_EQ(std::vector<int>(tri.uses(e), tri.uses(e) + tri.numUses(e)),
+                  std::vector<int>(poly.uses(e), poly.uses(e) + poly.numUses(e)));
+    }
+}
+
 TEST(MeshTopology, TheCacheKeepsItUntilTheMeshChanges)
 {
     CompactMesh mesh = qyTest::makeCube();

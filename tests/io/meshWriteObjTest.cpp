@@ -400,6 +400,10 @@ TEST(TopoMeshIo, ReadWriteAndSharedIndexOffset)
         EXPECT_TRUE(meshReadObj(mesh, qyOS::Filename(path)));
         EXPECT_FALSE(meshReadObj(mesh, qyOS::Filename(path), false));
     }
+    // A corner repeated in place is an edge from the vertex to itself: twice is refused.
+    EXPECT_FALSE(meshReadObj(
+        mesh, qyOS::Filename(qyIoTest::writeFile("loops.obj", v4 + "f 1 1 2 3\nf 1 1 3 4\n")),
+        false));
     EXPECT_FALSE(meshReadObj(mesh, qyOS::Filename("/nonexistent.obj")));
 
     // Two meshes of 4 vertices share one file: the second is numbered 5 to 8.
