@@ -8,6 +8,7 @@
 #include <benchmark/benchmark.h>
 
 #include "base/ThreadPool.h"
+#include "benchMain.h"
 #include "model/BoundingBox.h"
 #include "model/CompactMesh.h"
 #include "qyGeom/meshBoundingBox.h"
@@ -113,15 +114,5 @@ BENCHMARK(BM_MeshBoundingBox)->Arg(1)->Arg(2)->UseRealTime()->Unit(benchmark::kM
 
 int main(int argc, char** argv)
 {
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv))
-        return 1;
-    benchmark::AddCustomContext("mesh", "icosphere level " + std::to_string(sphereLevels));
-    benchmark::AddCustomContext("pool_default_threads",
-                                std::to_string(qyUtil::ThreadPool::defaultNumThreads()));
-    const int savedThreads = qyUtil::ThreadPool::get().getNumThreads();
-    benchmark::RunSpecifiedBenchmarks();
-    qyUtil::ThreadPool::get().setNumThreads(savedThreads);
-    benchmark::Shutdown();
-    return 0;
+    return qyBench::runBenchmarks(argc, argv, "icosphere level " + std::to_string(sphereLevels));
 }

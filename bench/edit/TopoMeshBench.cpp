@@ -5,6 +5,7 @@
 
 #include <benchmark/benchmark.h>
 
+#include "benchMain.h"
 #include "model/CompactMesh.h"
 #include "model/MeshAdjacency.h"
 #include "qyGeom/meshAdjacency.h"
@@ -155,11 +156,5 @@ BENCHMARK(BM_MeshDuplicateTris)->UseRealTime()->Unit(benchmark::kMillisecond);
 
 int main(int argc, char** argv)
 {
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv))
-        return 1;
-    benchmark::AddCustomContext("mesh", "UV sphere 500 x 1000 (998,000 triangles)");
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    return 0;
+    return qyBench::runBenchmarks(argc, argv, "UV sphere 500 x 1000 (998,000 triangles)");
 }

@@ -14,6 +14,7 @@
 #include <benchmark/benchmark.h>
 
 #include "base/ThreadPool.h"
+#include "benchMain.h"
 #include "model/BoundingBox.h"
 #include "model/CompactMesh.h"
 #include "model/Octree.h"
@@ -146,16 +147,7 @@ BENCHMARK(BM_LeafSize)
 
 int main(int argc, char** argv)
 {
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv))
-        return 1;
-    benchmark::AddCustomContext("mesh", "UV sphere " + std::to_string(sphereRings) + " x " +
-                                            std::to_string(sphereSegments));
-    benchmark::AddCustomContext("pool_default_threads",
-                                std::to_string(qyUtil::ThreadPool::defaultNumThreads()));
-    const int savedThreads = qyUtil::ThreadPool::get().getNumThreads();
-    benchmark::RunSpecifiedBenchmarks();
-    qyUtil::ThreadPool::get().setNumThreads(savedThreads);
-    benchmark::Shutdown();
-    return 0;
+    return qyBench::runBenchmarks(argc, argv,
+                                  "UV sphere " + std::to_string(sphereRings) + " x " +
+                                      std::to_string(sphereSegments));
 }
