@@ -1,0 +1,97 @@
+#include "qyGeom/fit.h"
+
+#include <cmath>
+#include <random>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+using namespace qyGeom;
+using qyLinear::Point;
+using qyLinear::Vector;
+
+TEST(Fit, EigenSolverOnRotatedDiagonalsAtAnyScale)
+{
+    // R diag(d) R^T with distinct, repeated and zero eigenvalues, over 300 orders of magnitude.
+    const double R[3][3] = {{0.36, 0.48, -0.8}, {-0.8, 0.6, 0.0}, {0.48, 0.64, 0.6}};
+    const double diagonals[][3] = {{1, 2, 3}, {1, 1, 5}, {0, 4, 4}, {2, 2, 2}, {-1, 0, 1e-9}};
+    for (const double scale : {1.0, 1e-150, 1e150})
+        for (const auto& d : diagonals)
+        {
+            double A[3][3];
+            for (int i = 0; i < 3; ++i)
+                for (int j = 0; j < 3; ++j)
+                {
+                    A[i][j] = 0;
+                    for (int k = 0; k < 3; ++k)
+                        A[i][j] += R[i][k] * d[k] * R[j][k] * scale;
+                }
+            double values[3];
+            Vector vectors[3];
+            eigenSymmetric3(A, values, vectors);
+            for (int i = 0; i < 3; ++i)
+            {
+                EXPECT_NEAR(values[i], d[i] * scale, 1e-12 * 5 * scale);
+                EXPECT_NEAR(dot(vectors[i], vectors[i]), 1.0, 1e-14);
+                for (int j = i + 1; j < 3; ++j)
+                    EXPECT_NEAR(dot(vectors[i], vectors[j]), 0.0, 1e-14);
+                for (int r = 0; r < 3; ++r)
+                {
+                    const double Av =
+                        A[r][0] * vectors[i].x + A[r][1] * vectors[i].y + A[r][2] * vectors[i].z;
+                    EXPECT_NEAR(Av, values[i] * vectors[i][r], 1e-12 * 5 * scale);
+                }
+            }
+        }
+}
+
+TEST(Fit, PlaneThroughCentroidWithTheLeastSquaresNormal)
+{
+    // Points spread over a tilted plane, pushed alternately above and below it: the normal is
+    // the plane's, the origin the centroid.
+    const Vector n = Vector(1, -2, 2) * (1.0 / 3.0);
+    const Vector u = Vector(2, 1, 0) * (1.0 / std::sqrt(5.0));
+    const Vector w = cross(n, u);
+    const Point o(10, -4, 7);
+    std::mt19937 random(3);
+    std::uniform_real_distribution<double> spread(-5, 5);
+    std::vector<Point> points;
+    Vector sum(0, 0, 0);
+    for (int i = 0; i < 40; ++i)
+    {
+        const Point p = o + u * spread(random) + w * spread(random) + n * (i % 2 ? 1e-3 : -1e-3);
+        points.push_back(p);
+        sum = sum + (p - Point(0, 0, 0));
+    }
+    qyLinear::Plane plane;
+    EXPECT_TRUE(fit(int(points.size()), points.data(), plane));
+    EXPECT_NEAR(std::fabs(dot(plane.normal().asVector(), n)), 1.0, 1e-6);
+    const Point centroid = Point(0, 0, 0) + sum * (1.0 / 40);
+    EXPECT_NEAR(qyLinear::distance(plane.origin(), centroid), 0.0, 1e-12);
+    // Least squares: no worse than the plane the points were made from, nor than a slightly
+    // turned copy of the fit.
+    const qyLinear::Plane made(o, qyLinear::Normal(n));
+    const qyLinear::Plane turned(plane.origin(),
+                                 qyLinear::Normal(plane.normal().asVector() + u * 1e-4));
+    double fitted = 0, original = 0, other = 0;
+    for (const Point& p : points)
+    {
+        fitted += plane.eval(p) * plane.eval(p);
+        original += made.eval(p) * made.eval(p);
+        other += turned.eval(p) * turned.eval(p);
+    }
+    EXPECT_LE(fitted, original * (1 + 1e-9));
+    EXPECT_LT(fitted, other);
+
+    // Points on a line, or a single point: no unique plane, but one through all of them.
+    const Point line[] = {{0, 0, 0}, {1, 1, 1}, {2, 2, 2}, {-3, -3, -3}};
+    EXPECT_FALSE(fit(4, line, plane));
+    for (const Point& p : line)
+        EXPECT_NEAR(plane.eval(p), 0.0, 1e-12);
+    EXPECT_FALSE(fit(1, line + 1, plane));
+    EXPECT_NEAR(plane.eval(line[1]), 0.0, 1e-15);
+    EXPECT_TRUE(plane.normal().isValid());
+    const qyLinear::Plane before = plane;
+    EXPECT_FALSE(fit(0, line, plane));
+    EXPECT_EQ(plane.origin(), before.origin());
+}
