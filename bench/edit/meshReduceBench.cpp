@@ -27,6 +27,8 @@
 #include "base/ThreadPool.h"
 #include "model/BoundingBox.h"
 #include "model/CompactMesh.h"
+#include "model/Octree.h"
+#include "model/OctreeTris.h"
 #include "qyGeom/MeshCache.h"
 #include "qyGeom/MeshClosestPoint.h"
 #include "qyGeom/meshBoundingBox.h"

@@ -348,7 +348,8 @@ bool MeshReduceBase::removeOne(TopoMesh& topo, TopoMeshVertex v, int index)
             m_swapsA.push_back(spoke);
         }
     }
-    if (v.valence() != 3)
+    // Each accepted swap took exactly one spoke away, so the count is v's valence.
+    if (valence != 3)
     {
         undoSwaps(topo, m_swapsA);
         return false;
@@ -367,8 +368,11 @@ bool MeshReduceBase::removeOne(TopoMesh& topo, TopoMeshVertex v, int index)
     const TopoMeshVertex u0 = fill.edge().vertex();
     const TopoMeshVertex u1 = fill.edge().endVertex();
 
-    // 3. Improve the new edges.
+    // 3. Improve the new edges. A pass that swaps nothing leaves the hole as it was, so every
+    //    later pass would swap nothing too: stopping there gives the same hole as all passes.
     for (int pass = 0; pass < improvementPasses; ++pass)
+    {
+        const std::size_t before = m_swapsB.size();
         for (const TopoMeshEdge e : m_swapsA)
         {
             bool veto = false;
@@ -376,6 +380,9 @@ bool MeshReduceBase::removeOne(TopoMesh& topo, TopoMeshVertex v, int index)
             if (!veto && topo.swapEdge(e))
                 m_swapsB.push_back(e);
         }
+        if (m_swapsB.size() == before)
+            break;
+    }
 
     // 4. The triangles that replace the fan: the fill and the two sides of every new edge.
     m_faces.clear();
