@@ -33,8 +33,8 @@ struct MeshRayHit
 ///
 /// Build: binned surface-area heuristic, on the calling thread; prints
 /// "RayTracer: %d triangles\n" and "  built hierarchy: %f s\n" (with the node count).
-/// Cost: about 50 bytes per triangle (a corner, two edges and the index of each, and the
-/// nodes); O(T log T) to build, with about 60 bytes per triangle of temporaries.
+/// Cost: about 60 bytes per triangle (a corner, two edges and the index of each, in blocks of
+/// four, and the nodes); O(T log T) to build, with about 60 bytes per triangle of temporaries.
 /// Threads: the queries only read the object and may run on any number of threads at once;
 /// they read the back-face cull distance (setBackfaceCullDistance), which must not change
 /// while they run.
@@ -43,7 +43,7 @@ class QYGEOM_API RayTracer
 public:
     explicit RayTracer(const CompactMesh& mesh);
 
-    int getNumTriangles() const { return int(m_triangleIds.size()); }
+    int getNumTriangles() const { return m_numTriangles; }
     int getNumNodes() const { return int(m_nodes.size()); }
 
     /// The nearest hit of the ray, with t below ray.farDistance(); false (and hit.triangle
@@ -59,18 +59,25 @@ private:
 
     // Two cache lines: the boxes of up to four children, coordinate by coordinate (min x,
     // min y, min z, max x, max y, max z, the order that Ray's slab indices address) so that
-    // the four are tested at once, and per child the first triangle and the count of a leaf
-    // (count > 0), the node of an inner child (count 0), or nothing (count -1, with a box that
-    // no ray meets).
+    // the four are tested at once, and per child the first block and the number of blocks of
+    // a leaf (count > 0), the node of an inner child (count 0), or nothing (count -1, with a
+    // box that no ray meets).
     struct alignas(64) Node
     {
         float bounds[6][4];
         int child[4];
         int count[4];
     };
+    // Four triangles of a leaf, tested at once: per lane a corner and the two edges from it,
+    // coordinate by coordinate, and the mesh's triangle number (-1 in an empty lane).
+    struct alignas(32) Block
+    {
+        float rows[9][4];
+        int id[4];
+    };
     std::vector<Node> m_nodes;
-    std::vector<float> m_corners;   // per triangle in leaf order: a corner and two edges
-    std::vector<int> m_triangleIds; // the mesh's triangle index, in leaf order
+    std::vector<Block> m_blocks; // in the order in which the leaves are met depth first
+    int m_numTriangles = 0;
 };
 
 /// The nearest triangle of `mesh` hit by the ray origin + t direction, t above

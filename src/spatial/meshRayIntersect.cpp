@@ -29,12 +29,12 @@ namespace
 {
 
 constexpr int numBins = 16;
-constexpr int maxLeafSize = 16; // a leaf may hold more only when its centroids coincide
-constexpr int minLeafSize = 2;  // ranges this small are never split
-// The cost of descending one level, in triangle tests. Incoherent rays wait mostly for the
-// memory of the nodes they visit, while a leaf's triangles lie together: fewer, larger leaves
-// (measured best at 3 on the peer bunny and the million-triangle sphere).
-constexpr double nodeCost = 3;
+constexpr int blockSize = 4;           // triangles tested at once
+constexpr int maxLeafSize = 16;        // a leaf may hold more only when its centroids coincide
+constexpr int minLeafSize = blockSize; // ranges that fill one block are never split
+// The cost of descending one level, in tests of a block of four triangles. A leaf costs its
+// number of blocks, however full the last one is.
+constexpr double nodeCost = 1;
 constexpr int maxDepth = 64;    // traversal stack; the build stops splitting before it
 constexpr int pollStride = 200; // rays between cancellation polls of the batch
 
@@ -72,6 +72,11 @@ void growBox(float* box, const float* other)
         box[k] = std::min(box[k], other[k]);
         box[k + 3] = std::max(box[k + 3], other[k + 3]);
     }
+}
+
+int numBlocks(int count)
+{
+    return (count + blockSize - 1) / blockSize;
 }
 
 struct Bin
@@ -286,9 +291,10 @@ RayTracer::RayTracer(const CompactMesh& mesh)
                 n += bins[b - 1].count;
                 if (n == 0 || rightCounts[b] == 0)
                     continue;
-                const double cost = nodeCost + (double(area(acc)) * n +
-                                                double(area(rightBoxes[b])) * rightCounts[b]) /
-                                                   nodeArea;
+                const double cost =
+                    nodeCost + (double(area(acc)) * numBlocks(n) +
+                                double(area(rightBoxes[b])) * numBlocks(rightCounts[b])) /
+                                   nodeArea;
                 if (cost < bestCost)
                 {
                     bestCost = cost;
@@ -297,7 +303,7 @@ RayTracer::RayTracer(const CompactMesh& mesh)
                 }
             }
         }
-        if (bestAxis < 0 || (bestCost >= double(count) && count <= maxLeafSize))
+        if (bestAxis < 0 || (bestCost >= double(numBlocks(count)) && count <= maxLeafSize))
             continue;
 
         const float lo = centroidBox[bestAxis];
@@ -320,27 +326,42 @@ RayTracer::RayTracer(const CompactMesh& mesh)
         tasks.push_back({left, task.begin, split, task.depth + 1});
     }
 
-    // Per triangle, in leaf order so that a leaf reads one contiguous run: the first corner
-    // and the two edges from it, subtracted in single precision as the triangle test does it.
-    m_corners.resize(9 * std::size_t(numPrims));
-    m_triangleIds.assign(order.begin(), order.end());
-    for (int i = 0; i < numPrims; ++i)
+    // A leaf's triangles go into blocks of four as the leaves are met, depth first, each
+    // with its first corner and the two edges from it, subtracted in single precision as the
+    // triangle test does it.
+    m_numTriangles = numPrims;
+    const auto emitLeaf = [&](const BuildNode& leaf) -> int
     {
-        const int* c = tris + 3 * std::ptrdiff_t(order[std::size_t(i)]);
-        const float* p0 = verts + 3 * std::ptrdiff_t(c[0]);
-        const float* p1 = verts + 3 * std::ptrdiff_t(c[1]);
-        const float* p2 = verts + 3 * std::ptrdiff_t(c[2]);
-        float* out = m_corners.data() + 9 * std::size_t(i);
-        for (int k = 0; k < 3; ++k)
+        const int firstBlock = int(m_blocks.size());
+        for (int i = 0; i < leaf.count; i += blockSize)
         {
-            out[k] = p0[k];
-            out[3 + k] = p1[k] - p0[k];
-            out[6 + k] = p2[k] - p0[k];
+            Block block{};
+            for (int lane = 0; lane < blockSize; ++lane)
+            {
+                block.id[lane] = -1;
+                if (i + lane >= leaf.count)
+                    continue;
+                const int tri = order[std::size_t(leaf.first + i + lane)];
+                const int* c = tris + 3 * std::ptrdiff_t(tri);
+                const float* p0 = verts + 3 * std::ptrdiff_t(c[0]);
+                const float* p1 = verts + 3 * std::ptrdiff_t(c[1]);
+                const float* p2 = verts + 3 * std::ptrdiff_t(c[2]);
+                for (int k = 0; k < 3; ++k)
+                {
+                    block.rows[k][lane] = p0[k];
+                    block.rows[3 + k][lane] = p1[k] - p0[k];
+                    block.rows[6 + k][lane] = p2[k] - p0[k];
+                }
+                block.id[lane] = tri;
+            }
+            m_blocks.push_back(block);
         }
-    }
+        return firstBlock;
+    };
     if (numPrims > 0)
     {
         m_nodes.reserve(tree.size() / 3 + 1);
+        m_blocks.reserve(std::size_t(numPrims / 2 + 1));
         const auto emit = [&](const auto& self, int treeNode) -> int
         {
             int kids[4] = {treeNode, -1, -1, -1};
@@ -383,10 +404,14 @@ RayTracer::RayTracer(const CompactMesh& mesh)
                 const BuildNode& kid = tree[std::size_t(kids[i])];
                 for (int j = 0; j < 6; ++j)
                     node.bounds[j][i] = kid.box[j];
-                node.count[i] = kid.count;
-                node.child[i] = kid.first;
-                if (kid.count == 0)
+                if (kid.count > 0)
                 {
+                    node.count[i] = numBlocks(kid.count);
+                    node.child[i] = emitLeaf(kid);
+                }
+                else
+                {
+                    node.count[i] = 0;
                     const int inner = self(self, kids[i]);
                     m_nodes[std::size_t(index)].child[i] = inner;
                 }
@@ -410,8 +435,7 @@ template <bool anyHit> bool RayTracer::traverse(const Ray& ray, MeshRayHit* hit)
     const Slabs slab(ray);
     const double cull = detail::backfaceCullDistance();
     const Node* nodes = m_nodes.data();
-    const float* corners = m_corners.data();
-    const int* ids = m_triangleIds.data();
+    const Block* blocks = m_blocks.data();
 
     double best = ray.farDistance();
     int bestTri = -1;
@@ -430,25 +454,30 @@ template <bool anyHit> bool RayTracer::traverse(const Ray& ray, MeshRayHit* hit)
     {
         if (count > 0)
         {
-            for (int i = child, end = child + count; i < end; ++i)
+            for (const Block *block = blocks + child, *end = block + count; block != end; ++block)
             {
-                const float* p = corners + 9 * std::ptrdiff_t(i);
-                const double e1[3] = {p[3], p[4], p[5]}, e2[3] = {p[6], p[7], p[8]};
-                double det, t, u, v;
-                if (!detail::rayTriangleEdges(dir, orig, p, e1, e2, true, det, t, u, v) ||
-                    (det < 0 && !(t >= cull)) || !(t > qyLinear::epsilonTol) || !(t <= best) ||
-                    !(t < ray.farDistance()))
-                    continue;
-                if (anyHit)
-                    return true;
-                // Equal t: the lowest triangle number wins, as in a loop over all of them.
-                if (t < best || bestTri < 0 || ids[i] < bestTri)
+                alignas(16) double det[4], t[4], u[4], v[4];
+                int mask = detail::rayTriangleBlock(dir, orig, block->rows, det, t, u, v);
+                for (; mask != 0; mask &= mask - 1)
                 {
-                    best = t;
-                    bestTri = ids[i];
-                    bestU = u;
-                    bestV = v;
-                    limit = limitOf(best);
+                    const int lane = std::countr_zero(unsigned(mask));
+                    const double tl = t[lane];
+                    if ((det[lane] < 0 && !(tl >= cull)) || !(tl > qyLinear::epsilonTol) ||
+                        !(tl <= best) || !(tl < ray.farDistance()))
+                        continue;
+                    if (anyHit)
+                        return true;
+                    // Equal t: the lowest triangle number wins, as in a loop over all of them.
+                    const int id = block->id[lane];
+                    if (tl < best || bestTri < 0 || id < bestTri)
+                    {
+                        const double inv = 1.0 / det[lane];
+                        best = tl;
+                        bestTri = id;
+                        bestU = u[lane] * inv;
+                        bestV = v[lane] * inv;
+                        limit = limitOf(best);
+                    }
                 }
             }
         }
@@ -465,9 +494,18 @@ template <bool anyHit> bool RayTracer::traverse(const Ray& ray, MeshRayHit* hit)
                 // Start fetching what the child holds: on incoherent rays the traversal waits
                 // mostly for memory.
                 if (node.count[lane] > 0)
-                    __builtin_prefetch(corners + 9 * std::ptrdiff_t(node.child[lane]));
+                {
+                    const char* first = reinterpret_cast<const char*>(blocks + node.child[lane]);
+                    __builtin_prefetch(first);
+                    __builtin_prefetch(first + 64);
+                    __builtin_prefetch(first + 128);
+                }
                 else
-                    __builtin_prefetch(nodes + node.child[lane]);
+                {
+                    const char* first = reinterpret_cast<const char*>(nodes + node.child[lane]);
+                    __builtin_prefetch(first);
+                    __builtin_prefetch(first + 64);
+                }
                 int j = numHit++;
                 for (; j > 0 && entries[order[j - 1]] > entries[lane]; --j)
                     order[j] = order[j - 1];
