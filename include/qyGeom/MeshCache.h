@@ -19,6 +19,7 @@ class MeshTopology;
 class Octree;
 class OctreeLines;
 class OctreeTris;
+class RayTracer;
 
 /// Hands out the derived structures of a CompactMesh, computing each on its first request.
 /// The public getters are the same for every cache: on a miss they fetch the inputs through
@@ -50,6 +51,9 @@ public:
     qy::Reference<MeshEdges> getEdges(const CompactMesh& mesh);
     /// Topology summary (meshTopology over getEdges and getBoundaries).
     qy::Reference<MeshTopology> getTopology(const CompactMesh& mesh);
+    /// Bounding-volume hierarchy for ray casting over the triangles (RayTracer). Its queries
+    /// may run on any number of threads at once, the cache itself on one.
+    qy::Reference<RayTracer> getRayTracer(const CompactMesh& mesh);
 
 protected:
     MeshCache() = default;
@@ -76,6 +80,9 @@ protected:
     virtual qy::Reference<MeshTopology> getTopologyImpl(const CompactMesh& mesh);
     virtual void setEdgesImpl(const CompactMesh& mesh, qy::Reference<MeshEdges> s);
     virtual void setTopologyImpl(const CompactMesh& mesh, qy::Reference<MeshTopology> s);
+    /// The ray-casting hierarchy, after the edges and topology, with the same default.
+    virtual qy::Reference<RayTracer> getRayTracerImpl(const CompactMesh& mesh);
+    virtual void setRayTracerImpl(const CompactMesh& mesh, qy::Reference<RayTracer> s);
 };
 
 /// A cache that keeps every structure of a mesh until the mesh is modified or destroyed.
@@ -111,6 +118,8 @@ protected:
     qy::Reference<MeshTopology> getTopologyImpl(const CompactMesh& mesh) override;
     void setEdgesImpl(const CompactMesh& mesh, qy::Reference<MeshEdges> s) override;
     void setTopologyImpl(const CompactMesh& mesh, qy::Reference<MeshTopology> s) override;
+    qy::Reference<RayTracer> getRayTracerImpl(const CompactMesh& mesh) override;
+    void setRayTracerImpl(const CompactMesh& mesh, qy::Reference<RayTracer> s) override;
 
 private:
     struct Impl;

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "base/Linear.h"
+#include "base/Reference.h"
 #include "qyGeom/qyGeomExport.h"
 
 namespace qyGeom
@@ -35,10 +36,11 @@ struct MeshRayHit
 /// "RayTracer: %d triangles\n" and "  built hierarchy: %f s\n" (with the node count).
 /// Cost: about 60 bytes per triangle (a corner, two edges and the index of each, in blocks of
 /// four, and the nodes); O(T log T) to build, with about 60 bytes per triangle of temporaries.
+/// Counted (qy::Reference), so that MeshCache::getRayTracer can share one per mesh.
 /// Threads: the queries only read the object and may run on any number of threads at once;
 /// they read the back-face cull distance (setBackfaceCullDistance), which must not change
 /// while they run.
-class QYGEOM_API RayTracer
+class QYGEOM_API RayTracer : public qy::ReferenceCount
 {
 public:
     explicit RayTracer(const CompactMesh& mesh);

@@ -13,6 +13,7 @@
 #include "qyGeom/meshBoundary.h"
 #include "qyGeom/meshBoundingBox.h"
 #include "qyGeom/meshOctree.h"
+#include "qyGeom/meshRayIntersect.h"
 #include "qyGeom/meshTopology.h"
 
 namespace qyGeom
@@ -115,6 +116,15 @@ qy::Reference<MeshTopology> MeshCache::getTopology(const CompactMesh& mesh)
     return built;
 }
 
+qy::Reference<RayTracer> MeshCache::getRayTracer(const CompactMesh& mesh)
+{
+    if (qy::Reference<RayTracer> cached = getRayTracerImpl(mesh))
+        return cached;
+    qy::Reference<RayTracer> built = qy::makeReference<RayTracer>(mesh);
+    setRayTracerImpl(mesh, built);
+    return built;
+}
+
 qy::Reference<MeshEdges> MeshCache::getEdgesImpl(const CompactMesh&)
 {
     return {};
@@ -129,6 +139,13 @@ void MeshCache::setEdgesImpl(const CompactMesh&, qy::Reference<MeshEdges>) {}
 
 void MeshCache::setTopologyImpl(const CompactMesh&, qy::Reference<MeshTopology>) {}
 
+qy::Reference<RayTracer> MeshCache::getRayTracerImpl(const CompactMesh&)
+{
+    return {};
+}
+
+void MeshCache::setRayTracerImpl(const CompactMesh&, qy::Reference<RayTracer>) {}
+
 // ---------------------------------------------------------------------------------------------
 
 namespace
@@ -140,7 +157,7 @@ struct Entry
 {
     std::tuple<qy::Reference<MeshAdjTris>, qy::Reference<MeshAdjVertices>, qy::Reference<Octree>,
                qy::Reference<OctreeTris>, qy::Reference<OctreeLines>, qy::Reference<MeshBoundaries>,
-               qy::Reference<MeshEdges>, qy::Reference<MeshTopology>>
+               qy::Reference<MeshEdges>, qy::Reference<MeshTopology>, qy::Reference<RayTracer>>
         handles;
     qyRTB::ScopedConnection destroyed;
     qyRTB::ScopedConnection modified;
@@ -268,6 +285,16 @@ void SimpleMeshCache::setEdgesImpl(const CompactMesh& mesh, qy::Reference<MeshEd
 }
 
 void SimpleMeshCache::setTopologyImpl(const CompactMesh& mesh, qy::Reference<MeshTopology> s)
+{
+    m_impl->set(mesh, std::move(s));
+}
+
+qy::Reference<RayTracer> SimpleMeshCache::getRayTracerImpl(const CompactMesh& mesh)
+{
+    return m_impl->get<RayTracer>(mesh);
+}
+
+void SimpleMeshCache::setRayTracerImpl(const CompactMesh& mesh, qy::Reference<RayTracer> s)
 {
     m_impl->set(mesh, std::move(s));
 }

@@ -13,9 +13,11 @@
 #include "model/Octree.h"
 #include "model/OctreeTris.h"
 #include "model/Remap.h"
+#include "qyGeom/intersectRayTriangle.h"
 #include "qyGeom/meshAdjacency.h"
 #include "qyGeom/meshCompact.h"
 #include "qyGeom/meshComponents.h"
+#include "qyGeom/meshRayIntersect.h"
 #include "testMeshes.h"
 
 using qyGeom::CompactMesh;
@@ -88,6 +90,39 @@ TEST(MeshCache, BuildsOnceAndSharesUntilModified)
     EXPECT_EQ(cache.getAdjTris(mesh)->numTris(6), 2);
 }
 
+TEST(MeshCache, ServesOneRayTracerPerMeshUntilItsPositionsMove)
+{
+    CompactMesh mesh = qyTest::makeCube(); // [-1, 1]^3
+    SimpleMeshCache cache;
+    qyTest::DebugCapture capture;
+    const qyGeom::Ray down(qyLinear::PointFlt(0.25f, 0.25f, 5.0f), qyLinear::Vector(0, 0, -1));
+    qyGeom::MeshRayHit hit;
+
+    auto tracer = cache.getRayTracer(mesh);
+    ASSERT_TRUE(tracer);
+    EXPECT_EQ(cache.getRayTracer(mesh), tracer);
+    EXPECT_EQ(countOf(capture.text(), "RayTracer:"), 1);
+    ASSERT_TRUE(tracer->intersect(down, hit));
+    EXPECT_EQ(hit.t, 4);
+
+    // The tracer keeps its own corners: after the cube moves up by one, the cache builds a
+    // new one that sees it there, while the handle held here still answers for the old cube.
+    float* xyz = mesh.getVerticesRaw();
+    for (int i = 0; i < mesh.getNumVertices(); ++i)
+        xyz[3 * i + 2] += 1.0f;
+    MeshModification record(&mesh, MeshModification::PositionsChanged);
+    mesh.modified(record);
+    auto moved = cache.getRayTracer(mesh);
+    ASSERT_TRUE(moved);
+    EXPECT_NE(moved, tracer);
+    EXPECT_EQ(countOf(capture.text(), "RayTracer:"), 2);
+    ASSERT_TRUE(moved->intersect(down, hit));
+    EXPECT_EQ(hit.t, 3);
+    EXPECT_EQ(tracer->getRefCount(), 1);
+    ASSERT_TRUE(tracer->intersect(down, hit));
+    EXPECT_EQ(hit.t, 4);
+}
+
 TEST(MeshCache, MeshesAreKeptApartAndDestructionDropsTheirEntries)
 {
     auto first = std::make_unique<CompactMesh>(qyTest::makeCube());
@@ -158,6 +193,7 @@ TEST(MeshCache, BuildsEveryKindFromHostileMeshes)
         EXPECT_GE(cache.getBoundaries(mesh)->size(), 0);
         EXPECT_TRUE(cache.getOctreeTris(mesh));
         EXPECT_TRUE(cache.getOctreeLines(mesh));
+        EXPECT_LE(cache.getRayTracer(mesh)->getNumTriangles(), numTris);
         qyGeom::MeshTriAdjTris triAdjTris;
         qyGeom::meshTriAdjTris(mesh, triAdjTris);
         EXPECT_GE(qyGeom::meshComponents(mesh, *cache.getAdjTris(mesh), nullptr), 0);
