@@ -2,24 +2,26 @@
 // a time on the calling thread, and the batch on pools of 1 and 2 threads. Inputs: the
 // 998,000-triangle UV sphere (1000 segments x 500 rings, the peer harness's sphere.obj) and,
 // when present, $QYGEOM_PEER_DATA/bunny00.obj; sphere.obj is read from there too when present,
-// otherwise the same sphere is made in code. Rays as the peers cast them: from a sphere of
-// radius the bounding box's diagonal around its centre, aimed at uniform points of the box.
+// otherwise the same sphere is made in code. The rays are the peer harness's million, drawn
+// by its generator: from a sphere of radius the bounding box's diagonal around its centre,
+// aimed at uniform points of the box.
 // Items are rays (triangles for the build).
 #include "qyGeom/meshRayIntersect.h"
 
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
 #include <cstdlib>
 #include <fstream>
-#include <random>
+#include <numbers>
 #include <string>
 #include <vector>
 
 #include <benchmark/benchmark.h>
 
 #include "base/ThreadPool.h"
-#include "model/BoundingBox.h"
 #include "model/CompactMesh.h"
 #include "qyGeom/intersectRayTriangle.h"
-#include "qyGeom/meshBoundingBox.h"
 #include "qyGeom/meshReadObj.h"
 #include "testMeshes.h"
 
@@ -28,7 +30,7 @@ namespace
 
 using qyGeom::CompactMesh;
 
-constexpr int numRays = 1 << 18;
+constexpr int numRays = 1000000; // as many as the peers cast
 
 std::string dataPath(const char* name)
 {
@@ -77,34 +79,59 @@ struct Rays
     std::vector<double> directions;
 };
 
+// The peers' generator (xorshift64, 53-bit doubles), so that both cast the same rays.
+struct XorShift
+{
+    std::uint64_t s = 88172645463325252ull;
+    double operator()()
+    {
+        s ^= s << 13;
+        s ^= s >> 7;
+        s ^= s << 17;
+        return double(s >> 11) / double(1ull << 53);
+    }
+};
+
+// The peer harness's ray set, draw for draw: an origin on the sphere of radius the bounding
+// box's diagonal (box of the vertices in float, diagonal from float extents) around the box's
+// centre, uniform by height and angle, aimed at a uniform point of the box; the direction
+// normalised in double and rounded to float, as that harness hands it on.
 const Rays& rays(int which)
 {
     static Rays cache[2];
     Rays& r = cache[which];
     if (!r.origins.empty())
         return r;
-    qyGeom::BoundingBox box;
-    qyGeom::meshBoundingBox(*mesh(which), box);
-    const qyLinear::Point lo = box.minPt(), hi = box.maxPt();
-    const double radius = (hi - lo).length();
-    std::mt19937 random(99);
-    std::uniform_real_distribution<double> unit(0, 1), normal(-1, 1);
-    for (int i = 0; i < numRays; ++i)
+    const CompactMesh& m = *mesh(which);
+    const float* p = m.getVerticesRaw();
+    float lo[3] = {1e30f, 1e30f, 1e30f}, hi[3] = {-1e30f, -1e30f, -1e30f};
+    for (std::size_t i = 0; i < 3 * std::size_t(m.getNumVertices()); ++i)
     {
-        qyLinear::Vector d;
-        do
-            d = qyLinear::Vector(normal(random), normal(random), normal(random));
-        while (d.length() > 1 || d.length() < 1e-3);
-        d = d * (radius / d.length());
-        double o[3], target[3];
-        for (int k = 0; k < 3; ++k)
+        lo[i % 3] = std::min(lo[i % 3], p[i]);
+        hi[i % 3] = std::max(hi[i % 3], p[i]);
+    }
+    double diag2 = 0;
+    for (int k = 0; k < 3; ++k)
+        diag2 += double(hi[k] - lo[k]) * (hi[k] - lo[k]);
+    const double radius = std::sqrt(diag2);
+    XorShift random;
+    r.origins.resize(3 * std::size_t(numRays));
+    r.directions.resize(3 * std::size_t(numRays));
+    for (std::size_t i = 0; i < std::size_t(numRays); ++i)
+    {
+        const double z = 2 * random() - 1, a = 2 * std::numbers::pi * random();
+        const double s = std::sqrt(1 - z * z);
+        const double unit[3] = {s * std::cos(a), s * std::sin(a), z};
+        double d[3], len = 0;
+        for (std::size_t k = 0; k < 3; ++k)
         {
-            o[k] = 0.5 * (lo[k] + hi[k]) + d[k];
-            target[k] = lo[k] + (hi[k] - lo[k]) * unit(random);
-            r.origins.push_back(float(o[k]));
+            const double c = 0.5 * (lo[k] + hi[k]);
+            r.origins[3 * i + k] = float(c + radius * unit[k]);
+            d[k] = lo[k] + (hi[k] - lo[k]) * random() - r.origins[3 * i + k];
+            len += d[k] * d[k];
         }
-        for (int k = 0; k < 3; ++k)
-            r.directions.push_back(target[k] - double(r.origins[r.origins.size() - 3 + k]));
+        for (std::size_t k = 0; k < 3; ++k)
+            r.directions[3 * i + k] = double(float(d[k] / std::sqrt(len)));
     }
     return r;
 }
