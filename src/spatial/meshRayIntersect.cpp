@@ -495,10 +495,11 @@ template <bool anyHit> bool RayTracer::traverse(const Ray& ray, MeshRayHit* hit)
                 // mostly for memory.
                 if (node.count[lane] > 0)
                 {
+                    // The leaf's blocks, up to two of them: five cache lines.
                     const char* first = reinterpret_cast<const char*>(blocks + node.child[lane]);
-                    __builtin_prefetch(first);
-                    __builtin_prefetch(first + 64);
-                    __builtin_prefetch(first + 128);
+                    const int bytes = int(sizeof(Block)) * std::min(node.count[lane], 2);
+                    for (int offset = 0; offset < bytes; offset += 64)
+                        __builtin_prefetch(first + offset);
                 }
                 else
                 {
