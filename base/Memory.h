@@ -67,7 +67,7 @@ inline void adviseHugePages(const void* data, std::size_t bytes)
 }
 
 /// The same for the capacity of a vector.
-template <class T> void adviseHugePages(const std::vector<T>& v)
+template <class T, class Alloc> void adviseHugePages(const std::vector<T, Alloc>& v)
 {
     adviseHugePages(v.data(), v.capacity() * sizeof(T));
 }

@@ -411,6 +411,28 @@ void TopoMesh::meshTwin()
     m_fanStartsKnown = true;
 }
 
+TopoMesh::BulkArrays TopoMesh::allocBulk(int numVertices, int numEdges, int numFaces)
+{
+    clear();
+    const std::size_t nv = std::size_t(std::max(numVertices, 0));
+    const std::size_t ne = std::size_t(std::max(numEdges, 0));
+    const std::size_t nf = std::size_t(std::max(numFaces, 0));
+    reserve(int(nv), int(ne), int(nf));
+    m_edges.resize(ne);
+    m_points.resize(nv);
+    m_vertexEdge.resize(nv);
+    m_vertexTag.assign(nv, -1);
+    m_vertexDegree.resize(nv);
+    m_faceEdge.resize(nf);
+    m_faceTag.assign(nf, -1);
+    m_numVertices = int(nv);
+    m_numEdges = int(ne);
+    m_numFaces = int(nf);
+    m_fanStartsKnown = true;
+    return {m_edges.data(), m_points.data(), m_vertexEdge.data(), m_vertexDegree.data(),
+            m_faceEdge.data()};
+}
+
 // Iteration --------------------------------------------------------------------------------
 
 TopoMeshVertex TopoMesh::firstVertex()

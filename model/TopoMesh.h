@@ -10,6 +10,7 @@
 
 #include "base/Containers.h"
 #include "base/Linear.h"
+#include "base/Memory.h"
 #include "base/Reference.h"
 #include "base/Signal.h"
 #include "qyGeom/qyGeomExport.h"
@@ -397,6 +398,26 @@ public:
     const HalfEdge* getHalfEdges() const { return m_edges.data(); }
     const qyLinear::Point* getPoints() const { return m_points.data(); }
 
+    /// The arrays of a mesh laid out whole by its builder (see allocBulk).
+    struct BulkArrays
+    {
+        HalfEdge* edges;
+        qyLinear::Point* points;
+        int* vertexEdge;
+        int* vertexDegree;
+        int* faceEdge;
+    };
+    /// For builders that know the whole connectivity, twins included (subdivision): replaces
+    /// the contents by numVertices vertices, numEdges half-edges and numFaces faces, all live
+    /// with tag -1, and returns the arrays for the caller to fill. Half-edges, leaving
+    /// half-edges, degrees and face half-edges are left unset (points are at the origin), and
+    /// the caller must set every one: each half-edge whole, with its twin (-1 on a boundary)
+    /// set on both sides; each face's first half-edge; each vertex's degree and leaving
+    /// half-edge as meshTwin leaves them, that is, its lowest-numbered twinless leaving
+    /// half-edge when it has one, else its lowest-numbered leaving half-edge (-1 for an
+    /// isolated vertex). Nothing is checked.
+    BulkArrays allocBulk(int numVertices, int numEdges, int numFaces);
+
     // Element access used by the handles ------------------------------------------------
     const qyLinear::Point& getPoint(int v) const { return m_points[std::size_t(v)]; }
     void setPoint(int v, const qyLinear::Point& p) { m_points[std::size_t(v)] = p; }
@@ -436,7 +457,7 @@ private:
     void freeFace(int f);
     TopoMeshFace buildFace(int n, const int* vertices);
 
-    std::vector<HalfEdge> m_edges;
+    qy::RawVector<HalfEdge> m_edges; ///< resized unset: every slot is written next
     std::vector<qyLinear::Point> m_points;
     std::vector<int> m_vertexEdge; ///< a leaving half-edge; -1 isolated; -2 free slot
     std::vector<int> m_vertexTag;

@@ -9,6 +9,7 @@
 // are refined; the others are copied with the midpoints of their border edges as new corners.
 #include "qyGeom/computeSubdivMesh.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <functional>
 #include <memory>
@@ -16,6 +17,7 @@
 #include <utility>
 #include <vector>
 
+#include "base/Memory.h"
 #include "base/StopWatch.h"
 #include "model/debugChannel.h"
 
@@ -311,6 +313,205 @@ void buildLevel(const TopoMesh& mesh, const std::vector<char>* refine, const Lev
     out.meshTwin();
 }
 
+// Scratch of a level over the whole mesh, indexed by the old mesh's slots. It lives across
+// the levels, so each buffer is allocated once per size it reaches.
+struct WholeScratch
+{
+    qy::RawVector<int> quad;        ///< by half-edge slot: the new quad at its start corner
+    qy::RawVector<int> edgePoint;   ///< by half-edge slot: the new vertex of its edge point
+    qy::RawVector<int> facePoint;   ///< by face slot
+    qy::RawVector<int> vertexPoint; ///< by vertex slot
+    std::vector<VertexSums> sums;   ///< by vertex slot
+};
+
+// One level over the whole mesh into `out`, written straight into its arrays. The same
+// points as computeLevelPoints with no face flags, and the same mesh as buildLevel followed
+// by meshTwin: the new elements are numbered in the same order, and the twins follow from
+// the old ones. The quad at the corner where old half-edge h starts (vertex v, face f) has
+// the half-edges, from 4q on:
+//   +0  face point -> edge point of prev(h)   twin: +3 of the quad of prev(h)
+//   +1  edge point of prev(h) -> vertex point   twin: +2 of the quad of twin(prev(h))
+//   +2  vertex point -> edge point of h   twin: +1 of the quad of next(twin(h))
+//   +3  edge point of h -> face point   twin: +0 of the quad of next(h)
+// so that an old boundary half-edge leaves boundary half-edges at +1 and +2, and nothing else.
+void wholeLevel(const TopoMesh& mesh, WholeScratch& s, TopoMesh& out, Origins* origins)
+{
+    const HalfEdge* E = mesh.getHalfEdges();
+    const Point* P = mesh.getPoints();
+    const int numFaceSlots = mesh.getFaceCapacity(), numEdgeSlots = mesh.getEdgeCapacity();
+    const int numVertexSlots = mesh.getVertexCapacity();
+    s.quad.resize(sz(numEdgeSlots));
+    s.edgePoint.resize(sz(numEdgeSlots));
+    s.facePoint.resize(sz(numFaceSlots));
+    s.vertexPoint.resize(sz(numVertexSlots));
+    s.sums.assign(sz(numVertexSlots), VertexSums());
+    int* quadOf = s.quad.data();
+    int* edgePoint = s.edgePoint.data();
+    int* facePoint = s.facePoint.data();
+    int* vertexPoint = s.vertexPoint.data();
+    VertexSums* sums = s.sums.data();
+
+    // New vertices: face points, then edge points, then vertex points, each in slot order.
+    const int numFacePoints = mesh.getNumFaces();
+    int next = numFacePoints;
+    for (int e = 0; e < numEdgeSlots; ++e)
+    {
+        const HalfEdge& h = E[e];
+        if (h.vertex < 0 || (h.twin >= 0 && h.twin < e))
+            continue;
+        edgePoint[e] = next;
+        if (h.twin >= 0)
+            edgePoint[h.twin] = next;
+        ++next;
+    }
+    const int numNewVertices = next + mesh.getNumVertices();
+    const int numQuads = mesh.getNumEdges();
+    const TopoMesh::BulkArrays A = out.allocBulk(numNewVertices, 4 * numQuads, numQuads);
+    if (origins)
+    {
+        origins->face.assign(sz(numQuads), -1);
+        origins->edge.assign(sz(4 * numQuads), -1);
+        origins->vertex.assign(sz(numNewVertices), -1);
+    }
+
+    // Face points; each face's quads get consecutive numbers from its first half-edge on.
+    int fp = 0, q = 0;
+    for (int f = 0; f < numFaceSlots; ++f)
+    {
+        const int first = mesh.getFaceEdge(f);
+        if (first < 0)
+            continue;
+        Vector sum;
+        int n = 0, h = first;
+        do
+        {
+            sum += asVector(P[E[h].vertex]);
+            quadOf[h] = q++;
+            ++n;
+            h = E[h].next;
+        } while (h != first);
+        const Vector centre = sum / double(n);
+        facePoint[f] = fp;
+        A.points[fp] = asPoint(centre);
+        A.vertexEdge[fp] = 4 * quadOf[first];
+        A.vertexDegree[fp] = n;
+        ++fp;
+        h = first;
+        do
+        {
+            VertexSums& sv = sums[E[h].vertex];
+            sv.facePoints += centre;
+            ++sv.numFaces;
+            h = E[h].next;
+        } while (h != first);
+    }
+
+    // Edge points, and the midpoint and rim sums of the vertex rule.
+    for (int e = 0; e < numEdgeSlots; ++e)
+    {
+        const HalfEdge& h = E[e];
+        if (h.vertex < 0 || (h.twin >= 0 && h.twin < e))
+            continue;
+        const int a = h.vertex, b = E[h.next].vertex;
+        const Vector VA = asVector(P[a]), VB = asVector(P[b]);
+        const Vector mid = (VA + VB) * 0.5;
+        VertexSums& sa = sums[a];
+        VertexSums& sb = sums[b];
+        sa.midpoints += mid;
+        sb.midpoints += mid;
+        ++sa.numEdges;
+        ++sb.numEdges;
+        const int ep = edgePoint[e];
+        const int afterE = 4 * quadOf[h.next] + 1; // leaves the edge point towards b
+        if (h.twin < 0)
+        {
+            sa.rim += VB;
+            sb.rim += VA;
+            ++sa.numRim;
+            ++sb.numRim;
+            A.points[ep] = asPoint(mid);
+            A.vertexEdge[ep] = afterE;
+            A.vertexDegree[ep] = 2;
+            continue;
+        }
+        const HalfEdge& t = E[h.twin];
+        A.points[ep] = asPoint((VA + VB + asVector(A.points[facePoint[h.face]]) +
+                                asVector(A.points[facePoint[t.face]])) *
+                               0.25);
+        const int lowest = std::min(std::min(4 * quadOf[e] + 3, afterE),
+                                    std::min(4 * quadOf[h.twin] + 3, 4 * quadOf[t.next] + 1));
+        A.vertexEdge[ep] = lowest;
+        A.vertexDegree[ep] = 4;
+    }
+
+    // Vertex points. Their leaving half-edges are set while the quads are written.
+    int vp = next;
+    for (int v = 0; v < numVertexSlots; ++v)
+    {
+        if (mesh.getVertexEdge(v) < -1)
+            continue; // a free slot
+        const VertexSums& sv = sums[v];
+        const Vector S = asVector(P[v]);
+        Vector point = S;
+        if (sv.numFaces > 0)
+        {
+            if (sv.numRim == 2)
+                point = S * 0.75 + sv.rim * 0.125;
+            else if (sv.numRim == 0)
+            {
+                const double n = sv.numFaces;
+                const Vector Q = sv.facePoints / n, R = sv.midpoints / double(sv.numEdges);
+                point = (Q + 2.0 * R + (n - 3.0) * S) / n;
+            }
+        }
+        vertexPoint[v] = vp;
+        A.points[vp] = asPoint(point);
+        A.vertexEdge[vp] = -1;
+        A.vertexDegree[vp] = mesh.getVertexDegree(v);
+        if (origins)
+            origins->vertex[sz(vp)] = v;
+        ++vp;
+    }
+
+    // The quads, in the order of their numbers.
+    HalfEdge* out4 = A.edges;
+    for (int f = 0; f < numFaceSlots; ++f)
+    {
+        const int first = mesh.getFaceEdge(f);
+        if (first < 0)
+            continue;
+        const int centre = facePoint[f];
+        int h = first;
+        do
+        {
+            const HalfEdge& he = E[h];
+            const HalfEdge& before = E[he.prev];
+            const int quad = quadOf[h], base = 4 * quad;
+            const int corner = vertexPoint[he.vertex];
+            const int twin1 = before.twin < 0 ? -1 : 4 * quadOf[before.twin] + 2;
+            const int twin2 = he.twin < 0 ? -1 : 4 * quadOf[E[he.twin].next] + 1;
+            HalfEdge* o = out4 + base;
+            o[0] = HalfEdge{centre, quad, base + 1, base + 3, 4 * quadOf[he.prev] + 3};
+            o[1] = HalfEdge{edgePoint[he.prev], quad, base + 2, base, twin1};
+            o[2] = HalfEdge{corner, quad, base + 3, base + 1, twin2};
+            o[3] = HalfEdge{edgePoint[h], quad, base, base + 2, 4 * quadOf[he.next]};
+            A.faceEdge[quad] = base;
+            // The corner leaves by its lowest-numbered half-edge, or by its lowest-numbered
+            // boundary one when it has any; quads come in increasing order.
+            int& leaving = A.vertexEdge[corner];
+            if (leaving < 0 || (twin2 < 0 && out4[leaving].twin >= 0))
+                leaving = base + 2;
+            if (origins)
+            {
+                origins->face[sz(quad)] = f;
+                origins->edge[sz(base + 1)] = he.prev;
+                origins->edge[sz(base + 2)] = h;
+            }
+            h = he.next;
+        } while (h != first);
+    }
+}
+
 // Follows one level's origins back to the first input: composed[i] = before[origins[i]].
 void compose(std::vector<int>& before, const std::vector<int>& origins)
 {
@@ -332,15 +533,20 @@ std::unique_ptr<TopoMesh> runLevels(const TopoMesh& start, std::unique_ptr<TopoM
     watch.start();
     const TopoMesh* current = &start;
     LevelPoints pts;
+    WholeScratch scratch;
     for (int level = 1; level <= levels; ++level)
     {
         const std::vector<char>* flags = refine.empty() ? nullptr : &refine;
-        computeLevelPoints(*current, flags, pts);
         auto next = std::make_unique<TopoMesh>();
         Origins origins;
         std::vector<char> nextRefine;
-        buildLevel(*current, flags, pts, *next, flags ? &nextRefine : nullptr,
-                   track ? &origins : nullptr);
+        if (flags)
+        {
+            computeLevelPoints(*current, flags, pts);
+            buildLevel(*current, flags, pts, *next, &nextRefine, track ? &origins : nullptr);
+        }
+        else
+            wholeLevel(*current, scratch, *next, track ? &origins : nullptr);
         if (track)
         {
             compose(track->face, origins.face);

@@ -263,6 +263,80 @@ TEST(computeSubdivMesh, OriginMapsComposeOverTwoLevels)
     }
 }
 
+TEST(computeSubdivMesh, TheResultIsLinkedAsAFaceByFaceBuildWouldBe)
+{
+    // Input with a boundary, an inner hole (a missing cell), an isolated vertex, and free
+    // slots left by a vertex deletion; the result is rebuilt from its own faces with
+    // allocFace and meshTwin, and must match in every link and every vertex's leaving edge.
+    TopoMesh input;
+    buildBumpyMixedMesh(input, 5);
+    input.allocVertex(9, 9, 9);
+    ASSERT_TRUE(input.deleteVertex(input.vertex(2 * 6 + 2)));
+    TopoMesh holed;
+    std::vector<int> copied(std::size_t(input.getVertexCapacity()), -1);
+    for (TopoMeshVertex v = input.firstVertex(); v; v = v.nextInList())
+        copied[std::size_t(v.getIndex())] = holed.allocVertex(v.point()).getIndex();
+    std::vector<int> corners;
+    int skipped = 0;
+    for (TopoMeshFace f = input.firstFace(); f; f = f.nextInList())
+    {
+        if (f.getIndex() == 3 * 5 + 3 && !skipped++)
+            continue; // an interior cell away from the deleted vertex
+        corners.clear();
+        TopoMeshEdge e = f.edge();
+        do
+        {
+            corners.push_back(copied[std::size_t(e.vertex().getIndex())]);
+            e = e.next();
+        } while (e != f.edge());
+        holed.allocFace(int(corners.size()), corners.data());
+    }
+    holed.meshTwin();
+    ASSERT_EQ(skipped, 1);
+
+    for (TopoMesh* mesh : {&input, &holed})
+    {
+        std::unique_ptr<TopoMesh> fine(computeSubdivMesh(*mesh, 2));
+        ASSERT_TRUE(fine);
+        TopoMesh again;
+        for (int v = 0; v < fine->getVertexCapacity(); ++v)
+            again.allocVertex(fine->getPoint(v));
+        for (int f = 0; f < fine->getFaceCapacity(); ++f)
+        {
+            corners.clear();
+            TopoMeshEdge e = fine->face(f).edge();
+            do
+            {
+                corners.push_back(e.vertex().getIndex());
+                e = e.next();
+            } while (e != fine->face(f).edge());
+            ASSERT_EQ(again.allocFace(int(corners.size()), corners.data()).getIndex(), f);
+        }
+        again.meshTwin();
+        ASSERT_EQ(again.getEdgeCapacity(), fine->getEdgeCapacity());
+        int boundary = 0;
+        for (int e = 0; e < again.getEdgeCapacity(); ++e)
+        {
+            const TopoMesh::HalfEdge& a = again.getHalfEdge(e);
+            const TopoMesh::HalfEdge& b = fine->getHalfEdge(e);
+            ASSERT_TRUE(a.vertex == b.vertex && a.face == b.face && a.next == b.next &&
+                        a.prev == b.prev && a.twin == b.twin)
+                << e;
+            boundary += b.twin < 0;
+        }
+        EXPECT_GT(boundary, 0);
+        for (int v = 0; v < again.getVertexCapacity(); ++v)
+        {
+            ASSERT_EQ(again.getVertexEdge(v), fine->getVertexEdge(v)) << v;
+            ASSERT_EQ(again.getVertexDegree(v), fine->getVertexDegree(v)) << v;
+            EXPECT_EQ(fine->getVertexTag(v), -1);
+        }
+        for (int f = 0; f < again.getFaceCapacity(); ++f)
+            ASSERT_EQ(again.getFaceEdge(f), fine->getFaceEdge(f)) << f;
+        EXPECT_EQ(fine->getVertexEdge(fine->getVertexCapacity() - 1), -1); // isolated
+    }
+}
+
 TEST(computeSubdivMesh, InPlaceGivesTheNewMeshPositions)
 {
     for (const int kind : {0, 1})
