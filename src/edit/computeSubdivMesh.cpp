@@ -334,22 +334,37 @@ struct WholeScratch
 //   +2  vertex point -> edge point of h   twin: +1 of the quad of next(twin(h))
 //   +3  edge point of h -> face point   twin: +0 of the quad of next(h)
 // so that an old boundary half-edge leaves boundary half-edges at +1 and +2, and nothing else.
+//
+// QuadLayout: the input is the output of an earlier level (no free slots; face f is a quad
+// on half-edges 4f to 4f + 3; every vertex leaves by the half-edge that allocBulk asks
+// for). Then the quad of h is h, the links follow from the numbers, and vertex point v
+// leaves by the +2 half-edge of v's own leaving half-edge, since that numbering keeps the
+// order; the general form looks each of these up.
+template <bool QuadLayout>
 void wholeLevel(const TopoMesh& mesh, WholeScratch& s, TopoMesh& out, Origins* origins)
 {
     const HalfEdge* E = mesh.getHalfEdges();
     const Point* P = mesh.getPoints();
     const int numFaceSlots = mesh.getFaceCapacity(), numEdgeSlots = mesh.getEdgeCapacity();
     const int numVertexSlots = mesh.getVertexCapacity();
-    s.quad.resize(sz(numEdgeSlots));
+    if (!QuadLayout)
+    {
+        s.quad.resize(sz(numEdgeSlots));
+        s.facePoint.resize(sz(numFaceSlots));
+        s.vertexPoint.resize(sz(numVertexSlots));
+    }
     s.edgePoint.resize(sz(numEdgeSlots));
-    s.facePoint.resize(sz(numFaceSlots));
-    s.vertexPoint.resize(sz(numVertexSlots));
     s.sums.assign(sz(numVertexSlots), VertexSums());
     int* quadOf = s.quad.data();
     int* edgePoint = s.edgePoint.data();
     int* facePoint = s.facePoint.data();
     int* vertexPoint = s.vertexPoint.data();
     VertexSums* sums = s.sums.data();
+    const auto quadAt = [quadOf](int h) { return QuadLayout ? h : quadOf[h]; };
+    const auto nextOf = [E](int h)
+    { return QuadLayout ? ((h & 3) == 3 ? h - 3 : h + 1) : E[h].next; };
+    const auto prevOf = [E](int h)
+    { return QuadLayout ? ((h & 3) == 0 ? h + 3 : h - 1) : E[h].prev; };
 
     // New vertices: face points, then edge points, then vertex points, each in slot order.
     const int numFacePoints = mesh.getNumFaces();
@@ -364,6 +379,7 @@ void wholeLevel(const TopoMesh& mesh, WholeScratch& s, TopoMesh& out, Origins* o
             edgePoint[h.twin] = next;
         ++next;
     }
+    const int firstVertexPoint = next;
     const int numNewVertices = next + mesh.getNumVertices();
     const int numQuads = mesh.getNumEdges();
     const TopoMesh::BulkArrays A = out.allocBulk(numNewVertices, 4 * numQuads, numQuads);
@@ -373,6 +389,9 @@ void wholeLevel(const TopoMesh& mesh, WholeScratch& s, TopoMesh& out, Origins* o
         origins->edge.assign(sz(4 * numQuads), -1);
         origins->vertex.assign(sz(numNewVertices), -1);
     }
+    const auto facePointOf = [facePoint](int f) { return QuadLayout ? f : facePoint[f]; };
+    const auto vertexPointOf = [vertexPoint, firstVertexPoint](int v)
+    { return QuadLayout ? firstVertexPoint + v : vertexPoint[v]; };
 
     // Face points; each face's quads get consecutive numbers from its first half-edge on.
     int fp = 0, q = 0;
@@ -386,14 +405,16 @@ void wholeLevel(const TopoMesh& mesh, WholeScratch& s, TopoMesh& out, Origins* o
         do
         {
             sum += asVector(P[E[h].vertex]);
-            quadOf[h] = q++;
+            if (!QuadLayout)
+                quadOf[h] = q++;
             ++n;
-            h = E[h].next;
+            h = nextOf(h);
         } while (h != first);
         const Vector centre = sum / double(n);
-        facePoint[f] = fp;
+        if (!QuadLayout)
+            facePoint[f] = fp;
         A.points[fp] = asPoint(centre);
-        A.vertexEdge[fp] = 4 * quadOf[first];
+        A.vertexEdge[fp] = 4 * quadAt(first);
         A.vertexDegree[fp] = n;
         ++fp;
         h = first;
@@ -402,7 +423,7 @@ void wholeLevel(const TopoMesh& mesh, WholeScratch& s, TopoMesh& out, Origins* o
             VertexSums& sv = sums[E[h].vertex];
             sv.facePoints += centre;
             ++sv.numFaces;
-            h = E[h].next;
+            h = nextOf(h);
         } while (h != first);
     }
 
@@ -412,7 +433,7 @@ void wholeLevel(const TopoMesh& mesh, WholeScratch& s, TopoMesh& out, Origins* o
         const HalfEdge& h = E[e];
         if (h.vertex < 0 || (h.twin >= 0 && h.twin < e))
             continue;
-        const int a = h.vertex, b = E[h.next].vertex;
+        const int a = h.vertex, b = E[nextOf(e)].vertex;
         const Vector VA = asVector(P[a]), VB = asVector(P[b]);
         const Vector mid = (VA + VB) * 0.5;
         VertexSums& sa = sums[a];
@@ -422,7 +443,7 @@ void wholeLevel(const TopoMesh& mesh, WholeScratch& s, TopoMesh& out, Origins* o
         ++sa.numEdges;
         ++sb.numEdges;
         const int ep = edgePoint[e];
-        const int afterE = 4 * quadOf[h.next] + 1; // leaves the edge point towards b
+        const int afterE = 4 * quadAt(nextOf(e)) + 1; // leaves the edge point towards b
         if (h.twin < 0)
         {
             sa.rim += VB;
@@ -434,21 +455,24 @@ void wholeLevel(const TopoMesh& mesh, WholeScratch& s, TopoMesh& out, Origins* o
             A.vertexDegree[ep] = 2;
             continue;
         }
-        const HalfEdge& t = E[h.twin];
-        A.points[ep] = asPoint((VA + VB + asVector(A.points[facePoint[h.face]]) +
-                                asVector(A.points[facePoint[t.face]])) *
+        const int t = h.twin;
+        const int faceE = QuadLayout ? e >> 2 : h.face, faceT = QuadLayout ? t >> 2 : E[t].face;
+        A.points[ep] = asPoint((VA + VB + asVector(A.points[facePointOf(faceE)]) +
+                                asVector(A.points[facePointOf(faceT)])) *
                                0.25);
-        const int lowest = std::min(std::min(4 * quadOf[e] + 3, afterE),
-                                    std::min(4 * quadOf[h.twin] + 3, 4 * quadOf[t.next] + 1));
+        const int lowest = std::min(std::min(4 * quadAt(e) + 3, afterE),
+                                    std::min(4 * quadAt(t) + 3, 4 * quadAt(nextOf(t)) + 1));
         A.vertexEdge[ep] = lowest;
         A.vertexDegree[ep] = 4;
     }
 
-    // Vertex points. Their leaving half-edges are set while the quads are written.
-    int vp = next;
+    // Vertex points. In the general form their leaving half-edges are found while the
+    // quads are written.
+    int vp = firstVertexPoint;
     for (int v = 0; v < numVertexSlots; ++v)
     {
-        if (mesh.getVertexEdge(v) < -1)
+        const int leaving = mesh.getVertexEdge(v);
+        if (leaving < -1)
             continue; // a free slot
         const VertexSums& sv = sums[v];
         const Vector S = asVector(P[v]);
@@ -464,9 +488,10 @@ void wholeLevel(const TopoMesh& mesh, WholeScratch& s, TopoMesh& out, Origins* o
                 point = (Q + 2.0 * R + (n - 3.0) * S) / n;
             }
         }
-        vertexPoint[v] = vp;
+        if (!QuadLayout)
+            vertexPoint[v] = vp;
         A.points[vp] = asPoint(point);
-        A.vertexEdge[vp] = -1;
+        A.vertexEdge[vp] = QuadLayout && leaving >= 0 ? 4 * leaving + 2 : -1;
         A.vertexDegree[vp] = mesh.getVertexDegree(v);
         if (origins)
             origins->vertex[sz(vp)] = v;
@@ -480,34 +505,38 @@ void wholeLevel(const TopoMesh& mesh, WholeScratch& s, TopoMesh& out, Origins* o
         const int first = mesh.getFaceEdge(f);
         if (first < 0)
             continue;
-        const int centre = facePoint[f];
+        const int centre = facePointOf(f);
         int h = first;
         do
         {
             const HalfEdge& he = E[h];
-            const HalfEdge& before = E[he.prev];
-            const int quad = quadOf[h], base = 4 * quad;
-            const int corner = vertexPoint[he.vertex];
-            const int twin1 = before.twin < 0 ? -1 : 4 * quadOf[before.twin] + 2;
-            const int twin2 = he.twin < 0 ? -1 : 4 * quadOf[E[he.twin].next] + 1;
+            const int prev = prevOf(h), after = nextOf(h);
+            const int twinBefore = E[prev].twin;
+            const int quad = quadAt(h), base = 4 * quad;
+            const int corner = vertexPointOf(he.vertex);
+            const int twin1 = twinBefore < 0 ? -1 : 4 * quadAt(twinBefore) + 2;
+            const int twin2 = he.twin < 0 ? -1 : 4 * quadAt(nextOf(he.twin)) + 1;
             HalfEdge* o = out4 + base;
-            o[0] = HalfEdge{centre, quad, base + 1, base + 3, 4 * quadOf[he.prev] + 3};
-            o[1] = HalfEdge{edgePoint[he.prev], quad, base + 2, base, twin1};
+            o[0] = HalfEdge{centre, quad, base + 1, base + 3, 4 * quadAt(prev) + 3};
+            o[1] = HalfEdge{edgePoint[prev], quad, base + 2, base, twin1};
             o[2] = HalfEdge{corner, quad, base + 3, base + 1, twin2};
-            o[3] = HalfEdge{edgePoint[h], quad, base, base + 2, 4 * quadOf[he.next]};
+            o[3] = HalfEdge{edgePoint[h], quad, base, base + 2, 4 * quadAt(after)};
             A.faceEdge[quad] = base;
-            // The corner leaves by its lowest-numbered half-edge, or by its lowest-numbered
-            // boundary one when it has any; quads come in increasing order.
-            int& leaving = A.vertexEdge[corner];
-            if (leaving < 0 || (twin2 < 0 && out4[leaving].twin >= 0))
-                leaving = base + 2;
+            if (!QuadLayout)
+            {
+                // The corner leaves by its lowest-numbered half-edge, or by its lowest-numbered
+                // boundary one when it has any; quads come in increasing order.
+                int& leaving = A.vertexEdge[corner];
+                if (leaving < 0 || (twin2 < 0 && out4[leaving].twin >= 0))
+                    leaving = base + 2;
+            }
             if (origins)
             {
                 origins->face[sz(quad)] = f;
-                origins->edge[sz(base + 1)] = he.prev;
+                origins->edge[sz(base + 1)] = prev;
                 origins->edge[sz(base + 2)] = h;
             }
-            h = he.next;
+            h = after;
         } while (h != first);
     }
 }
@@ -545,8 +574,10 @@ std::unique_ptr<TopoMesh> runLevels(const TopoMesh& start, std::unique_ptr<TopoM
             computeLevelPoints(*current, flags, pts);
             buildLevel(*current, flags, pts, *next, &nextRefine, track ? &origins : nullptr);
         }
-        else
-            wholeLevel(*current, scratch, *next, track ? &origins : nullptr);
+        else if (level == 1)
+            wholeLevel<false>(*current, scratch, *next, track ? &origins : nullptr);
+        else // the previous level's own output
+            wholeLevel<true>(*current, scratch, *next, track ? &origins : nullptr);
         if (track)
         {
             compose(track->face, origins.face);
