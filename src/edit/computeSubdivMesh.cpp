@@ -19,6 +19,7 @@
 
 #include "base/Memory.h"
 #include "base/StopWatch.h"
+#include "base/ThreadPool.h"
 #include "model/debugChannel.h"
 
 namespace qyGeom
@@ -324,6 +325,14 @@ struct WholeScratch
     std::vector<VertexSums> sums;   ///< by vertex slot
 };
 
+// Runs fn(begin, end) over the chunks of [0, n) on the shared pool. Each pass below writes
+// only the slots of its own items, so the result is the same with any number of threads.
+template <class Fn> void forChunks(int n, Fn&& fn)
+{
+    qyUtil::runChunks(qyUtil::ThreadPool::get(), n,
+                      [&](qyUtil::ThreadedChunkAlg&, int, int begin, int end) { fn(begin, end); });
+}
+
 // One level over the whole mesh into `out`, written straight into its arrays. The same
 // points as computeLevelPoints with no face flags, and the same mesh as buildLevel followed
 // by meshTwin: the new elements are numbered in the same order, and the twins follow from
@@ -334,6 +343,10 @@ struct WholeScratch
 //   +2  vertex point -> edge point of h   twin: +1 of the quad of next(twin(h))
 //   +3  edge point of h -> face point   twin: +0 of the quad of next(h)
 // so that an old boundary half-edge leaves boundary half-edges at +1 and +2, and nothing else.
+//
+// The positions and the quads are computed per element on the pool; the sums of the vertex
+// rule are gathered in one thread, in slot order, so that they are the same to the bit
+// whatever the number of threads.
 //
 // QuadLayout: the input is the output of an earlier level (no free slots; face f is a quad
 // on half-edges 4f to 4f + 3; every vertex leaves by the half-edge that allocBulk asks
@@ -366,8 +379,26 @@ void wholeLevel(const TopoMesh& mesh, WholeScratch& s, TopoMesh& out, Origins* o
     const auto prevOf = [E](int h)
     { return QuadLayout ? ((h & 3) == 0 ? h + 3 : h - 1) : E[h].prev; };
 
-    // New vertices: face points, then edge points, then vertex points, each in slot order.
+    // New vertices: face points, then edge points, then vertex points, each in slot order;
+    // each face's quads get consecutive numbers from its first half-edge on.
     const int numFacePoints = mesh.getNumFaces();
+    if (!QuadLayout)
+    {
+        int fp = 0, q = 0;
+        for (int f = 0; f < numFaceSlots; ++f)
+        {
+            const int first = mesh.getFaceEdge(f);
+            if (first < 0)
+                continue;
+            facePoint[f] = fp++;
+            int h = first;
+            do
+            {
+                quadOf[h] = q++;
+                h = E[h].next;
+            } while (h != first);
+        }
+    }
     int next = numFacePoints;
     for (int e = 0; e < numEdgeSlots; ++e)
     {
@@ -380,7 +411,11 @@ void wholeLevel(const TopoMesh& mesh, WholeScratch& s, TopoMesh& out, Origins* o
         ++next;
     }
     const int firstVertexPoint = next;
-    const int numNewVertices = next + mesh.getNumVertices();
+    if (!QuadLayout)
+        for (int v = 0; v < numVertexSlots; ++v)
+            if (mesh.getVertexEdge(v) >= -1)
+                vertexPoint[v] = next++;
+    const int numNewVertices = firstVertexPoint + mesh.getNumVertices();
     const int numQuads = mesh.getNumEdges();
     const TopoMesh::BulkArrays A = out.allocBulk(numNewVertices, 4 * numQuads, numQuads);
     if (origins)
@@ -393,31 +428,36 @@ void wholeLevel(const TopoMesh& mesh, WholeScratch& s, TopoMesh& out, Origins* o
     const auto vertexPointOf = [vertexPoint, firstVertexPoint](int v)
     { return QuadLayout ? firstVertexPoint + v : vertexPoint[v]; };
 
-    // Face points; each face's quads get consecutive numbers from its first half-edge on.
-    int fp = 0, q = 0;
+    // Face points.
+    forChunks(numFaceSlots,
+              [&](int begin, int end)
+              {
+                  for (int f = begin; f < end; ++f)
+                  {
+                      const int first = mesh.getFaceEdge(f);
+                      if (first < 0)
+                          continue;
+                      Vector sum;
+                      int n = 0, h = first;
+                      do
+                      {
+                          sum += asVector(P[E[h].vertex]);
+                          ++n;
+                          h = nextOf(h);
+                      } while (h != first);
+                      const int fp = facePointOf(f);
+                      A.points[fp] = asPoint(sum / double(n));
+                      A.vertexEdge[fp] = 4 * quadAt(first);
+                      A.vertexDegree[fp] = n;
+                  }
+              });
     for (int f = 0; f < numFaceSlots; ++f)
     {
         const int first = mesh.getFaceEdge(f);
         if (first < 0)
             continue;
-        Vector sum;
-        int n = 0, h = first;
-        do
-        {
-            sum += asVector(P[E[h].vertex]);
-            if (!QuadLayout)
-                quadOf[h] = q++;
-            ++n;
-            h = nextOf(h);
-        } while (h != first);
-        const Vector centre = sum / double(n);
-        if (!QuadLayout)
-            facePoint[f] = fp;
-        A.points[fp] = asPoint(centre);
-        A.vertexEdge[fp] = 4 * quadAt(first);
-        A.vertexDegree[fp] = n;
-        ++fp;
-        h = first;
+        const Vector centre = asVector(A.points[facePointOf(f)]);
+        int h = first;
         do
         {
             VertexSums& sv = sums[E[h].vertex];
@@ -427,7 +467,38 @@ void wholeLevel(const TopoMesh& mesh, WholeScratch& s, TopoMesh& out, Origins* o
         } while (h != first);
     }
 
-    // Edge points, and the midpoint and rim sums of the vertex rule.
+    // Edge points.
+    forChunks(
+        numEdgeSlots,
+        [&](int begin, int end)
+        {
+            for (int e = begin; e < end; ++e)
+            {
+                const HalfEdge& h = E[e];
+                if (h.vertex < 0 || (h.twin >= 0 && h.twin < e))
+                    continue;
+                const Vector VA = asVector(P[h.vertex]), VB = asVector(P[E[nextOf(e)].vertex]);
+                const int ep = edgePoint[e];
+                const int afterE = 4 * quadAt(nextOf(e)) + 1; // leaves the edge point towards b
+                if (h.twin < 0)
+                {
+                    A.points[ep] = asPoint((VA + VB) * 0.5);
+                    A.vertexEdge[ep] = afterE;
+                    A.vertexDegree[ep] = 2;
+                    continue;
+                }
+                const int t = h.twin;
+                const int faceE = QuadLayout ? e >> 2 : h.face;
+                const int faceT = QuadLayout ? t >> 2 : E[t].face;
+                A.points[ep] = asPoint((VA + VB + asVector(A.points[facePointOf(faceE)]) +
+                                        asVector(A.points[facePointOf(faceT)])) *
+                                       0.25);
+                A.vertexEdge[ep] = std::min(std::min(4 * quadAt(e) + 3, afterE),
+                                            std::min(4 * quadAt(t) + 3, 4 * quadAt(nextOf(t)) + 1));
+                A.vertexDegree[ep] = 4;
+            }
+        });
+    // The midpoint and rim sums of the vertex rule.
     for (int e = 0; e < numEdgeSlots; ++e)
     {
         const HalfEdge& h = E[e];
@@ -442,102 +513,95 @@ void wholeLevel(const TopoMesh& mesh, WholeScratch& s, TopoMesh& out, Origins* o
         sb.midpoints += mid;
         ++sa.numEdges;
         ++sb.numEdges;
-        const int ep = edgePoint[e];
-        const int afterE = 4 * quadAt(nextOf(e)) + 1; // leaves the edge point towards b
         if (h.twin < 0)
         {
             sa.rim += VB;
             sb.rim += VA;
             ++sa.numRim;
             ++sb.numRim;
-            A.points[ep] = asPoint(mid);
-            A.vertexEdge[ep] = afterE;
-            A.vertexDegree[ep] = 2;
-            continue;
         }
-        const int t = h.twin;
-        const int faceE = QuadLayout ? e >> 2 : h.face, faceT = QuadLayout ? t >> 2 : E[t].face;
-        A.points[ep] = asPoint((VA + VB + asVector(A.points[facePointOf(faceE)]) +
-                                asVector(A.points[facePointOf(faceT)])) *
-                               0.25);
-        const int lowest = std::min(std::min(4 * quadAt(e) + 3, afterE),
-                                    std::min(4 * quadAt(t) + 3, 4 * quadAt(nextOf(t)) + 1));
-        A.vertexEdge[ep] = lowest;
-        A.vertexDegree[ep] = 4;
     }
 
-    // Vertex points. In the general form their leaving half-edges are found while the
-    // quads are written.
-    int vp = firstVertexPoint;
-    for (int v = 0; v < numVertexSlots; ++v)
-    {
-        const int leaving = mesh.getVertexEdge(v);
-        if (leaving < -1)
-            continue; // a free slot
-        const VertexSums& sv = sums[v];
-        const Vector S = asVector(P[v]);
-        Vector point = S;
-        if (sv.numFaces > 0)
-        {
-            if (sv.numRim == 2)
-                point = S * 0.75 + sv.rim * 0.125;
-            else if (sv.numRim == 0)
-            {
-                const double n = sv.numFaces;
-                const Vector Q = sv.facePoints / n, R = sv.midpoints / double(sv.numEdges);
-                point = (Q + 2.0 * R + (n - 3.0) * S) / n;
-            }
-        }
-        if (!QuadLayout)
-            vertexPoint[v] = vp;
-        A.points[vp] = asPoint(point);
-        A.vertexEdge[vp] = QuadLayout && leaving >= 0 ? 4 * leaving + 2 : -1;
-        A.vertexDegree[vp] = mesh.getVertexDegree(v);
-        if (origins)
-            origins->vertex[sz(vp)] = v;
-        ++vp;
-    }
+    // Vertex points. In the general form their leaving half-edges are found after the quads.
+    forChunks(numVertexSlots,
+              [&](int begin, int end)
+              {
+                  for (int v = begin; v < end; ++v)
+                  {
+                      const int leaving = mesh.getVertexEdge(v);
+                      if (leaving < -1)
+                          continue; // a free slot
+                      const VertexSums& sv = sums[v];
+                      const Vector S = asVector(P[v]);
+                      Vector point = S;
+                      if (sv.numFaces > 0)
+                      {
+                          if (sv.numRim == 2)
+                              point = S * 0.75 + sv.rim * 0.125;
+                          else if (sv.numRim == 0)
+                          {
+                              const double n = sv.numFaces;
+                              const Vector Q = sv.facePoints / n;
+                              const Vector R = sv.midpoints / double(sv.numEdges);
+                              point = (Q + 2.0 * R + (n - 3.0) * S) / n;
+                          }
+                      }
+                      const int vp = vertexPointOf(v);
+                      A.points[vp] = asPoint(point);
+                      A.vertexEdge[vp] = QuadLayout && leaving >= 0 ? 4 * leaving + 2 : -1;
+                      A.vertexDegree[vp] = mesh.getVertexDegree(v);
+                      if (origins)
+                          origins->vertex[sz(vp)] = v;
+                  }
+              });
 
-    // The quads, in the order of their numbers.
+    // The quads.
     HalfEdge* out4 = A.edges;
-    for (int f = 0; f < numFaceSlots; ++f)
-    {
-        const int first = mesh.getFaceEdge(f);
-        if (first < 0)
-            continue;
-        const int centre = facePointOf(f);
-        int h = first;
-        do
+    forChunks(
+        numFaceSlots,
+        [&](int begin, int end)
         {
-            const HalfEdge& he = E[h];
-            const int prev = prevOf(h), after = nextOf(h);
-            const int twinBefore = E[prev].twin;
-            const int quad = quadAt(h), base = 4 * quad;
-            const int corner = vertexPointOf(he.vertex);
-            const int twin1 = twinBefore < 0 ? -1 : 4 * quadAt(twinBefore) + 2;
-            const int twin2 = he.twin < 0 ? -1 : 4 * quadAt(nextOf(he.twin)) + 1;
-            HalfEdge* o = out4 + base;
-            o[0] = HalfEdge{centre, quad, base + 1, base + 3, 4 * quadAt(prev) + 3};
-            o[1] = HalfEdge{edgePoint[prev], quad, base + 2, base, twin1};
-            o[2] = HalfEdge{corner, quad, base + 3, base + 1, twin2};
-            o[3] = HalfEdge{edgePoint[h], quad, base, base + 2, 4 * quadAt(after)};
-            A.faceEdge[quad] = base;
-            if (!QuadLayout)
+            for (int f = begin; f < end; ++f)
             {
-                // The corner leaves by its lowest-numbered half-edge, or by its lowest-numbered
-                // boundary one when it has any; quads come in increasing order.
-                int& leaving = A.vertexEdge[corner];
-                if (leaving < 0 || (twin2 < 0 && out4[leaving].twin >= 0))
-                    leaving = base + 2;
+                const int first = mesh.getFaceEdge(f);
+                if (first < 0)
+                    continue;
+                const int centre = facePointOf(f);
+                int h = first;
+                do
+                {
+                    const HalfEdge& he = E[h];
+                    const int prev = prevOf(h), after = nextOf(h);
+                    const int twinBefore = E[prev].twin;
+                    const int quad = quadAt(h), base = 4 * quad;
+                    const int twin1 = twinBefore < 0 ? -1 : 4 * quadAt(twinBefore) + 2;
+                    const int twin2 = he.twin < 0 ? -1 : 4 * quadAt(nextOf(he.twin)) + 1;
+                    HalfEdge* o = out4 + base;
+                    o[0] = HalfEdge{centre, quad, base + 1, base + 3, 4 * quadAt(prev) + 3};
+                    o[1] = HalfEdge{edgePoint[prev], quad, base + 2, base, twin1};
+                    o[2] = HalfEdge{vertexPointOf(he.vertex), quad, base + 3, base + 1, twin2};
+                    o[3] = HalfEdge{edgePoint[h], quad, base, base + 2, 4 * quadAt(after)};
+                    A.faceEdge[quad] = base;
+                    if (origins)
+                    {
+                        origins->face[sz(quad)] = f;
+                        origins->edge[sz(base + 1)] = prev;
+                        origins->edge[sz(base + 2)] = h;
+                    }
+                    h = after;
+                } while (h != first);
             }
-            if (origins)
-            {
-                origins->face[sz(quad)] = f;
-                origins->edge[sz(base + 1)] = prev;
-                origins->edge[sz(base + 2)] = h;
-            }
-            h = after;
-        } while (h != first);
+        });
+    if (QuadLayout)
+        return;
+    // Each vertex point leaves by its lowest-numbered half-edge, or by its lowest-numbered
+    // boundary one when it has any: visit its +2 half-edges in increasing order.
+    for (int q = 0; q < numQuads; ++q)
+    {
+        const HalfEdge& spoke = out4[4 * q + 2];
+        int& leaving = A.vertexEdge[spoke.vertex];
+        if (leaving < 0 || (spoke.twin < 0 && out4[leaving].twin >= 0))
+            leaving = 4 * q + 2;
     }
 }
 

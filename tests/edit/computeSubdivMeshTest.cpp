@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 #include <map>
 #include <memory>
 #include <random>
@@ -334,6 +335,67 @@ TEST(computeSubdivMesh, TheResultIsLinkedAsAFaceByFaceBuildWouldBe)
         for (int f = 0; f < again.getFaceCapacity(); ++f)
             ASSERT_EQ(again.getFaceEdge(f), fine->getFaceEdge(f)) << f;
         EXPECT_EQ(fine->getVertexEdge(fine->getVertexCapacity() - 1), -1); // isolated
+    }
+}
+
+TEST(computeSubdivMesh, OneThreadAndSeveralGiveTheSameMeshToTheBit)
+{
+    // Large enough for many chunks per pass: a closed triangle mesh and an open mixed one,
+    // over two levels (the second reads the first's quads), with and without origin maps.
+    for (const int kind : {0, 1})
+    {
+        SCOPED_TRACE(kind ? "mixed open mesh" : "icosphere");
+        TopoMesh input;
+        if (kind)
+            buildBumpyMixedMesh(input, 40);
+        else
+            build(input, qyTest::makeIcosphere(4));
+        std::unique_ptr<TopoMesh> results[2];
+        FaceMap faces[2];
+        EdgeMap edges[2];
+        VertexMap vertices[2];
+        for (const int threads : {1, 3})
+        {
+            qyTest::ScopedThreadCount scoped(threads);
+            const int i = threads == 1 ? 0 : 1;
+            results[i].reset(computeSubdivMesh(input, 2, faces[i], edges[i], vertices[i]));
+            ASSERT_TRUE(results[i]);
+            std::unique_ptr<TopoMesh> plain(computeSubdivMesh(input, 2));
+            ASSERT_EQ(plain->getEdgeCapacity(), results[i]->getEdgeCapacity());
+            EXPECT_EQ(
+                0, std::memcmp(plain->getHalfEdges(), results[i]->getHalfEdges(),
+                               sizeof(TopoMesh::HalfEdge) * std::size_t(plain->getEdgeCapacity())));
+        }
+        TopoMesh& a = *results[0];
+        TopoMesh& b = *results[1];
+        ASSERT_EQ(a.getVertexCapacity(), b.getVertexCapacity());
+        ASSERT_EQ(a.getEdgeCapacity(), b.getEdgeCapacity());
+        ASSERT_EQ(a.getFaceCapacity(), b.getFaceCapacity());
+        EXPECT_EQ(0, std::memcmp(a.getPoints(), b.getPoints(),
+                                 sizeof(Point) * std::size_t(a.getVertexCapacity())));
+        EXPECT_EQ(0, std::memcmp(a.getHalfEdges(), b.getHalfEdges(),
+                                 sizeof(TopoMesh::HalfEdge) * std::size_t(a.getEdgeCapacity())));
+        for (int v = 0; v < a.getVertexCapacity(); ++v)
+        {
+            ASSERT_EQ(a.getVertexEdge(v), b.getVertexEdge(v)) << v;
+            ASSERT_EQ(a.getVertexDegree(v), b.getVertexDegree(v)) << v;
+        }
+        for (int f = 0; f < a.getFaceCapacity(); ++f)
+            ASSERT_EQ(a.getFaceEdge(f), b.getFaceEdge(f)) << f;
+        const auto sameMaps = [](const auto& x, const auto& y)
+        {
+            if (x.size() != y.size())
+                return false;
+            for (auto i = x.begin(), j = y.begin(); i != x.end(); ++i, ++j)
+                if (i->first.getIndex() != j->first.getIndex() ||
+                    i->second.getIndex() != j->second.getIndex())
+                    return false;
+            return true;
+        };
+        EXPECT_TRUE(sameMaps(faces[0], faces[1]));
+        EXPECT_TRUE(sameMaps(edges[0], edges[1]));
+        EXPECT_TRUE(sameMaps(vertices[0], vertices[1]));
+        EXPECT_GT(a.getNumFaces(), 20000);
     }
 }
 
