@@ -10,6 +10,7 @@
 #include "qyGeom/computeSubdivMesh.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstddef>
 #include <functional>
 #include <memory>
@@ -322,8 +323,72 @@ struct WholeScratch
     qy::RawVector<int> edgePoint;   ///< by half-edge slot: the new vertex of its edge point
     qy::RawVector<int> facePoint;   ///< by face slot
     qy::RawVector<int> vertexPoint; ///< by vertex slot
-    std::vector<VertexSums> sums;   ///< by vertex slot
 };
+
+// The vertex rule from the sums around old position S.
+Point vertexRule(const Vector& S, const VertexSums& sv)
+{
+    if (sv.numFaces == 0 || sv.numFixed != 0)
+        return asPoint(S);
+    if (sv.numRim == 2)
+        return asPoint(S * 0.75 + sv.rim * 0.125);
+    if (sv.numRim != 0)
+        return asPoint(S);
+    const double n = sv.numFaces;
+    const Vector Q = sv.facePoints / n, R = sv.midpoints / double(sv.numEdges);
+    return asPoint((Q + 2.0 * R + (n - 3.0) * S) / n);
+}
+
+// The vertex points of a whole level from sums added in one pass over the faces and one
+// over the edges, in slot order: for meshes with a vertex where several fans meet.
+template <bool QuadLayout, class FacePointOf, class VertexPointOf>
+void scatterVertexPoints(const TopoMesh& mesh, const TopoMesh::BulkArrays& A,
+                         const FacePointOf& facePointOf, const VertexPointOf& vertexPointOf)
+{
+    const HalfEdge* E = mesh.getHalfEdges();
+    const Point* P = mesh.getPoints();
+    std::vector<VertexSums> sums(sz(mesh.getVertexCapacity()));
+    for (int f = 0, n = mesh.getFaceCapacity(); f < n; ++f)
+    {
+        const int first = mesh.getFaceEdge(f);
+        if (first < 0)
+            continue;
+        const Vector centre = asVector(A.points[facePointOf(f)]);
+        int h = first;
+        do
+        {
+            VertexSums& sv = sums[sz(E[h].vertex)];
+            sv.facePoints += centre;
+            ++sv.numFaces;
+            h = E[h].next;
+        } while (h != first);
+    }
+    for (int e = 0, n = mesh.getEdgeCapacity(); e < n; ++e)
+    {
+        const HalfEdge& h = E[e];
+        if (h.vertex < 0 || (h.twin >= 0 && h.twin < e))
+            continue;
+        const int a = h.vertex, b = E[h.next].vertex;
+        const Vector VA = asVector(P[a]), VB = asVector(P[b]);
+        const Vector mid = (VA + VB) * 0.5;
+        VertexSums& sa = sums[sz(a)];
+        VertexSums& sb = sums[sz(b)];
+        sa.midpoints += mid;
+        sb.midpoints += mid;
+        ++sa.numEdges;
+        ++sb.numEdges;
+        if (h.twin < 0)
+        {
+            sa.rim += VB;
+            sb.rim += VA;
+            ++sa.numRim;
+            ++sb.numRim;
+        }
+    }
+    for (int v = 0, n = mesh.getVertexCapacity(); v < n; ++v)
+        if (mesh.getVertexEdge(v) >= -1)
+            A.points[vertexPointOf(v)] = vertexRule(asVector(P[v]), sums[sz(v)]);
+}
 
 // Runs fn(begin, end) over the chunks of [0, n) on the shared pool. Each pass below writes
 // only the slots of its own items, so the result is the same with any number of threads.
@@ -367,12 +432,10 @@ void wholeLevel(const TopoMesh& mesh, WholeScratch& s, TopoMesh& out, Origins* o
         s.vertexPoint.resize(sz(numVertexSlots));
     }
     s.edgePoint.resize(sz(numEdgeSlots));
-    s.sums.assign(sz(numVertexSlots), VertexSums());
     int* quadOf = s.quad.data();
     int* edgePoint = s.edgePoint.data();
     int* facePoint = s.facePoint.data();
     int* vertexPoint = s.vertexPoint.data();
-    VertexSums* sums = s.sums.data();
     const auto quadAt = [quadOf](int h) { return QuadLayout ? h : quadOf[h]; };
     const auto nextOf = [E](int h)
     { return QuadLayout ? ((h & 3) == 3 ? h - 3 : h + 1) : E[h].next; };
@@ -451,21 +514,6 @@ void wholeLevel(const TopoMesh& mesh, WholeScratch& s, TopoMesh& out, Origins* o
                       A.vertexDegree[fp] = n;
                   }
               });
-    for (int f = 0; f < numFaceSlots; ++f)
-    {
-        const int first = mesh.getFaceEdge(f);
-        if (first < 0)
-            continue;
-        const Vector centre = asVector(A.points[facePointOf(f)]);
-        int h = first;
-        do
-        {
-            VertexSums& sv = sums[E[h].vertex];
-            sv.facePoints += centre;
-            ++sv.numFaces;
-            h = nextOf(h);
-        } while (h != first);
-    }
 
     // Edge points.
     forChunks(
@@ -498,62 +546,73 @@ void wholeLevel(const TopoMesh& mesh, WholeScratch& s, TopoMesh& out, Origins* o
                 A.vertexDegree[ep] = 4;
             }
         });
-    // The midpoint and rim sums of the vertex rule.
-    for (int e = 0; e < numEdgeSlots; ++e)
-    {
-        const HalfEdge& h = E[e];
-        if (h.vertex < 0 || (h.twin >= 0 && h.twin < e))
-            continue;
-        const int a = h.vertex, b = E[nextOf(e)].vertex;
-        const Vector VA = asVector(P[a]), VB = asVector(P[b]);
-        const Vector mid = (VA + VB) * 0.5;
-        VertexSums& sa = sums[a];
-        VertexSums& sb = sums[b];
-        sa.midpoints += mid;
-        sb.midpoints += mid;
-        ++sa.numEdges;
-        ++sb.numEdges;
-        if (h.twin < 0)
-        {
-            sa.rim += VB;
-            sb.rim += VA;
-            ++sa.numRim;
-            ++sb.numRim;
-        }
-    }
-
-    // Vertex points. In the general form their leaving half-edges are found after the quads.
+    // Vertex points, from the sums of the vertex rule gathered around each vertex. A sum
+    // adds its terms in the order of the old slots (faces by face slot, edges by the slot of
+    // their lower half-edge), the order in which a pass over the whole mesh would add them,
+    // so that the point does not depend on where the walk around the vertex begins. A
+    // vertex with several fans, which the walk does not cover, gets its sums from such a
+    // pass afterwards. In the general form the leaving half-edges are found after the quads.
+    std::atomic<bool> severalFans{false};
     forChunks(numVertexSlots,
               [&](int begin, int end)
               {
+                  std::vector<std::pair<int, int>> faceTerms, edgeTerms; // (slot, face or far end)
                   for (int v = begin; v < end; ++v)
                   {
                       const int leaving = mesh.getVertexEdge(v);
                       if (leaving < -1)
                           continue; // a free slot
-                      const VertexSums& sv = sums[v];
-                      const Vector S = asVector(P[v]);
-                      Vector point = S;
-                      if (sv.numFaces > 0)
-                      {
-                          if (sv.numRim == 2)
-                              point = S * 0.75 + sv.rim * 0.125;
-                          else if (sv.numRim == 0)
-                          {
-                              const double n = sv.numFaces;
-                              const Vector Q = sv.facePoints / n;
-                              const Vector R = sv.midpoints / double(sv.numEdges);
-                              point = (Q + 2.0 * R + (n - 3.0) * S) / n;
-                          }
-                      }
                       const int vp = vertexPointOf(v);
-                      A.points[vp] = asPoint(point);
                       A.vertexEdge[vp] = QuadLayout && leaving >= 0 ? 4 * leaving + 2 : -1;
                       A.vertexDegree[vp] = mesh.getVertexDegree(v);
                       if (origins)
                           origins->vertex[sz(vp)] = v;
+                      faceTerms.clear();
+                      edgeTerms.clear();
+                      const int start = QuadLayout ? leaving : mesh.fanStart(v);
+                      for (int h = start; h >= 0;)
+                      {
+                          const HalfEdge& he = E[h];
+                          const int far = E[nextOf(h)].vertex;
+                          faceTerms.emplace_back(QuadLayout ? h >> 2 : he.face, 0);
+                          edgeTerms.emplace_back(he.twin < 0 ? h : std::min(h, he.twin), far);
+                          const int in = prevOf(h);
+                          const int t = E[in].twin;
+                          if (t < 0)
+                          {
+                              edgeTerms.emplace_back(in, E[in].vertex); // the last spoke
+                              break;
+                          }
+                          h = t == start ? -1 : t;
+                      }
+                      if (int(faceTerms.size()) != mesh.getVertexDegree(v))
+                      {
+                          severalFans.store(true, std::memory_order_relaxed);
+                          continue;
+                      }
+                      std::sort(faceTerms.begin(), faceTerms.end());
+                      std::sort(edgeTerms.begin(), edgeTerms.end());
+                      VertexSums sv;
+                      for (const auto& [face, unused] : faceTerms)
+                          sv.facePoints += asVector(A.points[facePointOf(face)]);
+                      const Vector S = asVector(P[v]);
+                      for (const auto& [lead, far] : edgeTerms)
+                      {
+                          const Vector B = asVector(P[far]);
+                          sv.midpoints += (S + B) * 0.5;
+                          if (E[lead].twin < 0)
+                          {
+                              sv.rim += B;
+                              ++sv.numRim;
+                          }
+                      }
+                      sv.numFaces = int(faceTerms.size());
+                      sv.numEdges = int(edgeTerms.size());
+                      A.points[vp] = vertexRule(S, sv);
                   }
               });
+    if (severalFans.load())
+        scatterVertexPoints<QuadLayout>(mesh, A, facePointOf, vertexPointOf);
 
     // The quads.
     HalfEdge* out4 = A.edges;

@@ -151,6 +151,28 @@ TEST(computeSubdivMesh, OneQuadAndAClosedCubeFollowTheBoundaryAndInteriorRules)
     }
     EXPECT_EQ(edges.size(), 8u); // the two halves of each side
 
+    // Two triangles that share only a corner: four boundary edges meet there, so it stays;
+    // the other corners follow the boundary rule of their own fan.
+    TopoMesh bowtie;
+    const Point bow[5] = {{0, 0, 0}, {1, 1, 0}, {-1, 1, 0}, {-1, -1, 0}, {1, -1, 0.5}};
+    for (const Point& p : bow)
+        bowtie.allocVertex(p);
+    bowtie.allocTriangle(bowtie.vertex(0), bowtie.vertex(1), bowtie.vertex(2));
+    bowtie.allocTriangle(bowtie.vertex(0), bowtie.vertex(3), bowtie.vertex(4));
+    bowtie.meshTwin();
+    for (const int levels : {1, 2})
+    {
+        std::unique_ptr<TopoMesh> tie(computeSubdivMesh(bowtie, levels, faces, edges, vertices));
+        ASSERT_TRUE(tie);
+        for (const auto& [to, from] : vertices)
+        {
+            if (from.getIndex() == 0)
+                EXPECT_EQ(to.point(), bow[0]);
+            else
+                EXPECT_FALSE(near(to.point(), from.point()));
+        }
+    }
+
     // Cube: every corner by the interior rule with n = 3, (Q + 2R) / 3 = (5/9, 5/9, 5/9) up
     // to signs; edge points at (A + B + F1 + F2) / 4, e.g. (3/4, 3/4, 0).
     TopoMesh cube;
