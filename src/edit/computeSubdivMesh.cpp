@@ -10,7 +10,6 @@
 #include "qyGeom/computeSubdivMesh.h"
 
 #include <algorithm>
-#include <atomic>
 #include <cstddef>
 #include <functional>
 #include <memory>
@@ -323,6 +322,9 @@ struct WholeScratch
     qy::RawVector<int> edgePoint;   ///< by half-edge slot: the new vertex of its edge point
     qy::RawVector<int> facePoint;   ///< by face slot
     qy::RawVector<int> vertexPoint; ///< by vertex slot
+    /// The half-edges at each vertex, in slot order: those leaving it and the boundary ones
+    /// arriving at it. Vertex v's run starts at spokeStart[v] and ends at spokeStart[v + 1].
+    qy::RawVector<int> spokeStart, spokes;
 };
 
 // The vertex rule from the sums around old position S.
@@ -337,57 +339,6 @@ Point vertexRule(const Vector& S, const VertexSums& sv)
     const double n = sv.numFaces;
     const Vector Q = sv.facePoints / n, R = sv.midpoints / double(sv.numEdges);
     return asPoint((Q + 2.0 * R + (n - 3.0) * S) / n);
-}
-
-// The vertex points of a whole level from sums added in one pass over the faces and one
-// over the edges, in slot order: for meshes with a vertex where several fans meet.
-template <bool QuadLayout, class FacePointOf, class VertexPointOf>
-void scatterVertexPoints(const TopoMesh& mesh, const TopoMesh::BulkArrays& A,
-                         const FacePointOf& facePointOf, const VertexPointOf& vertexPointOf)
-{
-    const HalfEdge* E = mesh.getHalfEdges();
-    const Point* P = mesh.getPoints();
-    std::vector<VertexSums> sums(sz(mesh.getVertexCapacity()));
-    for (int f = 0, n = mesh.getFaceCapacity(); f < n; ++f)
-    {
-        const int first = mesh.getFaceEdge(f);
-        if (first < 0)
-            continue;
-        const Vector centre = asVector(A.points[facePointOf(f)]);
-        int h = first;
-        do
-        {
-            VertexSums& sv = sums[sz(E[h].vertex)];
-            sv.facePoints += centre;
-            ++sv.numFaces;
-            h = E[h].next;
-        } while (h != first);
-    }
-    for (int e = 0, n = mesh.getEdgeCapacity(); e < n; ++e)
-    {
-        const HalfEdge& h = E[e];
-        if (h.vertex < 0 || (h.twin >= 0 && h.twin < e))
-            continue;
-        const int a = h.vertex, b = E[h.next].vertex;
-        const Vector VA = asVector(P[a]), VB = asVector(P[b]);
-        const Vector mid = (VA + VB) * 0.5;
-        VertexSums& sa = sums[sz(a)];
-        VertexSums& sb = sums[sz(b)];
-        sa.midpoints += mid;
-        sb.midpoints += mid;
-        ++sa.numEdges;
-        ++sb.numEdges;
-        if (h.twin < 0)
-        {
-            sa.rim += VB;
-            sb.rim += VA;
-            ++sa.numRim;
-            ++sb.numRim;
-        }
-    }
-    for (int v = 0, n = mesh.getVertexCapacity(); v < n; ++v)
-        if (mesh.getVertexEdge(v) >= -1)
-            A.points[vertexPointOf(v)] = vertexRule(asVector(P[v]), sums[sz(v)]);
 }
 
 // Runs fn(begin, end) over the chunks of [0, n) on the shared pool. Each pass below writes
@@ -462,17 +413,43 @@ void wholeLevel(const TopoMesh& mesh, WholeScratch& s, TopoMesh& out, Origins* o
             } while (h != first);
         }
     }
+    // The spokes are filed by a counting sort: spokeStart[v + 1] first counts v's, then the
+    // running sum turns the counts into the ends of the runs; filing moves spokeStart[v]
+    // from the beginning of v's run to its end, and the shift back restores the beginnings.
+    s.spokeStart.assign(sz(numVertexSlots) + 1, 0);
+    int* spokeStart = s.spokeStart.data();
     int next = numFacePoints;
     for (int e = 0; e < numEdgeSlots; ++e)
     {
         const HalfEdge& h = E[e];
-        if (h.vertex < 0 || (h.twin >= 0 && h.twin < e))
+        if (h.vertex < 0)
+            continue;
+        ++spokeStart[h.vertex + 1];
+        if (h.twin < 0)
+            ++spokeStart[E[nextOf(e)].vertex + 1];
+        else if (h.twin < e)
             continue;
         edgePoint[e] = next;
         if (h.twin >= 0)
             edgePoint[h.twin] = next;
         ++next;
     }
+    for (int v = 0; v < numVertexSlots; ++v)
+        spokeStart[v + 1] += spokeStart[v];
+    s.spokes.resize(sz(spokeStart[numVertexSlots]));
+    int* spokes = s.spokes.data();
+    for (int e = 0; e < numEdgeSlots; ++e)
+    {
+        const HalfEdge& h = E[e];
+        if (h.vertex < 0)
+            continue;
+        spokes[spokeStart[h.vertex]++] = e;
+        if (h.twin < 0)
+            spokes[spokeStart[E[nextOf(e)].vertex]++] = e;
+    }
+    for (int v = numVertexSlots; v > 0; --v)
+        spokeStart[v] = spokeStart[v - 1];
+    spokeStart[0] = 0;
     const int firstVertexPoint = next;
     if (!QuadLayout)
         for (int v = 0; v < numVertexSlots; ++v)
@@ -546,17 +523,15 @@ void wholeLevel(const TopoMesh& mesh, WholeScratch& s, TopoMesh& out, Origins* o
                 A.vertexDegree[ep] = 4;
             }
         });
-    // Vertex points, from the sums of the vertex rule gathered around each vertex. A sum
-    // adds its terms in the order of the old slots (faces by face slot, edges by the slot of
-    // their lower half-edge), the order in which a pass over the whole mesh would add them,
-    // so that the point does not depend on where the walk around the vertex begins. A
-    // vertex with several fans, which the walk does not cover, gets its sums from such a
-    // pass afterwards. In the general form the leaving half-edges are found after the quads.
-    std::atomic<bool> severalFans{false};
+    // Vertex points, from the sums of the vertex rule gathered at each vertex from its
+    // spokes. A sum adds its terms in the order of the old slots (faces by face slot, edges
+    // by the slot of their lower half-edge), the order in which one pass over the faces and
+    // one over the edges would add them. In the general form the leaving half-edges are
+    // found after the quads.
     forChunks(numVertexSlots,
               [&](int begin, int end)
               {
-                  std::vector<std::pair<int, int>> faceTerms, edgeTerms; // (slot, face or far end)
+                  std::vector<std::pair<int, int>> faceTerms, edgeTerms; // (slot, far end)
                   for (int v = begin; v < end; ++v)
                   {
                       const int leaving = mesh.getVertexEdge(v);
@@ -569,28 +544,21 @@ void wholeLevel(const TopoMesh& mesh, WholeScratch& s, TopoMesh& out, Origins* o
                           origins->vertex[sz(vp)] = v;
                       faceTerms.clear();
                       edgeTerms.clear();
-                      const int start = QuadLayout ? leaving : mesh.fanStart(v);
-                      for (int h = start; h >= 0;)
+                      for (int k = spokeStart[v]; k < spokeStart[v + 1]; ++k)
                       {
+                          const int h = spokes[k];
                           const HalfEdge& he = E[h];
-                          const int far = E[nextOf(h)].vertex;
-                          faceTerms.emplace_back(QuadLayout ? h >> 2 : he.face, 0);
-                          edgeTerms.emplace_back(he.twin < 0 ? h : std::min(h, he.twin), far);
-                          const int in = prevOf(h);
-                          const int t = E[in].twin;
-                          if (t < 0)
+                          if (he.vertex != v)
                           {
-                              edgeTerms.emplace_back(in, E[in].vertex); // the last spoke
-                              break;
+                              edgeTerms.emplace_back(h, he.vertex); // a boundary edge arriving
+                              continue;
                           }
-                          h = t == start ? -1 : t;
+                          faceTerms.emplace_back(QuadLayout ? h >> 2 : he.face, 0);
+                          edgeTerms.emplace_back(he.twin < 0 ? h : std::min(h, he.twin),
+                                                 E[nextOf(h)].vertex);
                       }
-                      if (int(faceTerms.size()) != mesh.getVertexDegree(v))
-                      {
-                          severalFans.store(true, std::memory_order_relaxed);
-                          continue;
-                      }
-                      std::sort(faceTerms.begin(), faceTerms.end());
+                      if (!QuadLayout) // there the faces follow the half-edges' order
+                          std::sort(faceTerms.begin(), faceTerms.end());
                       std::sort(edgeTerms.begin(), edgeTerms.end());
                       VertexSums sv;
                       for (const auto& [face, unused] : faceTerms)
@@ -611,8 +579,6 @@ void wholeLevel(const TopoMesh& mesh, WholeScratch& s, TopoMesh& out, Origins* o
                       A.points[vp] = vertexRule(S, sv);
                   }
               });
-    if (severalFans.load())
-        scatterVertexPoints<QuadLayout>(mesh, A, facePointOf, vertexPointOf);
 
     // The quads.
     HalfEdge* out4 = A.edges;
