@@ -474,6 +474,9 @@ void wholeLevel(const TopoMesh& mesh, WholeScratch& s, TopoMesh& out, Origins* o
               {
                   for (int f = begin; f < end; ++f)
                   {
+                      if (QuadLayout && f + 8 < end) // the corners of a face further on
+                          for (int k = 0; k < 4; ++k)
+                              __builtin_prefetch(P + E[4 * (f + 8) + k].vertex);
                       const int first = mesh.getFaceEdge(f);
                       if (first < 0)
                           continue;
@@ -499,6 +502,13 @@ void wholeLevel(const TopoMesh& mesh, WholeScratch& s, TopoMesh& out, Origins* o
         {
             for (int e = begin; e < end; ++e)
             {
+                if (QuadLayout && e + 16 < end) // the points of an edge further on
+                {
+                    const HalfEdge& ahead = E[e + 16];
+                    __builtin_prefetch(P + ahead.vertex);
+                    if (ahead.twin > e + 16)
+                        __builtin_prefetch(A.points + facePointOf(ahead.twin >> 2));
+                }
                 const HalfEdge& h = E[e];
                 if (h.vertex < 0 || (h.twin >= 0 && h.twin < e))
                     continue;
@@ -542,6 +552,21 @@ void wholeLevel(const TopoMesh& mesh, WholeScratch& s, TopoMesh& out, Origins* o
                       A.vertexDegree[vp] = mesh.getVertexDegree(v);
                       if (origins)
                           origins->vertex[sz(vp)] = v;
+                      // The reads are scattered over the old mesh: ask for the half-edges of
+                      // a vertex a few steps ahead, and for the points those name a little
+                      // nearer, so that they arrive while this vertex is summed.
+                      if (v + 8 < end)
+                          for (int k = spokeStart[v + 8]; k < spokeStart[v + 9]; ++k)
+                              __builtin_prefetch(E + spokes[k]);
+                      if (v + 4 < end)
+                          for (int k = spokeStart[v + 4]; k < spokeStart[v + 5]; ++k)
+                          {
+                              const int h = spokes[k];
+                              __builtin_prefetch(P + E[nextOf(h)].vertex);
+                              __builtin_prefetch(P + E[h].vertex);
+                              __builtin_prefetch(A.points +
+                                                 facePointOf(QuadLayout ? h >> 2 : E[h].face));
+                          }
                       faceTerms.clear();
                       edgeTerms.clear();
                       for (int k = spokeStart[v]; k < spokeStart[v + 1]; ++k)
