@@ -365,10 +365,8 @@ template <class Fn> void forChunks(int n, Fn&& fn)
 // whatever the number of threads.
 //
 // QuadLayout: the input is the output of an earlier level (no free slots; face f is a quad
-// on half-edges 4f to 4f + 3; every vertex leaves by the half-edge that allocBulk asks
-// for). Then the quad of h is h, the links follow from the numbers, and vertex point v
-// leaves by the +2 half-edge of v's own leaving half-edge, since that numbering keeps the
-// order; the general form looks each of these up.
+// on half-edges 4f to 4f + 3). Then the quad of h is h and the links follow from the
+// numbers; the general form looks them up.
 template <bool QuadLayout>
 void wholeLevel(const TopoMesh& mesh, WholeScratch& s, TopoMesh& out, Origins* origins)
 {
@@ -536,74 +534,85 @@ void wholeLevel(const TopoMesh& mesh, WholeScratch& s, TopoMesh& out, Origins* o
     // Vertex points, from the sums of the vertex rule gathered at each vertex from its
     // spokes. A sum adds its terms in the order of the old slots (faces by face slot, edges
     // by the slot of their lower half-edge), the order in which one pass over the faces and
-    // one over the edges would add them. In the general form the leaving half-edges are
-    // found after the quads.
-    forChunks(numVertexSlots,
-              [&](int begin, int end)
-              {
-                  std::vector<std::pair<int, int>> faceTerms, edgeTerms; // (slot, far end)
-                  for (int v = begin; v < end; ++v)
-                  {
-                      const int leaving = mesh.getVertexEdge(v);
-                      if (leaving < -1)
-                          continue; // a free slot
-                      const int vp = vertexPointOf(v);
-                      A.vertexEdge[vp] = QuadLayout && leaving >= 0 ? 4 * leaving + 2 : -1;
-                      A.vertexDegree[vp] = mesh.getVertexDegree(v);
-                      if (origins)
-                          origins->vertex[sz(vp)] = v;
-                      // The reads are scattered over the old mesh: ask for the half-edges of
-                      // a vertex a few steps ahead, and for the points those name a little
-                      // nearer, so that they arrive while this vertex is summed.
-                      if (v + 8 < end)
-                          for (int k = spokeStart[v + 8]; k < spokeStart[v + 9]; ++k)
-                              __builtin_prefetch(E + spokes[k]);
-                      if (v + 4 < end)
-                          for (int k = spokeStart[v + 4]; k < spokeStart[v + 5]; ++k)
-                          {
-                              const int h = spokes[k];
-                              __builtin_prefetch(P + E[nextOf(h)].vertex);
-                              __builtin_prefetch(P + E[h].vertex);
-                              __builtin_prefetch(A.points +
-                                                 facePointOf(QuadLayout ? h >> 2 : E[h].face));
-                          }
-                      faceTerms.clear();
-                      edgeTerms.clear();
-                      for (int k = spokeStart[v]; k < spokeStart[v + 1]; ++k)
-                      {
-                          const int h = spokes[k];
-                          const HalfEdge& he = E[h];
-                          if (he.vertex != v)
-                          {
-                              edgeTerms.emplace_back(h, he.vertex); // a boundary edge arriving
-                              continue;
-                          }
-                          faceTerms.emplace_back(QuadLayout ? h >> 2 : he.face, 0);
-                          edgeTerms.emplace_back(he.twin < 0 ? h : std::min(h, he.twin),
-                                                 E[nextOf(h)].vertex);
-                      }
-                      if (!QuadLayout) // there the faces follow the half-edges' order
-                          std::sort(faceTerms.begin(), faceTerms.end());
-                      std::sort(edgeTerms.begin(), edgeTerms.end());
-                      VertexSums sv;
-                      for (const auto& [face, unused] : faceTerms)
-                          sv.facePoints += asVector(A.points[facePointOf(face)]);
-                      const Vector S = asVector(P[v]);
-                      for (const auto& [lead, far] : edgeTerms)
-                      {
-                          const Vector B = asVector(P[far]);
-                          sv.midpoints += (S + B) * 0.5;
-                          if (E[lead].twin < 0)
-                          {
-                              sv.rim += B;
-                              ++sv.numRim;
-                          }
-                      }
-                      sv.numFaces = int(faceTerms.size());
-                      sv.numEdges = int(edgeTerms.size());
-                      A.points[vp] = vertexRule(S, sv);
-                  }
-              });
+    // one over the edges would add them.
+    forChunks(
+        numVertexSlots,
+        [&](int begin, int end)
+        {
+            std::vector<std::pair<int, int>> faceTerms, edgeTerms; // (slot, far end)
+            for (int v = begin; v < end; ++v)
+            {
+                const int leaving = mesh.getVertexEdge(v);
+                if (leaving < -1)
+                    continue; // a free slot
+                const int vp = vertexPointOf(v);
+                A.vertexDegree[vp] = mesh.getVertexDegree(v);
+                if (origins)
+                    origins->vertex[sz(vp)] = v;
+                // The reads are scattered over the old mesh: ask for the half-edges of
+                // a vertex a few steps ahead, and for the points those name a little
+                // nearer, so that they arrive while this vertex is summed.
+                if (v + 8 < end)
+                    for (int k = spokeStart[v + 8]; k < spokeStart[v + 9]; ++k)
+                        __builtin_prefetch(E + spokes[k]);
+                if (v + 4 < end)
+                    for (int k = spokeStart[v + 4]; k < spokeStart[v + 5]; ++k)
+                    {
+                        const int h = spokes[k];
+                        __builtin_prefetch(P + E[nextOf(h)].vertex);
+                        __builtin_prefetch(P + E[h].vertex);
+                        __builtin_prefetch(A.points + facePointOf(QuadLayout ? h >> 2 : E[h].face));
+                    }
+                // The vertex point leaves by the +2 half-edge of the lowest-numbered
+                // quad at v, or of the lowest-numbered one on a boundary edge when
+                // there is one, as meshTwin would choose.
+                int lowest = -1;
+                bool boundary = false;
+                faceTerms.clear();
+                edgeTerms.clear();
+                for (int k = spokeStart[v]; k < spokeStart[v + 1]; ++k)
+                {
+                    const int h = spokes[k];
+                    const HalfEdge& he = E[h];
+                    if (he.vertex != v)
+                    {
+                        edgeTerms.emplace_back(h, he.vertex); // a boundary edge arriving
+                        continue;
+                    }
+                    const int quad = quadAt(h);
+                    const bool open = he.twin < 0;
+                    if (lowest < 0 || (open && !boundary) || (open == boundary && quad < lowest))
+                    {
+                        lowest = quad;
+                        boundary = open;
+                    }
+                    faceTerms.emplace_back(QuadLayout ? h >> 2 : he.face, 0);
+                    edgeTerms.emplace_back(he.twin < 0 ? h : std::min(h, he.twin),
+                                           E[nextOf(h)].vertex);
+                }
+                if (!QuadLayout) // there the faces follow the half-edges' order
+                    std::sort(faceTerms.begin(), faceTerms.end());
+                std::sort(edgeTerms.begin(), edgeTerms.end());
+                VertexSums sv;
+                for (const auto& [face, unused] : faceTerms)
+                    sv.facePoints += asVector(A.points[facePointOf(face)]);
+                const Vector S = asVector(P[v]);
+                for (const auto& [lead, far] : edgeTerms)
+                {
+                    const Vector B = asVector(P[far]);
+                    sv.midpoints += (S + B) * 0.5;
+                    if (E[lead].twin < 0)
+                    {
+                        sv.rim += B;
+                        ++sv.numRim;
+                    }
+                }
+                A.vertexEdge[vp] = lowest < 0 ? -1 : 4 * lowest + 2;
+                sv.numFaces = int(faceTerms.size());
+                sv.numEdges = int(edgeTerms.size());
+                A.points[vp] = vertexRule(S, sv);
+            }
+        });
 
     // The quads.
     HalfEdge* out4 = A.edges;
@@ -642,17 +651,6 @@ void wholeLevel(const TopoMesh& mesh, WholeScratch& s, TopoMesh& out, Origins* o
                 } while (h != first);
             }
         });
-    if (QuadLayout)
-        return;
-    // Each vertex point leaves by its lowest-numbered half-edge, or by its lowest-numbered
-    // boundary one when it has any: visit its +2 half-edges in increasing order.
-    for (int q = 0; q < numQuads; ++q)
-    {
-        const HalfEdge& spoke = out4[4 * q + 2];
-        int& leaving = A.vertexEdge[spoke.vertex];
-        if (leaving < 0 || (spoke.twin < 0 && out4[leaving].twin >= 0))
-            leaving = 4 * q + 2;
-    }
 }
 
 // Follows one level's origins back to the first input: composed[i] = before[origins[i]].
