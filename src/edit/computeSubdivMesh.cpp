@@ -324,7 +324,15 @@ struct WholeScratch
     qy::RawVector<int> vertexPoint; ///< by vertex slot
     /// The half-edges at each vertex, in slot order: those leaving it and the boundary ones
     /// arriving at it. Vertex v's run starts at spokeStart[v] and ends at spokeStart[v + 1].
-    qy::RawVector<int> spokeStart, spokes;
+    qy::RawVector<int> spokeStart;
+    struct Spoke
+    {
+        int face; ///< the face of a leaving half-edge; -1 for a boundary one arriving
+        int quad; ///< the new quad at a leaving half-edge; -1 for a boundary one arriving
+        int lead; ///< the lower half-edge of the edge (the only one on a boundary)
+        int far;  ///< the edge's other end; ~end on a boundary edge
+    };
+    qy::RawVector<Spoke> spokes;
 };
 
 // The vertex rule from the sums around old position S.
@@ -435,15 +443,21 @@ void wholeLevel(const TopoMesh& mesh, WholeScratch& s, TopoMesh& out, Origins* o
     for (int v = 0; v < numVertexSlots; ++v)
         spokeStart[v + 1] += spokeStart[v];
     s.spokes.resize(sz(spokeStart[numVertexSlots]));
-    int* spokes = s.spokes.data();
+    WholeScratch::Spoke* spokes = s.spokes.data();
     for (int e = 0; e < numEdgeSlots; ++e)
     {
         const HalfEdge& h = E[e];
         if (h.vertex < 0)
             continue;
-        spokes[spokeStart[h.vertex]++] = e;
+        const int b = E[nextOf(e)].vertex;
+        const int face = QuadLayout ? e >> 2 : h.face;
         if (h.twin < 0)
-            spokes[spokeStart[E[nextOf(e)].vertex]++] = e;
+        {
+            spokes[spokeStart[h.vertex]++] = {face, quadAt(e), e, ~b};
+            spokes[spokeStart[b]++] = {-1, -1, e, ~h.vertex};
+        }
+        else
+            spokes[spokeStart[h.vertex]++] = {face, quadAt(e), std::min(e, h.twin), b};
     }
     for (int v = numVertexSlots; v > 0; --v)
         spokeStart[v] = spokeStart[v - 1];
@@ -535,84 +549,75 @@ void wholeLevel(const TopoMesh& mesh, WholeScratch& s, TopoMesh& out, Origins* o
     // spokes. A sum adds its terms in the order of the old slots (faces by face slot, edges
     // by the slot of their lower half-edge), the order in which one pass over the faces and
     // one over the edges would add them.
-    forChunks(
-        numVertexSlots,
-        [&](int begin, int end)
-        {
-            std::vector<std::pair<int, int>> faceTerms, edgeTerms; // (slot, far end)
-            for (int v = begin; v < end; ++v)
-            {
-                const int leaving = mesh.getVertexEdge(v);
-                if (leaving < -1)
-                    continue; // a free slot
-                const int vp = vertexPointOf(v);
-                A.vertexDegree[vp] = mesh.getVertexDegree(v);
-                if (origins)
-                    origins->vertex[sz(vp)] = v;
-                // The reads are scattered over the old mesh: ask for the half-edges of
-                // a vertex a few steps ahead, and for the points those name a little
-                // nearer, so that they arrive while this vertex is summed.
-                if (v + 8 < end)
-                    for (int k = spokeStart[v + 8]; k < spokeStart[v + 9]; ++k)
-                        __builtin_prefetch(E + spokes[k]);
-                if (v + 4 < end)
-                    for (int k = spokeStart[v + 4]; k < spokeStart[v + 5]; ++k)
-                    {
-                        const int h = spokes[k];
-                        __builtin_prefetch(P + E[nextOf(h)].vertex);
-                        __builtin_prefetch(P + E[h].vertex);
-                        __builtin_prefetch(A.points + facePointOf(QuadLayout ? h >> 2 : E[h].face));
-                    }
-                // The vertex point leaves by the +2 half-edge of the lowest-numbered
-                // quad at v, or of the lowest-numbered one on a boundary edge when
-                // there is one, as meshTwin would choose.
-                int lowest = -1;
-                bool boundary = false;
-                faceTerms.clear();
-                edgeTerms.clear();
-                for (int k = spokeStart[v]; k < spokeStart[v + 1]; ++k)
-                {
-                    const int h = spokes[k];
-                    const HalfEdge& he = E[h];
-                    if (he.vertex != v)
-                    {
-                        edgeTerms.emplace_back(h, he.vertex); // a boundary edge arriving
-                        continue;
-                    }
-                    const int quad = quadAt(h);
-                    const bool open = he.twin < 0;
-                    if (lowest < 0 || (open && !boundary) || (open == boundary && quad < lowest))
-                    {
-                        lowest = quad;
-                        boundary = open;
-                    }
-                    faceTerms.emplace_back(QuadLayout ? h >> 2 : he.face, 0);
-                    edgeTerms.emplace_back(he.twin < 0 ? h : std::min(h, he.twin),
-                                           E[nextOf(h)].vertex);
-                }
-                if (!QuadLayout) // there the faces follow the half-edges' order
-                    std::sort(faceTerms.begin(), faceTerms.end());
-                std::sort(edgeTerms.begin(), edgeTerms.end());
-                VertexSums sv;
-                for (const auto& [face, unused] : faceTerms)
-                    sv.facePoints += asVector(A.points[facePointOf(face)]);
-                const Vector S = asVector(P[v]);
-                for (const auto& [lead, far] : edgeTerms)
-                {
-                    const Vector B = asVector(P[far]);
-                    sv.midpoints += (S + B) * 0.5;
-                    if (E[lead].twin < 0)
-                    {
-                        sv.rim += B;
-                        ++sv.numRim;
-                    }
-                }
-                A.vertexEdge[vp] = lowest < 0 ? -1 : 4 * lowest + 2;
-                sv.numFaces = int(faceTerms.size());
-                sv.numEdges = int(edgeTerms.size());
-                A.points[vp] = vertexRule(S, sv);
-            }
-        });
+    forChunks(numVertexSlots,
+              [&](int begin, int end)
+              {
+                  std::vector<int> faceTerms;                 // face slots
+                  std::vector<std::pair<int, int>> edgeTerms; // (lower half-edge, far end)
+                  for (int v = begin; v < end; ++v)
+                  {
+                      const int leaving = mesh.getVertexEdge(v);
+                      if (leaving < -1)
+                          continue; // a free slot
+                      const int vp = vertexPointOf(v);
+                      A.vertexDegree[vp] = mesh.getVertexDegree(v);
+                      if (origins)
+                          origins->vertex[sz(vp)] = v;
+                      // The points are scattered over the old mesh: ask for those of a vertex a
+                      // few steps ahead, so that they arrive while this one is summed.
+                      if (v + 4 < end)
+                          for (int k = spokeStart[v + 4]; k < spokeStart[v + 5]; ++k)
+                          {
+                              const WholeScratch::Spoke& ahead = spokes[k];
+                              __builtin_prefetch(P + (ahead.far < 0 ? ~ahead.far : ahead.far));
+                              if (ahead.face >= 0)
+                                  __builtin_prefetch(A.points + facePointOf(ahead.face));
+                          }
+                      // The vertex point leaves by the +2 half-edge of the lowest-numbered
+                      // quad at v, or of the lowest-numbered one on a boundary edge when
+                      // there is one, as meshTwin would choose.
+                      int lowest = -1;
+                      bool boundary = false;
+                      faceTerms.clear();
+                      edgeTerms.clear();
+                      for (int k = spokeStart[v]; k < spokeStart[v + 1]; ++k)
+                      {
+                          const WholeScratch::Spoke& spoke = spokes[k];
+                          edgeTerms.emplace_back(spoke.lead, spoke.far);
+                          if (spoke.face < 0)
+                              continue; // a boundary half-edge arriving
+                          const bool open = spoke.far < 0;
+                          if (lowest < 0 || (open && !boundary) ||
+                              (open == boundary && spoke.quad < lowest))
+                          {
+                              lowest = spoke.quad;
+                              boundary = open;
+                          }
+                          faceTerms.push_back(spoke.face);
+                      }
+                      if (!QuadLayout) // quads of a quad layout come in the order of their faces
+                          std::sort(faceTerms.begin(), faceTerms.end());
+                      std::sort(edgeTerms.begin(), edgeTerms.end());
+                      VertexSums sv;
+                      for (const int face : faceTerms)
+                          sv.facePoints += asVector(A.points[facePointOf(face)]);
+                      const Vector S = asVector(P[v]);
+                      for (const auto& [lead, far] : edgeTerms)
+                      {
+                          const Vector B = asVector(P[far < 0 ? ~far : far]);
+                          sv.midpoints += (S + B) * 0.5;
+                          if (far < 0)
+                          {
+                              sv.rim += B;
+                              ++sv.numRim;
+                          }
+                      }
+                      A.vertexEdge[vp] = lowest < 0 ? -1 : 4 * lowest + 2;
+                      sv.numFaces = int(faceTerms.size());
+                      sv.numEdges = int(edgeTerms.size());
+                      A.points[vp] = vertexRule(S, sv);
+                  }
+              });
 
     // The quads.
     HalfEdge* out4 = A.edges;
