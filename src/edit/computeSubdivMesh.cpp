@@ -7,6 +7,8 @@
 // slot, which is the entity's key: the slot arrays are a hash table whose hash is the
 // identity. The partial form runs the same level with a flag per face that says which faces
 // are refined; the others are copied with the midpoints of their border edges as new corners.
+// A level over the whole mesh into a new mesh (wholeLevel) writes the new mesh's arrays
+// directly, on the thread pool, with the twins derived from the old mesh's.
 #include "qyGeom/computeSubdivMesh.h"
 
 #include <algorithm>
@@ -368,9 +370,9 @@ template <class Fn> void forChunks(int n, Fn&& fn)
 //   +3  edge point of h -> face point   twin: +0 of the quad of next(h)
 // so that an old boundary half-edge leaves boundary half-edges at +1 and +2, and nothing else.
 //
-// The positions and the quads are computed per element on the pool; the sums of the vertex
-// rule are gathered in one thread, in slot order, so that they are the same to the bit
-// whatever the number of threads.
+// Every pass on the pool computes each element from the old mesh alone and writes only its
+// own slots; the sums of the vertex rule add their terms in a fixed order (slot order). So
+// the result is the same to the bit whatever the number of threads.
 //
 // QuadLayout: the input is the output of an earlier level (no free slots; face f is a quad
 // on half-edges 4f to 4f + 3). Then the quad of h is h and the links follow from the
