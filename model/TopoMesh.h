@@ -410,9 +410,9 @@ public:
     /// For builders that know the whole connectivity, twins included (subdivision): replaces
     /// the contents by numVertices vertices, numEdges half-edges and numFaces faces, all live
     /// with tag -1, and returns the arrays for the caller to fill. Half-edges, leaving
-    /// half-edges, degrees and face half-edges are left unset (points are at the origin), and
-    /// the caller must set every one: each half-edge whole, with its twin (-1 on a boundary)
-    /// set on both sides; each face's first half-edge; each vertex's degree and leaving
+    /// half-edges, degrees and face half-edges hold nothing meaningful (points are at the
+    /// origin) until the caller sets every one: each half-edge whole, with its twin (-1 on a
+    /// boundary) set on both sides; each face's first half-edge; each vertex's degree and leaving
     /// half-edge as meshTwin leaves them, that is, its lowest-numbered twinless leaving
     /// half-edge when it has one, else its lowest-numbered leaving half-edge (-1 for an
     /// isolated vertex). Nothing is checked.
