@@ -161,6 +161,17 @@ public:
         reserve(64);
         m_used = std::size_t(formatFloat(v, m_digits, m_buffer + m_used) - m_buffer);
     }
+    /// The shortest text that reads back to the same float32, or %.<digits>g.
+    void putFloatExact(float v)
+    {
+        reserve(64);
+        char* const at = m_buffer + m_used;
+        m_used = std::size_t((m_digits ? std::to_chars(at, at + maxFloatBytes, v,
+                                                       std::chars_format::general, m_digits)
+                                       : std::to_chars(at, at + maxFloatBytes, v))
+                                 .ptr -
+                             m_buffer);
+    }
     int digits() const { return m_digits; }
     /// Room for n bytes (n at most the buffer's size) to be written at the pointer returned;
     /// commit() then takes what was written.

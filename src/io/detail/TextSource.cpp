@@ -190,6 +190,11 @@ void TextSource::forEachPiece(
     qyUtil::ThreadPool::get().run(job);
 }
 
+std::size_t TextSource::read(char* out, std::size_t n) const
+{
+    return readFully(m_fd, out, n, -1);
+}
+
 bool TextSource::nextBlock(Blocks& blocks, std::size_t bytes, TextRange& out) const
 {
     if (blocks.done)

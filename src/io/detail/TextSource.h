@@ -92,6 +92,10 @@ public:
     /// last block too. A read that fails ends the text there. False when the text is done.
     bool nextBlock(Blocks& blocks, std::size_t bytes, TextRange& out) const;
 
+    /// Reads up to `n` bytes of a file from where the last read stopped (start to end, once);
+    /// short only at the end of the file or when a read fails. @pre a file, not a block.
+    std::size_t read(char* out, std::size_t n) const;
+
 private:
     const char* m_data = nullptr; ///< the memory block, if it is one
     int m_fd = -1;

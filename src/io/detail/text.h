@@ -4,6 +4,7 @@
 #pragma once
 
 #include <algorithm>
+#include <charconv>
 #include <cstddef>
 #include <cstdint>
 
@@ -125,6 +126,28 @@ inline Decimal scanDecimal(const char* p, const char* end)
 /// conversion; when nothing converts, returns 0 and sets *stop to p. Overflow gives +-inf,
 /// underflow the rounded tiny value.
 double parseDouble(const char* p, const char* end, const char** stop);
+
+/// Scans the number at p (no white space is skipped) straight to float32, correctly rounded
+/// from its decimal text (no double rounding through a double): an optional sign, then a
+/// decimal number, "inf", "infinity" or "nan". Returns the end of the number, or p when there
+/// is none.
+inline const char* scanFloat(const char* p, const char* end, float& value)
+{
+    const char* q = p < end && *p == '+' ? p + 1 : p;
+    if (q < end && *q == '+')
+        return p;
+    const std::from_chars_result r = std::from_chars(q, end, value, std::chars_format::general);
+    if (r.ec == std::errc::invalid_argument)
+        return p;
+    if (r.ec == std::errc::result_out_of_range)
+    {
+        // Beyond the float range: the value as strtod converts it, rounded to float.
+        const char* stop;
+        value = float(parseDouble(p, end, &stop));
+        return stop;
+    }
+    return r.ptr;
+}
 
 /// As atoi in glibc: strtol (base 10, leading white space, optional sign) saturated to the
 /// range of long, then truncated to int. Text that does not convert gives 0 (and *stop = p).

@@ -1,0 +1,459 @@
+// STL files: binary (an 80-byte header, a triangle count, 50 bytes per triangle) streamed
+// through the weld block by block, or ASCII facets read word by word.
+#include "qyGeom/meshStl.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cmath>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "io/detail/MeshFormat.h"
+#include "io/detail/TextOut.h"
+#include "model/CompactMesh.h"
+
+namespace qyGeom
+{
+
+namespace
+{
+
+using detail::Lines;
+using detail::MeshArrays;
+using detail::ReadFailure;
+using detail::Words;
+
+constexpr std::size_t headerBytes = 84, triangleBytes = 50;
+/// The most triangles whose corners still count in an int.
+constexpr std::uint64_t maxTriangles = 715827882;
+
+/// Welds corners into vertices by their exact coordinates: an open-addressing hash table of
+/// vertex indices over the vertex array, kept at most half full.
+class Welder
+{
+public:
+    Welder(std::vector<float>& xyz, std::size_t expected) : m_xyz(xyz)
+    {
+        std::size_t capacity = 1024;
+        while (capacity < 2 * expected)
+            capacity *= 2;
+        m_table.assign(capacity, -1);
+        m_mask = capacity - 1;
+        m_xyz.reserve(3 * expected);
+    }
+
+    /// The vertex of the corner at p (three floats), added when new.
+    int add(const float* p)
+    {
+        std::size_t slot = hash(p) & m_mask;
+        for (;;)
+        {
+            const int v = m_table[slot];
+            if (v < 0)
+                break;
+            const float* q = m_xyz.data() + 3 * std::size_t(v);
+            if (q[0] == p[0] && q[1] == p[1] && q[2] == p[2])
+                return v;
+            slot = (slot + 1) & m_mask;
+        }
+        const int v = int(m_xyz.size() / 3);
+        m_xyz.insert(m_xyz.end(), p, p + 3);
+        m_table[slot] = v;
+        if (2 * std::size_t(v + 1) > m_table.size())
+            grow();
+        return v;
+    }
+
+private:
+    static std::uint32_t bits(float f)
+    {
+        std::uint32_t b;
+        std::memcpy(&b, &f, 4);
+        // -0 equals 0, so both must land in one slot.
+        return b == 0x80000000u ? 0 : b;
+    }
+    static std::size_t hash(const float* p)
+    {
+        std::uint64_t h = bits(p[0]) * 0x9E3779B97F4A7C15ull;
+        h ^= (h >> 29) + bits(p[1]) * 0xC2B2AE3D27D4EB4Full;
+        h ^= (h >> 31) + bits(p[2]) * 0x165667B19E3779F9ull;
+        return std::size_t(h ^ (h >> 32));
+    }
+    void grow()
+    {
+        m_table.assign(2 * m_table.size(), -1);
+        m_mask = m_table.size() - 1;
+        const int n = int(m_xyz.size() / 3);
+        for (int v = 0; v < n; ++v)
+        {
+            std::size_t slot = hash(m_xyz.data() + 3 * std::size_t(v)) & m_mask;
+            while (m_table[slot] >= 0)
+                slot = (slot + 1) & m_mask;
+            m_table[slot] = v;
+        }
+    }
+
+    std::vector<float>& m_xyz;
+    std::vector<int> m_table;
+    std::size_t m_mask;
+};
+
+bool isBinary(const char* head, std::size_t headSize, std::size_t size)
+{
+    if (size >= headerBytes &&
+        headerBytes + triangleBytes * std::uint64_t(detail::loadU32LE(head + 80)) == size)
+        return true;
+    const char* p = head;
+    const char* const end = head + headSize;
+    while (p < end && (*p == ' ' || *p == '\t' || *p == '\r' || *p == '\n'))
+        ++p;
+    if (end - p < 5 || strncasecmp(p, "solid", 5) != 0)
+        return true;
+    return std::memchr(head, 0, headSize) != nullptr;
+}
+
+/// Welds the triangles of binary body bytes [p, p + 50 n) into `out` from triangle `first`.
+void weldTriangles(const char* p, std::size_t n, std::size_t first, Welder& welder, MeshArrays& out)
+{
+    int* tri = out.corners.data() + 3 * first;
+    for (std::size_t t = 0; t < n; ++t, p += triangleBytes, tri += 3)
+        for (int k = 0; k < 3; ++k)
+        {
+            float c[3];
+            for (int j = 0; j < 3; ++j)
+            {
+                const std::uint32_t b = detail::loadU32LE(p + 12 + 12 * k + 4 * j);
+                std::memcpy(&c[j], &b, 4);
+            }
+            tri[k] = welder.add(c);
+        }
+}
+
+/// Checks the binary file's size against its count; returns the count.
+std::size_t binaryCount(const char* head, std::size_t size, const ReadFailure& failure)
+{
+    if (size < headerBytes)
+        failure.fail("%zu bytes are too few for a binary STL file (84 at least) and it is not "
+                     "ASCII STL (\"solid ...\")",
+                     size);
+    const std::uint64_t n = detail::loadU32LE(head + 80);
+    const std::uint64_t need = headerBytes + triangleBytes * n;
+    if (need > size)
+        failure.fail("the header's %llu triangles need %llu bytes, but the file has %zu (it "
+                     "ends inside triangle %llu)",
+                     (unsigned long long)n, (unsigned long long)need, size,
+                     (unsigned long long)((size - headerBytes) / triangleBytes + 1));
+    if (need < size)
+        failure.fail("%zu bytes after the header's %llu triangles", std::size_t(size - need),
+                     (unsigned long long)n);
+    if (n > maxTriangles)
+        failure.fail("%llu triangles are more than this reader takes (%llu)", (unsigned long long)n,
+                     (unsigned long long)maxTriangles);
+    return std::size_t(n);
+}
+
+/// The ASCII form, word by word over the lines.
+class AsciiStl
+{
+public:
+    AsciiStl(const char* p, const char* end, const ReadFailure& failure)
+        : m_lines(p, end), m_words(p, p), m_failure(failure)
+    {
+    }
+
+    void read(MeshArrays& out)
+    {
+        Welder welder(out.xyz, 1024);
+        std::string_view w;
+        int solids = 0;
+        while (nextWord(w))
+        {
+            if (!is(w, "solid"))
+                m_failure.atLine(m_lines.line(), "expected \"solid\", found '%.*s'", int(w.size()),
+                                 w.data());
+            ++solids;
+            skipLine(); // the solid's name
+            for (;;)
+            {
+                need(w, "facet\" or \"endsolid");
+                if (is(w, "endsolid"))
+                {
+                    skipLine();
+                    break;
+                }
+                if (!is(w, "facet"))
+                    unexpected(w, "facet\" or \"endsolid");
+                expect("normal");
+                float n[3];
+                for (float& c : n)
+                    number(c);
+                expect("outer");
+                expect("loop");
+                int tri[3];
+                for (int k = 0; k < 3; ++k)
+                {
+                    need(w, "vertex");
+                    if (!is(w, "vertex"))
+                        m_failure.atLine(m_lines.line(),
+                                         k == 0 ? "expected \"vertex\", found '%.*s'"
+                                                : "a facet of fewer than 3 vertices ('%.*s')",
+                                         int(w.size()), w.data());
+                    float c[3];
+                    for (float& x : c)
+                        number(x);
+                    tri[k] = welder.add(c);
+                }
+                need(w, "endloop");
+                if (is(w, "vertex"))
+                    m_failure.atLine(m_lines.line(), "a facet of more than 3 vertices");
+                if (!is(w, "endloop"))
+                    unexpected(w, "endloop");
+                expect("endfacet");
+                out.corners.insert(out.corners.end(), tri, tri + 3);
+            }
+        }
+        if (solids == 0)
+            m_failure.fail("no \"solid\" in the file");
+    }
+
+private:
+    static bool is(std::string_view w, const char* keyword)
+    {
+        return w.size() == std::strlen(keyword) && strncasecmp(w.data(), keyword, w.size()) == 0;
+    }
+    bool nextWord(std::string_view& w)
+    {
+        while (!m_words.next(w))
+        {
+            if (!m_lines.next())
+                return false;
+            m_words = Words(m_lines.begin, m_lines.end);
+        }
+        return true;
+    }
+    void skipLine() { m_words = Words(m_lines.end, m_lines.end); }
+    [[noreturn]] void unexpected(std::string_view w, const char* what) const
+    {
+        m_failure.atLine(m_lines.line(), "expected \"%s\", found '%.*s'", what, int(w.size()),
+                         w.data());
+    }
+    void need(std::string_view& w, const char* what)
+    {
+        if (!nextWord(w))
+            m_failure.atLine(m_lines.line(), "the file ends where \"%s\" is expected", what);
+    }
+    void expect(const char* keyword)
+    {
+        std::string_view w;
+        need(w, keyword);
+        if (!is(w, keyword))
+            unexpected(w, keyword);
+    }
+    void number(float& v)
+    {
+        std::string_view w;
+        need(w, "a number");
+        Words one(w.data(), w.data() + w.size());
+        if (!one.number(v))
+            m_failure.atLine(m_lines.line(), "'%.*s' is not a number", int(w.size()), w.data());
+    }
+
+    Lines m_lines;
+    Words m_words;
+    const ReadFailure& m_failure;
+};
+
+qyUtil::Error readMemory(CompactMesh& mesh, const char* p, std::size_t size,
+                         const ReadFailure& failure)
+{
+    try
+    {
+        MeshArrays out;
+        const std::size_t headSize = std::min<std::size_t>(size, 512);
+        if (isBinary(p, headSize, size))
+        {
+            const std::size_t n = binaryCount(p, size, failure);
+            out.corners.resize(3 * n);
+            Welder welder(out.xyz, n / 2 + 16);
+            weldTriangles(p + headerBytes, n, 0, welder, out);
+        }
+        else
+            AsciiStl(p, p + size, failure).read(out);
+        out.build(mesh);
+    }
+    catch (const qyUtil::Error& e)
+    {
+        return e;
+    }
+    return {};
+}
+
+// ---------------------------------------------------------------------------------------
+// Writing
+
+/// The unit normal of a triangle, 0 0 0 when it has no area.
+void normalOf(const float* a, const float* b, const float* c, float* n)
+{
+    const double u[3] = {double(b[0]) - a[0], double(b[1]) - a[1], double(b[2]) - a[2]};
+    const double v[3] = {double(c[0]) - a[0], double(c[1]) - a[1], double(c[2]) - a[2]};
+    const double x = u[1] * v[2] - u[2] * v[1], y = u[2] * v[0] - u[0] * v[2],
+                 z = u[0] * v[1] - u[1] * v[0];
+    const double len = std::sqrt(x * x + y * y + z * z);
+    const double s = len > 0 && std::isfinite(len) ? 1 / len : 0;
+    n[0] = float(x * s);
+    n[1] = float(y * s);
+    n[2] = float(z * s);
+}
+
+/// Calls fn(a, b, c) for every triangle of the mesh: its triangles, then its polygons as
+/// fans from their first corner.
+template <class Fn> void forEachTriangle(const CompactMesh& mesh, Fn fn)
+{
+    detail::MeshFaces faces(mesh);
+    for (int f = 0; f < faces.size(); ++f)
+    {
+        const int* c;
+        const int n = faces.corners(f, c);
+        for (int k = 1; k + 1 < n; ++k)
+            fn(c[0], c[k], c[k + 1]);
+    }
+}
+
+void writeStl(const CompactMesh& mesh, detail::TextOut& out, StlEncoding encoding)
+{
+    const float* xyz = mesh.getVerticesRaw();
+    auto corner = [&](int v) { return xyz + 3 * std::ptrdiff_t(v); };
+    if (encoding == StlEncoding::Binary)
+    {
+        std::uint64_t count = 0;
+        forEachTriangle(mesh, [&](int, int, int) { ++count; });
+        char header[headerBytes];
+        std::memset(header, ' ', 80);
+        const char title[] = "binary STL, qyGeom";
+        std::memcpy(header, title, sizeof title - 1);
+        detail::storeU32LE(header + 80, std::uint32_t(std::min<std::uint64_t>(count, 0xFFFFFFFFu)));
+        out.put(header, headerBytes);
+        forEachTriangle(mesh,
+                        [&](int a, int b, int c)
+                        {
+                            float n[3];
+                            normalOf(corner(a), corner(b), corner(c), n);
+                            char* p = out.room(triangleBytes);
+                            const float* parts[4] = {n, corner(a), corner(b), corner(c)};
+                            for (int k = 0; k < 4; ++k)
+                                for (int j = 0; j < 3; ++j)
+                                {
+                                    std::uint32_t bits;
+                                    std::memcpy(&bits, parts[k] + j, 4);
+                                    detail::storeU32LE(p + 12 * k + 4 * j, bits);
+                                }
+                            p[48] = p[49] = 0;
+                            out.commit(p + triangleBytes);
+                        });
+        return;
+    }
+    auto put3 = [&](const float* v)
+    {
+        for (int j = 0; j < 3; ++j)
+        {
+            out.put(' ');
+            out.putFloatExact(v[j]);
+        }
+        out.put('\n');
+    };
+    out.put("solid mesh\n");
+    forEachTriangle(mesh,
+                    [&](int a, int b, int c)
+                    {
+                        float n[3];
+                        normalOf(corner(a), corner(b), corner(c), n);
+                        out.put("  facet normal");
+                        put3(n);
+                        out.put("    outer loop\n");
+                        for (const int v : {a, b, c})
+                        {
+                            out.put("      vertex");
+                            put3(corner(v));
+                        }
+                        out.put("    endloop\n  endfacet\n");
+                    });
+    out.put("endsolid mesh\n");
+}
+
+} // namespace
+
+qyUtil::Error meshReadStl(CompactMesh& mesh, const qyOS::Filename& file)
+{
+    const ReadFailure failure(file);
+    try
+    {
+        detail::TextSource source;
+        errno = 0;
+        if (!source.open(file.c_str(), detail::TextSource::Files::RegularOnly))
+            failure.cannotRead(errno ? errno : EINVAL);
+        const std::size_t size = source.size();
+        char head[512];
+        const std::size_t headSize = source.read(head, std::min(size, sizeof head));
+        if (headSize != std::min(size, sizeof head))
+            failure.cannotRead(errno ? errno : EIO);
+        if (!isBinary(head, headSize, size))
+        {
+            // ASCII: read whole from a source of its own (this one has moved on).
+            detail::TextSource::Whole text;
+            detail::readWholeFile(file, text, failure);
+            return readMemory(mesh, text.data(), text.size(), failure);
+        }
+        const std::size_t n = binaryCount(head, size, failure);
+        MeshArrays out;
+        out.corners.resize(3 * n);
+        Welder welder(out.xyz, n / 2 + 16);
+        // The body goes through a buffer of whole triangles that stays in the cache; the
+        // triangles in the head's buffer come first.
+        std::size_t done = 0;
+        const std::size_t inHead = std::min(n, (headSize - headerBytes) / triangleBytes);
+        weldTriangles(head + headerBytes, inHead, 0, welder, out);
+        done = inHead;
+        const std::size_t headRest = headSize - headerBytes - inHead * triangleBytes;
+        constexpr std::size_t blockTriangles = 4096;
+        std::vector<char> block(blockTriangles * triangleBytes);
+        std::memcpy(block.data(), head + headSize - headRest, headRest);
+        std::size_t carry = headRest;
+        while (done < n)
+        {
+            const std::size_t want = std::min(blockTriangles, n - done) * triangleBytes - carry;
+            const std::size_t got = source.read(block.data() + carry, want);
+            if (got != want)
+                failure.fail("the file shrank while it was read (at triangle %zu of %zu)", done + 1,
+                             n);
+            const std::size_t count = (carry + got) / triangleBytes;
+            weldTriangles(block.data(), count, done, welder, out);
+            done += count;
+            carry = 0;
+        }
+        out.build(mesh);
+    }
+    catch (const qyUtil::Error& e)
+    {
+        return e;
+    }
+    return {};
+}
+
+qyUtil::Error meshReadStl(CompactMesh& mesh, const char* data, unsigned int length)
+{
+    return readMemory(mesh, data, data ? length : 0, ReadFailure());
+}
+
+bool meshWriteStl(const CompactMesh& mesh, const qyOS::Filename& file, StlEncoding encoding,
+                  const MeshWriteOptions& options)
+{
+    const detail::Checking check{"meshWriteStl"};
+    detail::TextOut out(file.c_str(), detail::digitsOf(options));
+    if (!out.isOpen())
+        return check.failed(file, out.error());
+    writeStl(mesh, out, encoding);
+    return out.close() || check.failed(file, out.error());
+}
+
+} // namespace qyGeom
