@@ -64,7 +64,7 @@ if command -v clang++ >/dev/null; then
     echo "== Fuzz targets (clang, libFuzzer + AddressSanitizer + UndefinedBehaviorSanitizer): corpus replay"
     CXX=clang++ cmake -S fuzz -B build/ci-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo
     cmake --build build/ci-fuzz -j"$jobs"
-    for target in readObjMemory readObj2 readObjMaterial meshRead; do
+    for target in readObjMemory readObj2 readObjMaterial meshRead readPly readStl readOff; do
         build/ci-fuzz/$target -runs=0 -close_fd_mask=1 fuzz/corpus/$target
     done
 fi
