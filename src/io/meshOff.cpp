@@ -44,6 +44,7 @@ public:
         return false;
     }
     int line() const { return m_lines.line(); }
+    int endLine() const { return m_lines.endLine(); }
     const char* rest() const { return m_lines.rest(); }
 
     const char* begin = nullptr;
@@ -101,7 +102,7 @@ void readOff(const char* p, const char* end, MeshArrays& out, const ReadFailure&
         while (words.done())
         {
             if (!lines.next())
-                failure.atLine(lines.line(), "the file ends before the %s", what);
+                failure.atLine(lines.endLine(), "the file ends before the %s", what);
             words = Words(lines.begin, lines.end);
         }
         if (!words.integer(v))
@@ -154,7 +155,7 @@ void readOff(const char* p, const char* end, MeshArrays& out, const ReadFailure&
     for (std::size_t i = 0; i < n; ++i)
     {
         if (!lines.next())
-            failure.atLine(lines.line(), "the file ends after %zu of its %lld vertices", i, nv);
+            failure.atLine(lines.endLine(), "the file ends after %zu of its %lld vertices", i, nv);
         const int numbers = countWords(lines.begin, lines.end);
         const int channels = numbers - fixed;
         if (key.colour ? (channels != 3 && channels != 4) : channels != 0)
@@ -188,7 +189,7 @@ void readOff(const char* p, const char* end, MeshArrays& out, const ReadFailure&
     for (long long f = 0; f < nf; ++f)
     {
         if (!lines.next())
-            failure.atLine(lines.line(), "the file ends after %lld of its %lld faces", f, nf);
+            failure.atLine(lines.endLine(), "the file ends after %lld of its %lld faces", f, nf);
         Words v(lines.begin, lines.end);
         long long count;
         if (!v.integer(count) || count < 0)

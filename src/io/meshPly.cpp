@@ -230,7 +230,7 @@ Header readHeader(const char* p, const char* end, const ReadFailure& failure)
         else
             failure.atLine(line, "unknown header line '%.*s'", int(w.size()), w.data());
     }
-    failure.atLine(lines.line(), "the header has no \"end_header\" line");
+    failure.atLine(lines.endLine(), "the header has no \"end_header\" line");
 }
 
 /// What a colour channel of type t is divided by to scale it to [0, 1] (a division, so that
@@ -663,7 +663,7 @@ void readAsciiBody(const Header& h, const Plan& plan, const char* end, MeshArray
         while (lines.next())
             if (!Words(lines.begin, lines.end).done())
                 return;
-        failure.atLine(lines.line(),
+        failure.atLine(lines.endLine(),
                        "the file ends after %lld of the %lld entries of element "
                        "'%s'",
                        entry, e.count, e.name.c_str());

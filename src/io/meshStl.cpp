@@ -323,7 +323,7 @@ private:
     void need(std::string_view& w, const char* what)
     {
         if (!nextWord(w))
-            m_failure.atLine(m_lines.line(), "the file ends where \"%s\" is expected", what);
+            m_failure.atLine(m_lines.endLine(), "the file ends where \"%s\" is expected", what);
     }
     void expect(const char* keyword)
     {

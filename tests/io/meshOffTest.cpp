@@ -89,7 +89,7 @@ TEST(meshOff, RefusesBadInputWithOneLineNamingTheFileAndTheLine)
         {"", "the file is empty"},
         {"OFF BINARY\n", "line 1: binary OFF is not read"},
         {"nOFF 4\n", "line 1: a dimension of 4"},
-        {"OFF\n", "line 1: the file ends before the vertex count"},
+        {"OFF\n", "line 2: the file ends before the vertex count"},
         {"OFF\n3 x\n", "line 2: expected the face count"},
         {"OFF\n-3 1\n", "line 2: counts of -3 vertices and 1 faces are out of range"},
         {"OFF\n2000000000 2000000000\n", "line 2: the header's 2000000000 vertices and "
@@ -98,7 +98,7 @@ TEST(meshOff, RefusesBadInputWithOneLineNamingTheFileAndTheLine)
         {head + "4 0 1 2\n", "line 6: a face of 4 corners with 3 indices"},
         {head + "3 0 1 2 1 1 1 1 1\n", "line 6: more than a face colour after the indices"},
         {"OFF\n3 2 0\n0 0 0\n1 0 0\n0 1 0\n3 0 1 2\n#\n",
-         "line 7: the file ends after 1 of its 2 faces"},
+         "line 8: the file ends after 1 of its 2 faces"},
         {"OFF\n3 1 0\n0 0 0\n1 0\n0 1 0\n3 0 1 2\n", "line 4: a vertex of 2 numbers (expected 3)"},
         {"COFF\n3 1 0\n0 0 0\n1 0 0 1\n0 1 0\n3 0 1 2\n",
          "line 3: a vertex of 3 numbers (expected 6 or one more)"},

@@ -125,7 +125,7 @@ TEST(meshPly, RefusesBadInputWithOneLineNamingTheFileAndTheLine)
     const Case cases[] = {
         {"plx\n", "line 1: not a PLY file"},
         {"ply\nformat ascii 1.0\nelement vertex 1\nproperty float x\n",
-         "line 4: the header has no \"end_header\" line"},
+         "line 5: the header has no \"end_header\" line"},
         {"ply\nformat ascii 1.0\nelement vertex 1\nproperty float x\nend_header\n0\n",
          "line 3: the vertices have no x, y and z"},
         {"ply\nformat ascii 1.0\nelement vertex 1\nproperty real x\n", "line 4: unknown property"},
@@ -141,7 +141,7 @@ TEST(meshPly, RefusesBadInputWithOneLineNamingTheFileAndTheLine)
          "property float z\nelement face 3\nproperty list uchar int vertex_indices\n"
          "end_header\n" +
              verts + "3 0 1 2\n3 0 1 2\n",
-         "line 14: the file ends after 2 of the 3 entries of element 'face'"},
+         "line 15: the file ends after 2 of the 3 entries of element 'face'"},
         // Absurd counts are refused from the header alone, before any allocation.
         {"ply\nformat binary_little_endian 1.0\nelement vertex 2000000000\nproperty float x\n"
          "property float y\nproperty float z\nend_header\n",
@@ -204,7 +204,7 @@ TEST(meshPly, RefusesBadInputWithOneLineNamingTheFileAndTheLine)
     EXPECT_STREQ("cannot read '/nonexistent/dir/x.ply': No such file or directory",
                  missing.message().c_str());
     const char memory[] = "ply\nformat ascii 1.0\n";
-    EXPECT_STREQ("cannot read memory block: line 2: the header has no \"end_header\" line",
+    EXPECT_STREQ("cannot read memory block: line 3: the header has no \"end_header\" line",
                  qyGeom::meshReadPly(untouched, memory, sizeof memory - 1).message().c_str());
 }
 

@@ -128,7 +128,7 @@ TEST(meshStl, RefusesBadInputWithOneLineNamingTheFileAndTheLine)
         {good + "zz", "2 bytes after the header's 2 triangles"},
         {absurd, "the header's 4294967280 triangles need 214748364084 bytes"},
         {"tiny", "4 bytes are too few for a binary STL file"},
-        {facet + "endloop\nendfacet\n", "line 8: the file ends where \"facet\" or \"endsolid\""},
+        {facet + "endloop\nendfacet\n", "line 9: the file ends where \"facet\" or \"endsolid\""},
         {facet + "vertex 1 1 1\nendloop\n", "line 7: a facet of more than 3 vertices"},
         {facet + "endloop\nendfacet\nfacet normal 0 0 1\nouter loop\nvertex 0 0 0\nendloop\n",
          "line 12: a facet of fewer than 3 vertices"},

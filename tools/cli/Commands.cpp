@@ -590,6 +590,12 @@ int runCheck(Args& args)
         throw Failure(format("cannot read '%s': no such file", path.c_str()));
     if (fs::is_directory(path, ec))
         throw Failure(format("cannot read '%s': it is a directory", path.c_str()));
+    const std::string other = checkMeshFile(path);
+    if (!other.empty())
+    {
+        std::printf("%s\n", other.c_str());
+        return 0;
+    }
     qy::Reference<qyGeom::MeshObjFile> file(new qyGeom::MeshObjFile);
     const qyUtil::Error error = qyGeom::meshReadObj2(path, file);
     if (error)
@@ -615,14 +621,14 @@ namespace
 // The shape of the commands that turn one mesh file into another: checks the arguments and
 // stages the output before the (possibly long) read, transforms, then writes.
 template <class Transform>
-int transformFile(Args& args, bool objOnly, const char* objOnlyMessage, Transform transform)
+int transformFile(Args& args, bool writesNormals, const char* normalsMessage, Transform transform)
 {
     const std::string in = args.positional("input file");
     const std::string out = args.positional("output file");
     args.finish();
     refuseOverwritingInput(in, out);
-    if (formatOf(out) != MeshFormat::Obj && objOnly)
-        usageError(objOnlyMessage);
+    if (writesNormals && !holdsNormals(formatOf(out)))
+        usageError(normalsMessage);
     formatOf(in);
     OutputFiles outputs;
     MeshOutput output(out, outputs);
@@ -703,7 +709,7 @@ int runWeld(Args& args)
 int runNormals(Args& args)
 {
     return transformFile(
-        args, true, "normals are written in OBJ only (.obj)",
+        args, true, "normals are written in OBJ, PLY and OFF only (.obj, .ply, .off)",
         [](ObjModel& model)
         {
             // Computed on the triangles; written for the faces as they are.
@@ -753,14 +759,15 @@ int runFlatten(Args& args)
         if (ext != ".svg" && !special)
             usageError(format("--svg '%s': the picture's name ends in .svg", svg.c_str()));
     }
-    if (formatOf(out) != MeshFormat::Obj)
-        usageError("the flattened mesh is written as OBJ (.obj), with its material library");
+    if (!holdsTexCoords(formatOf(out)))
+        usageError("the flattened mesh is written as OBJ (.obj, with its material library), "
+                   "PLY (.ply) or OFF (.off)");
     formatOf(in);
 
     // Every output is staged before the work, so that a bad name or folder stops the run
     // at once; all appear together or not at all.
     OutputFiles outputs;
-    MeshOutput output(out, outputs, true);
+    MeshOutput output(out, outputs, formatOf(out) == MeshFormat::Obj);
     refuseOverwritingInput(in, output.libraryPath());
     std::unique_ptr<TextFile> picture;
     if (!svg.empty())
@@ -830,7 +837,7 @@ int runFlatten(Args& args)
     outputs.commit();
     std::printf("flattened %d vertices, %d triangles; wrote %s", mesh.getNumVertices(),
                 mesh.getNumTriangles(), out.c_str());
-    if (model.materialNames().empty())
+    if (model.materialNames().empty() && !output.libraryPath().empty())
         std::printf(", %s", output.libraryPath().c_str());
     if (!svg.empty())
         std::printf(" and %s", svg.c_str());
@@ -934,28 +941,30 @@ const Command g_commands[] = {
      "directory.\n",
      runDemo},
     {"info", "FILE", "counts, bounding box, topology, orientation, charts and materials",
-     "Reads FILE (.obj or .qym) and prints its vertex and face counts (faces by corner\n"
-     "count, vertices that no face uses), texture coordinates and normals, its bounding box,\n"
+     "Reads FILE (.obj, .ply, .stl, .off or .qym) and prints its vertex and face counts\n"
+     "(faces by corner count, vertices that no face uses), texture coordinates and normals,\n"
+     "its bounding box,\n"
      "and the topology of the welded surface over the vertices that faces use: edges,\n"
      "components, boundary loops, Euler characteristic and genus (each piece on its own\n"
      "when there are several), whether the triangles are consistently oriented, degenerate\n"
      "triangles (a repeated corner or no area); then texture charts, materials, material\n"
      "libraries and groups. Warns of lines longer than the library's OBJ reader takes.\n",
      runInfo},
-    {"check", "FILE", "parse an OBJ file strictly; report the first error and its line",
-     "Exit status 0 when FILE is valid OBJ; otherwise the error, with its line number, on\n"
-     "standard error and exit status 1.\n",
+    {"check", "FILE", "parse a mesh file strictly; report the first error and its line",
+     "Exit status 0 when FILE is valid OBJ (or PLY, STL, OFF); otherwise the error, with\n"
+     "its line number in a text file, on standard error and exit status 1.\n",
      runCheck},
     {"weld", "IN OUT", "merge coincident vertices and renumber",
      "Vertices at exactly the same position become one; face corners keep their texture\n"
-     "and normal indices. The format of each file follows its extension (.obj or .qym).\n",
+     "and normal indices. The format of each file follows its extension (.obj, .ply,\n"
+     ".stl, .off or .qym).\n",
      runWeld},
-    {"normals", "IN OUT.obj", "compute vertex normals, every triangle counting equally",
+    {"normals", "IN OUT.obj|.ply|.off", "compute vertex normals, every triangle counting equally",
      "Writes OUT.obj with one normal per vertex: the normalised sum of the unit normals of\n"
      "the triangles around it, whatever their area (polygons count by their triangles).\n"
      "The file's own normals are replaced; everything else is kept.\n",
      runNormals},
-    {"flatten", "IN OUT.obj [--svg FILE.svg] [--no-cut] [--no-compact]",
+    {"flatten", "IN OUT.obj|.ply|.off [--svg FILE.svg] [--no-cut] [--no-compact]",
      "conformal UV flattening, written with a material library",
      "Flattens the surface to UVs in the unit square (aspect ratio kept) and writes OUT.obj\n"
      "with its UVs and the material library OUT.mtl beside it. A closed surface, or one of\n"
@@ -974,10 +983,13 @@ const Command g_commands[] = {
      "quartiles and maximum.\n"
      "  --csv FILE     also write vertex,x,y,z,value lines\n",
      runCurvature},
-    {"convert", "IN OUT", "convert between OBJ (.obj) and the minimal format (.qym)",
-     "The formats follow the file extensions. OBJ to OBJ keeps polygons and every\n"
-     "attribute; the minimal format holds positions and triangles only, and says what it\n"
-     "leaves out.\n",
+    {"convert", "IN OUT", "convert between OBJ, PLY, STL, OFF and the minimal format",
+     "The output's format follows its extension (.obj, .ply, .stl, .off, .qym); an input\n"
+     "whose contents are PLY, STL or OFF is read as such. OBJ to OBJ keeps polygons and\n"
+     "every attribute; PLY (binary) and OFF hold polygons with one normal, texture\n"
+     "coordinate and colour per vertex (vertices whose corners differ are split); STL\n"
+     "(binary) and the minimal format hold triangles only. One line says what the output\n"
+     "cannot hold.\n",
      runConvert},
 };
 

@@ -64,11 +64,14 @@ public:
         const void* nl = std::memchr(m_p, '\n', std::size_t(m_end - m_p));
         end = nl ? static_cast<const char*>(nl) : m_end;
         m_p = nl ? end + 1 : m_end;
+        m_lineEnded = nl != nullptr;
         if (end > begin && end[-1] == '\r')
             --end;
         return true;
     }
     int line() const { return m_line; }
+    /// The line on which the text ends: after a last line end, the line after it.
+    int endLine() const { return m_line + (m_lineEnded || m_line == 0 ? 1 : 0); }
     /// Where the next line starts.
     const char* rest() const { return m_p; }
 
@@ -79,6 +82,7 @@ private:
     const char* m_p;
     const char* m_end;
     int m_line;
+    bool m_lineEnded = false;
 };
 
 /// The words of a line: runs of characters other than blanks, tabs and '\r'.
