@@ -11,6 +11,7 @@
 
 #include <benchmark/benchmark.h>
 
+#include "benchMain.h"
 #include "model/CompactMesh.h"
 #include "qyGeom/meshPly.h"
 #include "qyGeom/meshReadObj.h"
@@ -141,4 +142,7 @@ BENCHMARK(BM_ReadPly)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(BM_ReadStl)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(BM_WritePly)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(BM_WriteStl)->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK_MAIN();
+int main(int argc, char** argv)
+{
+    return qyBench::runBenchmarks(argc, argv, "sphere.obj of the peer harness, 998,000 triangles");
+}

@@ -534,6 +534,8 @@ private:
             offset += p.isList ? 0 : sizeOf(p.type);
         }
         const long long n = e.count;
+        if (n == 0)
+            return; // and the arrays have no data to point into
         if (hasLists(e))
         {
             // Entries of their own size: each property in turn.
