@@ -23,14 +23,16 @@ enum class PlyEncoding
 /// Reads a PLY file: "ply", a "format ascii|binary_little_endian|binary_big_endian 1.0"
 /// line, "comment" and "obj_info" lines, "element NAME COUNT" followed by its "property TYPE
 /// NAME" and "property list COUNTTYPE TYPE NAME" lines, and "end_header". Of the element
-/// "vertex" the reader takes x, y, z (required), nx, ny, nz, red, green, blue, alpha and the
+/// "vertex" the reader takes x, y, z (required), nx, ny, nz, red, green, blue, alpha (also
+/// diffuse_red ... diffuse_alpha) and the
 /// texture coordinate u, v (also named s, t, texture_u, texture_v, texture_s, texture_t),
 /// each of any scalar type (char, uchar, short, ushort, int, uint, float, double or their
 /// int8 ... float64 names); an attribute is kept when all its components are present (colour
 /// without alpha gets alpha 1). Integer colour channels are scaled to [0, 1] (uchar by 255,
 /// ushort by 65535). Of the element "face" it takes the list "vertex_indices" (or
 /// "vertex_index") of any integer count and index types; other elements and properties are
-/// read over and left out. ASCII elements are one per line.
+/// read over and left out, and so are header lines of unknown keywords (some exporters wrote
+/// a banner without "comment"). ASCII elements are one per line.
 /// The mesh is replaced by the vertices, their attributes and the faces: a triangle list
 /// when every face has three corners, polygons otherwise (faces of fewer than three corners
 /// are left out).

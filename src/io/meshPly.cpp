@@ -95,11 +95,28 @@ Role roleOf(std::string_view name)
     {
         std::string_view name;
         Role role;
-    } names[] = {{"x", X},         {"y", Y},         {"z", Z},         {"nx", NX},
-                 {"ny", NY},       {"nz", NZ},       {"red", Red},     {"green", Green},
-                 {"blue", Blue},   {"alpha", Alpha}, {"u", U},         {"v", V},
-                 {"s", U},         {"t", V},         {"texture_u", U}, {"texture_v", V},
-                 {"texture_s", U}, {"texture_t", V}};
+    } names[] = {{"x", X},
+                 {"y", Y},
+                 {"z", Z},
+                 {"nx", NX},
+                 {"ny", NY},
+                 {"nz", NZ},
+                 {"red", Red},
+                 {"diffuse_red", Red},
+                 {"diffuse_green", Green},
+                 {"diffuse_blue", Blue},
+                 {"diffuse_alpha", Alpha},
+                 {"green", Green},
+                 {"blue", Blue},
+                 {"alpha", Alpha},
+                 {"u", U},
+                 {"v", V},
+                 {"s", U},
+                 {"t", V},
+                 {"texture_u", U},
+                 {"texture_v", V},
+                 {"texture_s", U},
+                 {"texture_t", V}};
     for (const auto& n : names)
         if (n.name == name)
             return n.role;
@@ -227,8 +244,7 @@ Header readHeader(const char* p, const char* end, const ReadFailure& failure)
             prop.name.assign(w);
             h.elements.back().properties.push_back(std::move(prop));
         }
-        else
-            failure.atLine(line, "unknown header line '%.*s'", int(w.size()), w.data());
+        // Any other line is read over: some exporters wrote their banner without "comment".
     }
     failure.atLine(lines.endLine(), "the header has no \"end_header\" line");
 }

@@ -55,20 +55,21 @@ TEST(meshPly, RoundTripsKeepCountsEveryFloatBitAndTheAttributesInEachEncoding)
 
 TEST(meshPly, ReadsOtherWritersLayoutsTypesAndByteOrders)
 {
-    // ASCII: double positions, byte colours without alpha, a property and an element that
-    // are not read, a ushort-counted list of 8-bit indices, a quad, and a face that is too
-    // short to keep.
+    // ASCII: a banner without "comment", double positions, byte colours without alpha, a
+    // property and an element that are not read, a ushort-counted list of 8-bit indices, a quad,
+    // and a face that is too short to keep.
     CompactMesh mesh;
-    EXPECT_EQ("", readPly("ply\r\nformat ascii 1.0\r\ncomment from a scanner\r\n"
-                          "element vertex 4\r\nproperty double x\r\nproperty double y\r\n"
-                          "property double z\r\nproperty float quality\r\nproperty uchar red\r\n"
-                          "property uchar green\r\nproperty uchar blue\r\n"
-                          "element face 2\r\nproperty list ushort char vertex_index\r\n"
-                          "element edge 1\r\nproperty int vertex1\r\nproperty int vertex2\r\n"
-                          "end_header\r\n"
-                          "0.1 0 0 9 255 0 0\r\n1 0 0 9 0 255 0\r\n1 1 0 9 0 0 255\r\n"
-                          "0 1 -0 9 1 2 3\r\n4 0 1 2 3\r\n2 0 1\r\n0 1\r\n",
-                          mesh));
+    EXPECT_EQ("",
+              readPly("ply\r\nformat ascii 1.0\r\ncomment from a scanner\r\nCreated by a banner\r\n"
+                      "element vertex 4\r\nproperty double x\r\nproperty double y\r\n"
+                      "property double z\r\nproperty float quality\r\nproperty uchar red\r\n"
+                      "property uchar green\r\nproperty uchar diffuse_blue\r\n"
+                      "element face 2\r\nproperty list ushort char vertex_index\r\n"
+                      "element edge 1\r\nproperty int vertex1\r\nproperty int vertex2\r\n"
+                      "end_header\r\n"
+                      "0.1 0 0 9 255 0 0\r\n1 0 0 9 0 255 0\r\n1 1 0 9 0 0 255\r\n"
+                      "0 1 -0 9 1 2 3\r\n4 0 1 2 3\r\n2 0 1\r\n0 1\r\n",
+                      mesh));
     ASSERT_EQ(4, mesh.getNumVertices());
     ASSERT_EQ(1, mesh.getNumPolys());
     EXPECT_EQ(4, mesh.getPolyLengths()[0]);
