@@ -39,11 +39,13 @@ def main():
           f"({mesh.vertices.shape[0]:,} distinct positions in the file); "
           f"{qygeom.get_num_threads()} library threads; load {os.getloadavg()[0]:.1f}")
 
-    lib, fill_lib, py_wall, py_cpu = [], [], [], []
+    lib, fill_lib, lib_cpu, fill_lib_cpu, py_wall, py_cpu = [], [], [], [], [], []
     for _ in range(args.repeats):
-        fill, weld_s = qygeom._weld_library_seconds(soup_v, soup_t)
+        fill, weld_s, fill_c, weld_c = qygeom._weld_library_seconds(soup_v, soup_t)
         lib.append(weld_s)
         fill_lib.append(fill + weld_s)
+        lib_cpu.append(weld_c)
+        fill_lib_cpu.append(fill_c + weld_c)
         (welded, remap), w, c = timed(lambda: qygeom.weld(soup_v, soup_t))
         py_wall.append(w)
         py_cpu.append(c)
@@ -60,13 +62,17 @@ def main():
     same = np.array_equal(welded.vertices, uniq) and np.array_equal(remap, inverse.ravel())
 
     med = statistics.median
-    print(f"library meshCompact   {med(lib):8.3f} s wall")
-    print(f"library fill + weld   {med(fill_lib):8.3f} s wall")
+    print(f"library meshCompact   {med(lib):8.3f} s wall {med(lib_cpu):8.3f} s CPU")
+    print(f"library fill + weld   {med(fill_lib):8.3f} s wall {med(fill_lib_cpu):8.3f} s CPU")
     print(f"qygeom.weld           {med(py_wall):8.3f} s wall {med(py_cpu):8.3f} s CPU")
     print(f"numpy.unique(rows)    {med(np_wall):8.3f} s wall {med(np_cpu):8.3f} s CPU")
-    print(f"qygeom.weld / library meshCompact: {med(py_wall) / med(lib):.3f}")
-    print(f"qygeom.weld / library fill + weld: {med(py_wall) / med(fill_lib):.3f}")
-    print(f"qygeom.weld / numpy.unique:        {med(py_wall) / med(np_wall):.4f}")
+    print("ratios (wall, CPU):")
+    print(f"  qygeom.weld / library meshCompact: {med(py_wall) / med(lib):.3f}, "
+          f"{med(py_cpu) / med(lib_cpu):.3f}")
+    print(f"  qygeom.weld / library fill + weld: {med(py_wall) / med(fill_lib):.3f}, "
+          f"{med(py_cpu) / med(fill_lib_cpu):.3f}")
+    print(f"  qygeom.weld / numpy.unique:        {med(py_wall) / med(np_wall):.4f}, "
+          f"{med(py_cpu) / med(np_cpu):.4f}")
     print(f"result equals numpy.unique's: {same}; load {os.getloadavg()[0]:.1f}")
 
 
