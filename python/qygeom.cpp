@@ -267,7 +267,7 @@ void checkShape(const py::array& a, const char* name, int cols, const char* what
                                             name, what, shapeText(a).c_str())
                                    : format("%s must have shape (n, %d) (%s), got shape %s", name,
                                             cols, what, shapeText(a).c_str()));
-    if (a.shape(0) > INT_MAX)
+    if (a.shape(0) > INT_MAX / std::max(cols, 1))
         throw py::value_error(format("%s has %lld rows, more than the library's 32-bit counts "
                                      "hold",
                                      name, static_cast<long long>(a.shape(0))));

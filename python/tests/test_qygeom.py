@@ -439,3 +439,19 @@ def test_results_survive_their_inputs_and_threads_agree():
         qygeom.set_num_threads(old)
     for a, b in zip(one, four):
         np.testing.assert_array_equal(a, b)
+
+
+def test_stub_lists_the_module():
+    # The type stub beside the module must name exactly what the module exports.
+    import ast
+
+    stub = os.path.join(os.path.dirname(__file__), "..", "qygeom.pyi")
+    tree = ast.parse(open(stub).read())
+    in_stub = {
+        node.name
+        for node in tree.body
+        if isinstance(node, (ast.FunctionDef, ast.ClassDef))
+        and node.name not in ("PieceSummary", "TopologySummary")
+    }
+    in_module = {name for name in dir(qygeom) if not name.startswith("__")}
+    assert in_stub == in_module
