@@ -455,3 +455,60 @@ def test_stub_lists_the_module():
     }
     in_module = {name for name in dir(qygeom) if not name.startswith("__")}
     assert in_stub == in_module
+
+
+def test_empty_and_non_finite_meshes_never_crash():
+    empty_v, empty_t = np.zeros((0, 3), np.float32), np.zeros((0, 3), np.int32)
+    assert qygeom.normals(empty_v, empty_t).shape[1] == 3
+    assert qygeom.curvature(empty_v, empty_t).shape == (0,)
+    assert qygeom.topology(empty_v, empty_t)["pieces"] == []
+    assert qygeom.smooth(empty_v, empty_t).shape == (0, 3)
+    assert qygeom.orient(empty_v, empty_t)[0].shape == (0, 3)
+    assert qygeom.reduce_to_fraction(empty_v, empty_t, 0.5)[0].shape == (0, 3)
+    assert qygeom.ray_cast(empty_v, empty_t, [[0, 0, 0]], [[0, 0, 1]])[0].tolist() == [-1]
+    with pytest.raises(qygeom.FlattenError):
+        qygeom.flatten(empty_v, empty_t)
+    v, t = grid(4)
+    assert qygeom.ray_cast(v, t, np.zeros((0, 3)), np.zeros((0, 3)))[0].shape == (0,)
+    assert qygeom.subdivide(v, np.zeros((0, 3), np.int32))[1].shape == (0, 4)
+
+    # NaN and infinite coordinates give answers or the library's refusal, never a crash.
+    bad = v.copy()
+    bad[7] = [np.nan, 0, 0]
+    bad[8] = [np.inf, 0, 0]
+    qygeom.weld(bad, t)
+    qygeom.normals(bad, t)
+    qygeom.curvature(bad, t)
+    qygeom.smooth(bad, t)
+    qygeom.smooth(bad, t, method="bilateral", sigma=0.2)
+    qygeom.reduce_to_fraction(bad, t, 0.5)
+    qygeom.subdivide(bad, t)
+    tri, _, _ = qygeom.ray_cast(bad, t, bad, np.tile([0.0, 0, -1], (len(bad), 1)))
+    with pytest.raises(qygeom.FlattenError) as info:
+        qygeom.flatten(bad, t)
+    assert info.value.status == "non_finite_vertex"
+
+
+def test_calls_from_several_python_threads():
+    # The calls release the GIL, so threads overlap; each must still get its own answer.
+    v, t = grid(30)
+    expected = (qygeom.curvature(v, t), qygeom.weld(*soup(v, t))[1])
+    results = [None] * 4
+    errors = []
+
+    def work(i):
+        try:
+            sv, st = soup(v, t)
+            results[i] = (qygeom.curvature(v, t), qygeom.weld(sv, st)[1])
+        except Exception as e:  # pragma: no cover - reported below
+            errors.append(e)
+
+    threads = [threading.Thread(target=work, args=(i,)) for i in range(4)]
+    for th in threads:
+        th.start()
+    for th in threads:
+        th.join()
+    assert not errors
+    for r in results:
+        np.testing.assert_array_equal(r[0], expected[0])
+        np.testing.assert_array_equal(r[1], expected[1])
