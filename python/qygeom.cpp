@@ -1451,7 +1451,8 @@ the reduced surface. Returns (vertices, triangles, removed, max_distance).)doc")
           py::arg("progress") = py::none(),
           R"doc(Catmull-Clark subdivision. faces: int (m, k), k >= 3 (triangles, quads ...).
 Returns (vertices float32 (n, 3), quads int32 (q, 4)); vertices are computed in double
-precision and rounded to float32 (a copy).)doc");
+precision and rounded to float32 (a copy). Faces that name a vertex twice raise ValueError.
+Cancellation (callback or Ctrl-C) takes effect between levels.)doc");
 
     m.def("smooth", &smooth, py::arg("vertices"), py::arg("triangles"), py::arg("iterations") = 1,
           py::arg("method") = "laplacian", py::arg("sigma") = py::none(),
