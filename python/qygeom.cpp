@@ -43,11 +43,14 @@
 #include "qyGeom/meshCompact.h"
 #include "qyGeom/meshComputeNormals.h"
 #include "qyGeom/meshCurvature.h"
+#include "qyGeom/meshOff.h"
+#include "qyGeom/meshPly.h"
 #include "qyGeom/meshRayIntersect.h"
 #include "qyGeom/meshReadObj.h"
 #include "qyGeom/meshReadWrite.h"
 #include "qyGeom/meshReduce.h"
 #include "qyGeom/meshSmooth.h"
+#include "qyGeom/meshStl.h"
 #include "qyGeom/meshTopology.h"
 #include "qyGeom/meshTriangulatePolygons.h"
 #include "qyGeom/meshWriteObj.h"
@@ -587,10 +590,10 @@ std::string formatOf(const std::string& path, const py::object& formatName)
         c = char(std::tolower(static_cast<unsigned char>(c)));
     if (!ext.empty() && ext[0] == '.')
         ext.erase(0, 1);
-    if (ext != "obj" && ext != "qym")
-        throw py::value_error(
-            format("unknown mesh format '%s' of '%s': the formats are 'obj' and 'qym'", ext.c_str(),
-                   path.c_str()));
+    if (ext != "obj" && ext != "qym" && ext != "ply" && ext != "stl" && ext != "off")
+        throw py::value_error(format("unknown mesh format '%s' of '%s': the formats are 'obj', "
+                                     "'ply', 'stl', 'off' and 'qym'",
+                                     ext.c_str(), path.c_str()));
     return ext;
 }
 
@@ -706,6 +709,29 @@ void objToMesh(const qyGeom::MeshObjFile& file, CompactMesh& mesh)
     }
 }
 
+// Replaces a mesh's polygons (PLY and OFF faces of four corners or more) by triangles,
+// appended after its own triangles, split as the OBJ faces are.
+void triangulatePolygons(CompactMesh& mesh)
+{
+    const int numPolys = mesh.getNumPolys();
+    if (numPolys == 0)
+        return;
+    std::vector<int> faceStarts(std::size_t(numPolys) + 1, 0);
+    const int* lengths = mesh.getPolyLengths();
+    for (int f = 0; f < numPolys; ++f)
+        faceStarts[std::size_t(f) + 1] = faceStarts[std::size_t(f)] + lengths[f];
+    const int* corners = mesh.getPolyPoints();
+    qyGeom::PolygonTriangulation triangulation;
+    qyGeom::meshTriangulatePolygons(mesh.getVerticesRaw(), mesh.getNumVertices(), numPolys,
+                                    faceStarts.data(), corners, triangulation);
+    std::vector<int> triangles(mesh.getTrianglesRaw(),
+                               mesh.getTrianglesRaw() + 3 * std::size_t(mesh.getNumTriangles()));
+    for (const int c : triangulation.triangleCorners)
+        triangles.push_back(corners[c]);
+    mesh.resizePolyArrays(0, 0);
+    mesh.copyTriangles(int(triangles.size() / 3), triangles.data());
+}
+
 PyMesh readMesh(const std::string& path, const py::object& formatName)
 {
     const std::string kind = formatOf(path, formatName);
@@ -728,6 +754,15 @@ PyMesh readMesh(const std::string& path, const py::object& formatName)
             if (!error)
                 objToMesh(*file, *mesh);
         }
+        else if (kind == "ply" || kind == "stl" || kind == "off")
+        {
+            const qyOS::Filename file(path.c_str());
+            error = kind == "ply"   ? qyGeom::meshReadPly(*mesh, file)
+                    : kind == "stl" ? qyGeom::meshReadStl(*mesh, file)
+                                    : qyGeom::meshReadOff(*mesh, file);
+            if (!error)
+                triangulatePolygons(*mesh);
+        }
         else
             qyGeom::meshRead(*mesh, qyOS::Filename(path.c_str()));
     }
@@ -745,9 +780,10 @@ void writeMesh(const std::string& path, const PyMesh& m, int digits, const py::o
 {
     const std::string kind = formatOf(path, formatName);
     MeshInput in(m.vertices, m.triangles, m.normals, m.uvs);
-    if (kind == "qym" && (in.hasNormals || in.hasUVs))
-        throw py::value_error("the 'qym' format holds positions and triangles only; write "
-                              "normals and UVs as 'obj'");
+    if ((kind == "qym" || kind == "stl") && (in.hasNormals || in.hasUVs))
+        throw py::value_error(format("the '%s' format holds positions and triangles only; write "
+                                     "normals and UVs as 'obj', 'ply' or 'off'",
+                                     kind.c_str()));
     qyGeom::MeshWriteOptions options;
     options.digits = digits;
     CapturedErrors errors;
@@ -756,9 +792,17 @@ void writeMesh(const std::string& path, const PyMesh& m, int digits, const py::o
         py::gil_scoped_release release;
         CompactMesh mesh;
         in.fill(mesh);
-        ok = kind == "obj"
-                 ? qyGeom::meshWriteObjChecked(mesh, qyOS::Filename(path.c_str()), options)
-                 : qyGeom::meshWriteChecked(mesh, qyOS::Filename(path.c_str()), options);
+        const qyOS::Filename file(path.c_str());
+        if (kind == "obj")
+            ok = qyGeom::meshWriteObjChecked(mesh, file, options);
+        else if (kind == "ply")
+            ok = qyGeom::meshWritePly(mesh, file, qyGeom::PlyEncoding::BinaryLittleEndian, options);
+        else if (kind == "stl")
+            ok = qyGeom::meshWriteStl(mesh, file, qyGeom::StlEncoding::Binary, options);
+        else if (kind == "off")
+            ok = qyGeom::meshWriteOff(mesh, file, options);
+        else
+            ok = qyGeom::meshWriteChecked(mesh, file, options);
     }
     if (!ok)
     {
@@ -1376,6 +1420,9 @@ only when the dtype or order differs).)doc")
 vertex per 'v' line, in file order; otherwise one vertex per distinct (v, vt, vn) triple of
 the face corners, in order of first use, with its UV and normal ((0, 0) and (0, 0, 0) for a
 corner that has none). Polygons are triangulated.
+'ply', 'stl', 'off': positions, and the normals and texture coordinates that PLY and OFF
+files hold (vertex colours are not carried); polygons are triangulated, and STL corners are
+welded exactly into vertices numbered by first use.
 'qym': the library's minimal format (positions and triangles).
 Raises FileNotFoundError/OSError when the file cannot be opened and qygeom.Error with the
 parser's message for a malformed file.)doc");
@@ -1383,7 +1430,8 @@ parser's message for a malformed file.)doc");
     m.def(
         "write", &writeMesh, py::arg("path"), py::arg("mesh"), py::arg("digits") = 0,
         py::arg("format") = py::none(),
-        R"doc(Writes a Mesh as 'obj' (with its normals and UVs) or 'qym' (positions and triangles).
+        R"doc(Writes a Mesh as 'obj', 'ply' (binary) or 'off', with its normals and UVs, or as 'stl'
+(binary) or 'qym', which hold positions and triangles only.
 
 digits: significant digits of every number (0: the format's own, 6 for OBJ and 10 for qym;
 9 keeps every float32). Raises OSError with the library's message when writing fails.)doc");

@@ -67,13 +67,19 @@ class TopologySummary(TypedDict):
     vertex_piece: IntArray
     triangle_piece: IntArray
 
-def read(path: str, format: Optional[Literal["obj", "qym"]] = None) -> Mesh:
-    """Reads an OBJ (normals and UVs kept) or qym file."""
+def read(
+    path: str, format: Optional[Literal["obj", "ply", "stl", "off", "qym"]] = None
+) -> Mesh:
+    """Reads an OBJ, PLY, OFF (normals and UVs kept), STL or qym file."""
 
 def write(
-    path: str, mesh: Mesh, digits: int = 0, format: Optional[Literal["obj", "qym"]] = None
+    path: str,
+    mesh: Mesh,
+    digits: int = 0,
+    format: Optional[Literal["obj", "ply", "stl", "off", "qym"]] = None,
 ) -> None:
-    """Writes a mesh as OBJ (with normals and UVs) or qym (positions and triangles)."""
+    """Writes a mesh as OBJ, PLY or OFF (with normals and UVs), or STL or qym (positions and
+    triangles)."""
 
 def weld(
     vertices: ArrayLike,

@@ -421,6 +421,35 @@ def test_bad_arguments_raise_clear_errors():
     np.testing.assert_array_equal(qygeom.normals(wide[:, ::2], np.asfortranarray(t)), expected)
 
 
+def test_read_write_ply_stl_off(tmp_path):
+    v, t = grid(4)
+    n = qygeom.normals(v, t)
+    uv = v[:, :2].copy()
+    for ext in ("ply", "off"):
+        path = str(tmp_path / ("grid." + ext))
+        qygeom.write(path, qygeom.Mesh(v, t, n, uv))
+        back = qygeom.read(path)
+        np.testing.assert_array_equal(back.vertices, v)
+        np.testing.assert_array_equal(back.triangles, t)
+        np.testing.assert_array_equal(back.normals, n)
+        np.testing.assert_array_equal(back.uvs, uv)
+
+    # STL keeps triangles only and welds corners into vertices numbered by first use.
+    stl = str(tmp_path / "grid.stl")
+    with pytest.raises(ValueError, match="positions and triangles only"):
+        qygeom.write(stl, qygeom.Mesh(v, t, n))
+    qygeom.write(stl, qygeom.Mesh(v, t))
+    back = qygeom.read(stl)
+    np.testing.assert_array_equal(back.vertices[back.triangles], v[t])
+
+    # Polygons come back as triangles; a bad index is the reader's error.
+    (tmp_path / "quad.off").write_text("OFF\n4 1 0\n0 0 0\n1 0 0\n1 1 0\n0 1 0\n4 0 1 2 3\n")
+    assert qygeom.read(str(tmp_path / "quad.off")).triangles.shape == (2, 3)
+    (tmp_path / "bad.off").write_text("OFF\n3 1 0\n0 0 0\n1 0 0\n1 1 0\n3 0 1 7\n")
+    with pytest.raises(qygeom.Error, match="line 6"):
+        qygeom.read(str(tmp_path / "bad.off"))
+
+
 def test_results_survive_their_inputs_and_threads_agree():
     v, t = grid(20)
     sv, st = soup(v, t)
