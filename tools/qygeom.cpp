@@ -49,8 +49,9 @@ void printUsage(std::FILE* out)
                "\n"
                "Polygon faces are read by every command and triangulated where a command\n"
                "needs triangles; texture coordinates, normals, groups and materials are\n"
-               "carried to the output. Exit status: 0 done, 1 error, 2 usage error, 3 flatten\n"
-               "wrote a layout that is not one-to-one, 130 cancelled.\n",
+               "carried to the output. Exit status: 0 done, 1 error, 2 usage error, 3 written\n"
+               "but short of the goal (flatten: a layout that is not one-to-one; orient: a\n"
+               "piece that cannot be oriented), 130 cancelled.\n",
                out);
 }
 

@@ -991,6 +991,53 @@ const Command g_commands[] = {
      "(binary) and the minimal format hold triangles only. One line says what the output\n"
      "cannot hold.\n",
      runConvert},
+    {"subdivide", "IN OUT [--levels N]", "Catmull-Clark subdivision into quads",
+     "Each level turns every face of n corners into n quads and moves the vertices toward\n"
+     "the smooth limit surface (boundaries stay curves of their own). Coincident vertices\n"
+     "are joined first, so a file with a vertex per corner subdivides as one surface.\n"
+     "Groups and materials follow their faces; texture coordinates are interpolated\n"
+     "linearly over each face; a file with normals gets normals of the new surface.\n"
+     "Vertex colours are not carried (said in a warning).\n"
+     "  --levels N     levels of subdivision, 1 to 10 (default 1); each multiplies the\n"
+     "                 face count by four\n",
+     runSubdivide},
+    {"smooth", "IN OUT (--laplacian | --bilateral SIGMA) [--iterations N]",
+     "Laplacian or feature-preserving bilateral smoothing",
+     "Moves the vertices of the welded surface; faces, texture coordinates, groups and\n"
+     "materials are kept. Reports how far the vertices moved. A file with normals gets\n"
+     "normals of the smoothed surface.\n"
+     "  --laplacian    each step moves every vertex to the average of its neighbours\n"
+     "                 (open borders shrink)\n"
+     "  --bilateral SIGMA  each step moves every vertex along its normal (recomputed\n"
+     "                 before the step) by a weighted mean of the heights of the\n"
+     "                 vertices within SIGMA (a length in mesh units; one to three mean\n"
+     "                 edge lengths removes noise and keeps sharp features)\n"
+     "  --iterations N steps (default 1)\n",
+     runSmooth},
+    {"orient", "IN OUT [--reverse]", "give the faces one consistent winding, or reverse it",
+     "Turns faces so that neighbouring faces run their shared edges in opposite directions;\n"
+     "each connected piece keeps the winding of its first face. Says whether the surface is\n"
+     "orientable and how many triangles (and faces) were flipped. A piece that cannot be\n"
+     "oriented (a Moebius band, a non-manifold edge) is written as it was, with a warning\n"
+     "and exit status 3. Polygons, texture coordinates, normals, groups and materials are\n"
+     "kept.\n"
+     "  --reverse      reverse the winding of every face instead, and negate the normals\n",
+     runOrient},
+    {"raycast", "MESH (--from X,Y,Z --dir X,Y,Z | --rays FILE)",
+     "the nearest face that each ray hits",
+     "Casts rays at the mesh's faces, from both sides, and prints one line per ray on\n"
+     "standard output:\n"
+     "  RAY hit T X Y Z FACE SIDE    the nearest hit: T the distance from the origin, X Y Z\n"
+     "                               the point, FACE the face's number in the file\n"
+     "                               (from 1), SIDE front or back (the face's winding seen\n"
+     "                               from the ray)\n"
+     "  RAY miss\n"
+     "RAY is the ray's line in FILE, or 1 for --from/--dir. Hits nearer than 1e-10 to the\n"
+     "origin do not count.\n"
+     "  --from X,Y,Z --dir X,Y,Z  one ray (the direction need not be of unit length)\n"
+     "  --rays FILE    one ray per line, X Y Z DX DY DZ (spaces or commas; '#' starts a\n"
+     "                 comment); - reads standard input\n",
+     runRaycast},
 };
 
 } // namespace

@@ -29,5 +29,9 @@ int runNormals(Args& args);
 int runFlatten(Args& args);
 int runCurvature(Args& args);
 int runConvert(Args& args);
+int runSubdivide(Args& args);
+int runSmooth(Args& args);
+int runOrient(Args& args);
+int runRaycast(Args& args);
 
 } // namespace qyCli
