@@ -353,6 +353,21 @@ TEST_F(QygeomEdit, OrientFixesTheWindingCountsFlipsAndFindsAMoebiusBandNonOrient
     ASSERT_EQ(r.status, 0) << r.err;
     EXPECT_TRUE(has(r.out, "already consistently oriented")) << r.out;
 
+    // A closed surface turned inside out is turned back to face outward.
+    const qyGeom::CompactMesh ball = qyTest::makeIcosphere(1);
+    qyGeom::CompactMesh inside = ball;
+    int* in = inside.getTrianglesRaw();
+    for (int i = 0; i < inside.getNumTriangles(); ++i)
+        std::swap(in[3 * i + 1], in[3 * i + 2]);
+    write("inside.obj", inside);
+    write("ball.obj", ball);
+    r = run(dir, {"orient", "inside.obj", "out.obj"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_TRUE(has(r.out, "flipped 80 of 80 triangles (80 faces)")) << r.out;
+    EXPECT_TRUE(has(r.out, "1 closed piece faced inward and was turned to face outward\n"))
+        << r.out;
+    EXPECT_EQ(statements(slurp(dir / "out.obj"), "f"), statements(slurp(dir / "ball.obj"), "f"));
+
     // --reverse turns every face, keeping its first corner, and negates the normals.
     write("tri.obj", "v 0 0 0\nv 1 0 0\nv 0 1 0\nv 1 1 0\nvn 0 0 1\n"
                      "f 1//1 2//1 4//1 3//1\n");

@@ -1016,8 +1016,9 @@ const Command g_commands[] = {
      runSmooth},
     {"orient", "IN OUT [--reverse]", "give the faces one consistent winding, or reverse it",
      "Turns faces so that neighbouring faces run their shared edges in opposite directions;\n"
-     "each connected piece keeps the winding of its first face. Says whether the surface is\n"
-     "orientable and how many triangles (and faces) were flipped. A piece that cannot be\n"
+     "each connected piece keeps the winding of its first face, and a closed piece is\n"
+     "turned to face outward. Says whether the surface is orientable and how many\n"
+     "triangles (and faces) were flipped. A piece that cannot be\n"
      "oriented (a Moebius band, a non-manifold edge) is written as it was, with a warning\n"
      "and exit status 3. Polygons, texture coordinates, normals, groups and materials are\n"
      "kept.\n"

@@ -31,6 +31,7 @@
 #include "qyGeom/meshComputeNormals.h"
 #include "qyGeom/meshRayIntersect.h"
 #include "qyGeom/meshSmooth.h"
+#include "qyGeom/meshTopology.h"
 
 namespace qyCli
 {
@@ -584,7 +585,7 @@ int orientModel(ObjModel& model, bool reverse)
     for (int i = 0; i < numTris; ++i)
         trianglesOf[std::size_t(labels[t[3 * i]])].push_back(i);
     std::vector<char> flipped(std::size_t(numTris), 0);
-    int flippedTris = 0, notOrientable = 0, notOrientableTris = 0;
+    int flippedTris = 0, notOrientable = 0, notOrientableTris = 0, turnedOutward = 0;
     std::vector<int> local(std::size_t(mesh.getNumVertices()), -1);
     for (const std::vector<int>& piece : trianglesOf)
     {
@@ -621,8 +622,32 @@ int orientModel(ObjModel& model, bool reverse)
             continue;
         }
         const int* after = part.getTrianglesRaw();
+        // A closed piece is turned to face outward: the volume that its triangles enclose,
+        // summed over the cones from the piece's centre, comes out positive.
+        bool inward = false;
+        qyGeom::MeshEdges edges;
+        qyGeom::meshEdges(part, edges);
+        if (edges.numBoundary() == 0 && edges.numNonManifold() == 0)
+        {
+            const qyLinear::Point origin(0, 0, 0);
+            qyLinear::Vector sum(0, 0, 0);
+            const qyGeom::MeshVertex* q = part.getVertices();
+            for (int v = 0; v < part.getNumVertices(); ++v)
+                sum += q[v].asPoint() - origin;
+            const qyLinear::Point centre = origin + sum / double(part.getNumVertices());
+            double volume = 0;
+            for (std::size_t j = 0; j < piece.size(); ++j)
+            {
+                const qyLinear::Vector a = q[after[3 * j]].asPoint() - centre;
+                const qyLinear::Vector b = q[after[3 * j + 1]].asPoint() - centre;
+                const qyLinear::Vector c = q[after[3 * j + 2]].asPoint() - centre;
+                volume += qyLinear::dot(a, qyLinear::cross(b, c));
+            }
+            inward = volume < 0;
+            turnedOutward += inward;
+        }
         for (std::size_t j = 0; j < piece.size(); ++j)
-            if (after[3 * j + 1] != tris[3 * j + 1])
+            if ((after[3 * j + 1] != tris[3 * j + 1]) != inward)
             {
                 flipped[std::size_t(piece[j])] = 1;
                 ++flippedTris;
@@ -652,6 +677,9 @@ int orientModel(ObjModel& model, bool reverse)
         std::printf("flipped %d of %d triangles (%d faces) to give %s one consistent "
                     "winding\n",
                     flippedTris, numTris, flippedFaces, pieces == 1 ? "the surface" : "each piece");
+    if (turnedOutward > 0)
+        std::printf("%d closed piece%s faced inward and %s turned to face outward\n", turnedOutward,
+                    turnedOutward == 1 ? "" : "s", turnedOutward == 1 ? "was" : "were");
     if (flippedFaces > 0 && model.numNormals() > 0)
         std::printf("the file's %d normals are kept as they were (qygeom normals recomputes "
                     "them)\n",
