@@ -256,6 +256,16 @@ TEST_F(QygeomEdit, SubdivideWritesQuadsMovesCornersByTheRulesAndCarriesUvsAndMat
     for (const auto& f : statements(out, "f"))
         EXPECT_EQ(f.size(), 4u);
 
+    // A keyhole polygon passes through two positions twice; it is subdivided whole, one quad
+    // per corner.
+    write("keyhole.obj", "v 0 0 0\nv 3 0 0\nv 3 3 0\nv 0 3 0\nv 1 1 0\nv 2 1 0\nv 2 2 0\n"
+                         "v 1 2 0\nv 0 0 0\nv 1 1 0\nf 1 2 3 4 9 5 8 7 6 10\n");
+    r = run(dir, {"subdivide", "keyhole.obj", "out.obj"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.err, "");
+    EXPECT_TRUE(has(r.out, "2 face corners repeat a position of the same face")) << r.out;
+    EXPECT_TRUE(has(r.out, "10 vertices, 1 faces before; 21 vertices, 10 quads after")) << r.out;
+
     // A triangle soup is one surface once its coincident corners are joined.
     write("soup.obj", qyTest::makeTriangleSoup(qyTest::makeCube()));
     r = run(dir, {"subdivide", "soup.obj", "out.obj"});

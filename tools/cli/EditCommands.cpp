@@ -282,35 +282,58 @@ int subdivideModel(ObjModel& model, int levels)
     std::vector<int> modelFace;
     const bool withUvs = model.numTexCoords() > 0;
     CornerUvs uvs;
-    int refused = 0;
+    int refused = 0, pinched = 0;
     long long corners = 0;
+    std::vector<int> weldedCorners, cornerOf;
     std::vector<TopoMeshVertex> face;
     std::vector<float> faceUv;
     for (int f = 0; f < model.numFaces(); ++f)
     {
-        face.clear();
-        faceUv.clear();
+        // The face's welded corners, repeats in a row (and around the end) taken out.
+        weldedCorners.clear();
+        cornerOf.clear();
         for (int i = model.faceStarts[std::size_t(f)]; i < model.faceStarts[std::size_t(f) + 1];
              ++i)
         {
-            const ObjCorner& c = model.corners[std::size_t(i)];
-            const int w = weldedOf[std::size_t(c.v)];
-            int& slot = slotOf[std::size_t(w)];
+            const int w = weldedOf[std::size_t(model.corners[std::size_t(i)].v)];
+            if (weldedCorners.empty() || weldedCorners.back() != w)
+            {
+                weldedCorners.push_back(w);
+                cornerOf.push_back(i);
+            }
+        }
+        while (weldedCorners.size() > 1 && weldedCorners.back() == weldedCorners.front())
+        {
+            weldedCorners.pop_back();
+            cornerOf.pop_back();
+        }
+        if (weldedCorners.size() < 3)
+        {
+            ++refused;
+            continue;
+        }
+        face.clear();
+        faceUv.clear();
+        for (std::size_t k = 0; k < weldedCorners.size(); ++k)
+        {
+            const std::size_t w = std::size_t(weldedCorners[k]);
+            const qyLinear::Point at(welded[3 * w], welded[3 * w + 1], welded[3 * w + 2]);
+            int& slot = slotOf[w];
             if (slot < 0)
-                slot = mesh->allocVertex(welded[3 * std::size_t(w)], welded[3 * std::size_t(w) + 1],
-                                         welded[3 * std::size_t(w) + 2])
-                           .getIndex();
-            if (!face.empty() && face.back().getIndex() == slot)
-                continue;
-            face.push_back(mesh->vertex(slot));
+                slot = mesh->allocVertex(at).getIndex();
+            TopoMeshVertex v = mesh->vertex(slot);
+            // A face that passes through a position twice (a keyhole polygon) gets a vertex
+            // of its own there: each side of the pinch is subdivided as a border.
+            if (std::find(face.begin(), face.end(), v) != face.end())
+            {
+                v = mesh->allocVertex(at);
+                ++pinched;
+            }
+            face.push_back(v);
+            const ObjCorner& c = model.corners[std::size_t(cornerOf[k])];
             faceUv.push_back(c.vt >= 0 ? model.texCoords[2 * std::size_t(c.vt)] : std::nanf(""));
             faceUv.push_back(c.vt >= 0 ? model.texCoords[2 * std::size_t(c.vt) + 1]
                                        : std::nanf(""));
-        }
-        while (face.size() > 1 && face.back() == face.front())
-        {
-            face.pop_back();
-            faceUv.resize(faceUv.size() - 2);
         }
         const TopoMeshFace made = mesh->allocFace(face);
         if (!made)
@@ -337,11 +360,16 @@ int subdivideModel(ObjModel& model, int levels)
         }
     }
     if (refused > 0)
-        warning("left out %d faces that name a vertex twice once coincident vertices are joined",
+        warning("left out %d faces left with fewer than three corners once coincident vertices "
+                "are joined",
                 refused);
+    if (pinched > 0)
+        std::printf("%d face corners repeat a position of the same face: each gets a vertex of "
+                    "its own there\n",
+                    pinched);
     if (mesh->getNumFaces() == 0)
         throw Failure("no face is left to subdivide");
-    const int unused = numWelded - mesh->getNumVertices();
+    const int unused = numWelded - (mesh->getNumVertices() - pinched);
     if (unused > 0)
         warning("left out %d vertices that no face uses", unused);
     // Each level turns a face of n corners into n quads: the first level gives one quad per
@@ -673,10 +701,15 @@ int orientModel(ObjModel& model, bool reverse)
         std::printf("already consistently oriented: no triangle flipped (%d triangles in %d "
                     "piece%s)\n",
                     numTris, pieces, pieces == 1 ? "" : "s");
+    else if (notOrientable == pieces)
+        std::printf("no triangle flipped (%d triangles)\n", numTris);
     else
         std::printf("flipped %d of %d triangles (%d faces) to give %s one consistent "
                     "winding\n",
-                    flippedTris, numTris, flippedFaces, pieces == 1 ? "the surface" : "each piece");
+                    flippedTris, numTris, flippedFaces,
+                    notOrientable ? "the orientable pieces"
+                    : pieces == 1 ? "the surface"
+                                  : "each piece");
     if (turnedOutward > 0)
         std::printf("%d closed piece%s faced inward and %s turned to face outward\n", turnedOutward,
                     turnedOutward == 1 ? "" : "s", turnedOutward == 1 ? "was" : "were");
