@@ -13,7 +13,6 @@
 #include <iostream>
 #include <map>
 #include <memory>
-#include <unordered_map>
 #include <vector>
 
 #include "Commands.h"
@@ -179,7 +178,7 @@ void dropColours(ObjModel& model, const char* command)
 // face.edge(); a corner without one holds NaN.
 struct CornerUvs
 {
-    std::vector<int> start; // per face slot, the first corner's offset (2 floats a corner)
+    std::vector<std::ptrdiff_t> start; // per face slot, the first corner's offset (2 floats each)
     std::vector<float> uv;
     const float* of(const qyGeom::TopoMeshFace& f) const
     {
@@ -242,7 +241,7 @@ qyGeom::TopoMesh* subdivideOnce(qyGeom::TopoMesh& mesh, const std::vector<int>& 
                 }
             }
         }
-        newUvs->start[std::size_t(quad.getIndex())] = int(newUvs->uv.size());
+        newUvs->start[std::size_t(quad.getIndex())] = std::ptrdiff_t(newUvs->uv.size());
         float centre[2] = {0, 0};
         for (int i = 0; i < n; ++i)
             for (int c = 0; c < 2; ++c)
@@ -349,7 +348,7 @@ int subdivideModel(ObjModel& model, int levels)
         }
         modelFace[std::size_t(made.getIndex())] = f;
         // Stored from the face's first half-edge, which leaves its first corner.
-        uvs.start[std::size_t(made.getIndex())] = int(uvs.uv.size());
+        uvs.start[std::size_t(made.getIndex())] = std::ptrdiff_t(uvs.uv.size());
         const int first =
             int(std::find(face.begin(), face.end(), made.edge().vertex()) - face.begin());
         for (std::size_t i = 0; i < face.size(); ++i)
@@ -424,6 +423,7 @@ int subdivideModel(ObjModel& model, int levels)
                                 std::size_t(c)] = float(n[c]);
     }
     std::map<std::pair<float, float>, int> uvIndex;
+    int untextured = 0;
     for (TopoMeshFace f = mesh->firstFace(); f; f = f.nextInList())
     {
         ObjCorner c[4];
@@ -433,19 +433,22 @@ int subdivideModel(ObjModel& model, int levels)
             c[j].v = vertexOf[std::size_t(e.vertex().getIndex())];
             if (withNormals)
                 c[j].vn = c[j].v;
-            if (withUvs)
-            {
-                const float* uv = uvs.of(f) + 2 * j;
-                if (std::isfinite(uv[0]) && std::isfinite(uv[1]))
-                {
-                    const auto [it, added] =
-                        uvIndex.emplace(std::pair(uv[0], uv[1]), out.numTexCoords());
-                    if (added)
-                        out.texCoords.insert(out.texCoords.end(), uv, uv + 2);
-                    c[j].vt = it->second;
-                }
-            }
         }
+        // A quad gets texture coordinates at all its corners or none: one from a face whose
+        // corners were not all textured has none.
+        const float* uv = withUvs ? uvs.of(f) : nullptr;
+        const bool textured =
+            uv && std::all_of(uv, uv + 8, [](float x) { return std::isfinite(x); });
+        untextured += uv && !textured;
+        if (textured)
+            for (int j = 0; j < 4; ++j)
+            {
+                const auto [it, added] =
+                    uvIndex.emplace(std::pair(uv[2 * j], uv[2 * j + 1]), out.numTexCoords());
+                if (added)
+                    out.texCoords.insert(out.texCoords.end(), uv + 2 * j, uv + 2 * j + 2);
+                c[j].vt = it->second;
+            }
         const int source = modelFace[std::size_t(f.getIndex())];
         out.addFace(c, 4, model.states[std::size_t(model.faceStates[std::size_t(source)])]);
     }
@@ -455,6 +458,10 @@ int subdivideModel(ObjModel& model, int levels)
                 out.numVertices(), out.numFaces());
     if (withUvs)
         std::printf("texture coordinates interpolated linearly over each face\n");
+    if (untextured > 0)
+        warning("%d quads come from faces with texture coordinates at only some corners; "
+                "they are written without",
+                untextured);
     if (withNormals)
         std::printf("normals recomputed for the subdivided surface (replacing the file's %d)\n",
                     model.numNormals());
