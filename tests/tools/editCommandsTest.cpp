@@ -1,5 +1,5 @@
 // Drives qygeom's editing commands and ray queries end to end on small meshes written here:
-// subdivide, smooth, orient and raycast, their reports, their outputs and their refusals.
+// subdivide, smooth, orient, reduce and raycast, their reports, their outputs and their refusals.
 #include <array>
 #include <chrono>
 #include <cmath>
@@ -20,6 +20,8 @@
 
 #include "model/CompactMesh.h"
 #include "model/MeshAdjacency.h"
+#include "qyGeom/MeshCache.h"
+#include "qyGeom/MeshClosestPoint.h"
 #include "qyGeom/MeshOrient.h"
 #include "qyGeom/meshAdjacency.h"
 #include "qyGeom/meshReadObj.h"
@@ -469,4 +471,60 @@ TEST_F(QygeomEdit, RaycastPrintsTheNearestHitOfEachRayCheckedByHand)
         EXPECT_EQ(r.status, 2) << r.err;
         EXPECT_EQ(r.out, "");
     }
+}
+
+TEST_F(QygeomEdit, ReduceCountsBeforeAndAfterAndKeepsRemovedVerticesWithinTheTolerance)
+{
+    // Every input vertex lies within the tolerance of the reduced surface, as measured here
+    // independently of the program's own report; boundary vertices all stay.
+    const qyGeom::CompactMesh cap = qyTest::makeHemisphere(12, 32);
+    write("cap.obj", cap);
+    Outcome r = run(dir, {"reduce", "cap.obj", "out.obj", "--tolerance", "0.01"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.err, "");
+    qyGeom::CompactMesh reduced;
+    ASSERT_TRUE(qyGeom::meshReadObj(reduced, qyOS::Filename((dir / "out.obj").c_str())));
+    EXPECT_LT(reduced.getNumVertices(), cap.getNumVertices() * 3 / 4);
+    EXPECT_TRUE(has(r.out, "reduced " + std::to_string(cap.getNumVertices()) + " vertices, " +
+                               std::to_string(cap.getNumTriangles()) + " triangles to " +
+                               std::to_string(reduced.getNumVertices()) + " vertices, " +
+                               std::to_string(reduced.getNumTriangles()) + " triangles"))
+        << r.out;
+    qyGeom::SimpleMeshCache cache;
+    double largest = 0;
+    for (int v = 0; v < cap.getNumVertices(); ++v)
+    {
+        qyGeom::MeshClosestPointResult found;
+        ASSERT_TRUE(
+            qyGeom::meshClosestPoint(reduced, cache, cap.getVertices()[v].asPoint(), found));
+        largest = std::max(largest, found.distance);
+    }
+    EXPECT_LE(largest, 0.01);
+    EXPECT_GT(largest, 0.0);
+    const std::size_t at = r.out.find("the removed vertices lie within ");
+    ASSERT_NE(at, std::string::npos) << r.out;
+    EXPECT_NEAR(std::stod(r.out.substr(at + 32)), largest, 1e-6);
+    qyGeom::MeshAdjTris adj;
+    qyGeom::meshAdjTris(reduced, adj);
+    EXPECT_TRUE(qyGeom::meshOriented(reduced, adj));
+
+    // To a fraction: a closed sphere keeps the share asked for, all triangles.
+    write("ball.obj", qyTest::makeIcosphere(3));
+    r = run(dir, {"reduce", "ball.obj", "out.obj", "--fraction", "0.25"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_TRUE(has(r.out, "reduced 642 vertices, 1280 triangles to 160 vertices, 316 triangles "
+                           "(482 vertices removed)"))
+        << r.out;
+    EXPECT_EQ(statements(slurp(dir / "out.obj"), "f").size(), 316u);
+
+    for (const std::vector<std::string>& bad :
+         {std::vector<std::string>{}, std::vector<std::string>{"--fraction", "1.5"},
+          std::vector<std::string>{"--tolerance", "-1"},
+          std::vector<std::string>{"--fraction", "0.5", "--tolerance", "1"}})
+    {
+        std::vector<std::string> args{"reduce", "ball.obj", "bad.obj"};
+        args.insert(args.end(), bad.begin(), bad.end());
+        EXPECT_EQ(run(dir, args).status, 2);
+    }
+    EXPECT_FALSE(fs::exists(dir / "bad.obj"));
 }

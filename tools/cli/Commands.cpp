@@ -1024,6 +1024,16 @@ const Command g_commands[] = {
      "kept.\n"
      "  --reverse      reverse the winding of every face instead, and negate the normals\n",
      runOrient},
+    {"reduce", "IN OUT (--fraction F | --tolerance D)", "remove the flattest interior vertices",
+     "Removes interior vertices of the welded surface, flattest first, and fills each hole\n"
+     "with triangles; boundary vertices stay, so open borders keep their shape. Reports the\n"
+     "counts before and after and the largest distance of a removed vertex from the\n"
+     "result, as measured. Writes triangles; each takes the group and material of the\n"
+     "input face nearest to it. Texture coordinates, normals and vertex colours are not\n"
+     "carried (said in a warning).\n"
+     "  --fraction F   keep this share of the vertices (0 to 1), or as few as can go\n"
+     "  --tolerance D  remove only vertices that stay within D (mesh units) of the result\n",
+     runReduce},
     {"raycast", "MESH (--from X,Y,Z --dir X,Y,Z | --rays FILE)",
      "the nearest face that each ray hits",
      "Casts rays at the mesh's faces, from both sides, and prints one line per ray on\n"

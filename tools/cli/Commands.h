@@ -33,5 +33,6 @@ int runSubdivide(Args& args);
 int runSmooth(Args& args);
 int runOrient(Args& args);
 int runRaycast(Args& args);
+int runReduce(Args& args);
 
 } // namespace qyCli

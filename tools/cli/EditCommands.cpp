@@ -1,4 +1,4 @@
-// The commands that edit a mesh's shape or winding (subdivide, smooth, orient) and the ray
+// The commands that edit a mesh's shape or winding (subdivide, smooth, orient, reduce) and the ray
 // queries (raycast). Each reads the file as it stands, works on the welded surface (so that
 // faces that repeat a position are joined) and carries the polygons and attributes through
 // as far as the operation allows, saying in one line what it cannot carry.
@@ -20,8 +20,12 @@
 #include "ObjModel.h"
 #include "base/Linear.h"
 #include "model/MeshAdjacency.h"
+#include "model/Octree.h"
+#include "model/OctreeTris.h"
 #include "model/Remap.h"
 #include "model/TopoMesh.h"
+#include "qyGeom/MeshCache.h"
+#include "qyGeom/MeshClosestPoint.h"
 #include "qyGeom/MeshOrient.h"
 #include "qyGeom/computeSubdivMesh.h"
 #include "qyGeom/meshAdjacency.h"
@@ -29,6 +33,7 @@
 #include "qyGeom/meshComponents.h"
 #include "qyGeom/meshComputeNormals.h"
 #include "qyGeom/meshRayIntersect.h"
+#include "qyGeom/meshReduce.h"
 #include "qyGeom/meshSmooth.h"
 #include "qyGeom/meshTopology.h"
 
@@ -795,6 +800,117 @@ void readRays(const std::string& path, Rays& rays)
         throw Failure(format("cannot read '%s'", shown));
 }
 
+// ---------------------------------------------------------------------------------------
+// reduce
+
+// The largest distance from `points` to the triangles of `mesh`, and the mean in `mean`.
+double largestDistance(const CompactMesh& mesh, const qy::vector<qyLinear::Point>& points,
+                       double& mean)
+{
+    mean = 0;
+    if (points.empty())
+        return 0;
+    qyGeom::SimpleMeshCache cache;
+    const auto octree = cache.getOctree(mesh, -1);
+    const auto octreeTris = cache.getOctreeTris(mesh);
+    qyGeom::MeshClosestPoint closest(mesh, *octree, *octreeTris);
+    qyGeom::MeshClosestPointResult found;
+    double largest = 0, sum = 0;
+    for (std::size_t i = 0; i < points.size(); ++i)
+    {
+        const double d = closest.compute(points[i], found);
+        largest = std::max(largest, d);
+        sum += d;
+        if (i % 10000 == 0)
+            requireNotCancelled();
+    }
+    mean = sum / double(points.size());
+    return largest;
+}
+
+int reduceModel(ObjModel& model, bool byFraction, double amount)
+{
+    dropColours(model, "reduce");
+    if (model.numTexCoords() > 0 || model.numNormals() > 0)
+        warning("texture coordinates and normals are not carried through reduce (its triangles "
+                "are new); left out %d texture coordinates, %d normals",
+                model.numTexCoords(), model.numNormals());
+    std::vector<int> weldedOf, faceOf;
+    const std::vector<float> welded = weldPositions(model, weldedOf);
+    CompactMesh mesh = weldedTriangles(model, welded, weldedOf, faceOf);
+    if (mesh.getNumTriangles() == 0)
+        throw Failure("no triangle is left to reduce");
+    const CompactMesh original = mesh;
+    const int vertsBefore = mesh.getNumVertices(), trisBefore = mesh.getNumTriangles();
+
+    qy::vector<qyLinear::Point> removed;
+    double reported = 0;
+    {
+        ProgressBar bar;
+        bar.setCaption("Reducing");
+        if (byFraction)
+            qyGeom::meshReduceToFraction(mesh, amount, bar, removed);
+        else
+            reported = qyGeom::meshReduceWithTolerance(mesh, amount, bar, removed);
+        bar.finish();
+    }
+    requireNotCancelled();
+    double mean = 0;
+    const double largest = largestDistance(mesh, removed, mean);
+
+    // The result as a model: its vertices, and its triangles, each in the state (object,
+    // group, material) of the input face nearest to its centre.
+    ObjModel out;
+    out.directory = model.directory;
+    out.libraries = model.libraries;
+    const float* xyz = mesh.getVerticesRaw();
+    out.positions.assign(xyz, xyz + 3 * std::ptrdiff_t(mesh.getNumVertices()));
+    qyGeom::SimpleMeshCache cache;
+    const auto octree = cache.getOctree(original, -1);
+    const auto octreeTris = cache.getOctreeTris(original);
+    qyGeom::MeshClosestPoint nearest(original, *octree, *octreeTris);
+    qyGeom::MeshClosestPointResult found;
+    const int* t = mesh.getTrianglesRaw();
+    const qyGeom::MeshVertex* p = mesh.getVertices();
+    for (int i = 0; i < mesh.getNumTriangles(); ++i)
+    {
+        const qyLinear::Point a = p[t[3 * i]].asPoint(), b = p[t[3 * i + 1]].asPoint(),
+                              c = p[t[3 * i + 2]].asPoint();
+        const qyLinear::Point centre = a + ((b - a) + (c - a)) / 3.0;
+        nearest.compute(centre, found);
+        const int face = found.triangle >= 0 ? faceOf[std::size_t(found.triangle)] : 0;
+        const ObjCorner corners[3] = {
+            {t[3 * i], -1, -1}, {t[3 * i + 1], -1, -1}, {t[3 * i + 2], -1, -1}};
+        out.addFace(corners, 3, model.states[std::size_t(model.faceStates[std::size_t(face)])]);
+    }
+
+    std::printf("reduced %d vertices, %d triangles to %d vertices, %d triangles (%zu vertices "
+                "removed)\n",
+                vertsBefore, trisBefore, mesh.getNumVertices(), mesh.getNumTriangles(),
+                removed.size());
+    std::printf("the removed vertices lie within %.6g of the result (%.6g on average)\n", largest,
+                mean);
+    model = std::move(out);
+    if (byFraction)
+    {
+        const int target = int(amount * vertsBefore);
+        if (mesh.getNumVertices() > target)
+            std::printf("stopped above the target of %d vertices: the others lie on a boundary "
+                        "or cannot go without folding the surface\n",
+                        target);
+        return 0;
+    }
+    // The library keeps every removed vertex within the tolerance; the measure checks it.
+    if (largest > amount * (1 + 1e-6) + 1e-12)
+    {
+        warning("a removed vertex lies %.6g from the result, beyond the tolerance %.6g (the "
+                "reduction measured %.6g)",
+                largest, amount, reported);
+        return 3;
+    }
+    return 0;
+}
+
 } // namespace
 
 // ---------------------------------------------------------------------------------------
@@ -911,8 +1027,23 @@ int runRaycast(Args& args)
     return 0;
 }
 
-// ---------------------------------------------------------------------------------------
-// reduce: to be added with the library's reduction family (meshReduceToFraction,
-// meshReduceWithTolerance), in the shape of the commands above.
+int runReduce(Args& args)
+{
+    const std::string fraction = args.option("--fraction");
+    const std::string tolerance = args.option("--tolerance");
+    if (fraction.empty() == tolerance.empty())
+        usageError("choose one target: --fraction F or --tolerance D");
+    double amount = 0;
+    if (!fraction.empty() && (!parseNumber(fraction, amount) || amount < 0 || amount > 1))
+        usageError(format("--fraction needs the share of the vertices to keep, from 0 to 1, not "
+                          "'%s'",
+                          fraction.c_str()));
+    if (!tolerance.empty() && (!parseNumber(tolerance, amount) || amount < 0))
+        usageError(format("--tolerance needs a distance in mesh units, 0 or more, not '%s'",
+                          tolerance.c_str()));
+    const bool byFraction = !fraction.empty();
+    return editFile(args, [byFraction, amount](ObjModel& model)
+                    { return reduceModel(model, byFraction, amount); });
+}
 
 } // namespace qyCli
