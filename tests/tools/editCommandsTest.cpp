@@ -517,6 +517,19 @@ TEST_F(QygeomEdit, ReduceCountsBeforeAndAfterAndKeepsRemovedVerticesWithinTheTol
         << r.out;
     EXPECT_EQ(statements(slurp(dir / "out.obj"), "f").size(), 316u);
 
+    // A surface whose triangles disagree in winding is given one first.
+    qyGeom::CompactMesh mixed = qyTest::makeIcosphere(2);
+    int* t = mixed.getTrianglesRaw();
+    for (int i = 1; i < mixed.getNumTriangles(); i += 3)
+        std::swap(t[3 * i + 1], t[3 * i + 2]);
+    write("mixed.obj", mixed);
+    r = run(dir, {"reduce", "mixed.obj", "out.obj", "--fraction", "0.5"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_TRUE(has(r.out, "turned triangles to give the surface one consistent winding\n"))
+        << r.out;
+    EXPECT_TRUE(has(r.out, "reduced 162 vertices, 320 triangles to 81 vertices, 158 triangles"))
+        << r.out;
+
     for (const std::vector<std::string>& bad :
          {std::vector<std::string>{}, std::vector<std::string>{"--fraction", "1.5"},
           std::vector<std::string>{"--tolerance", "-1"},

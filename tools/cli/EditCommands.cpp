@@ -840,6 +840,14 @@ int reduceModel(ObjModel& model, bool byFraction, double amount)
     CompactMesh mesh = weldedTriangles(model, welded, weldedOf, faceOf);
     if (mesh.getNumTriangles() == 0)
         throw Failure("no triangle is left to reduce");
+    {
+        // The hole filling reads the winding to keep the surface from folding: make it
+        // consistent where it can be.
+        qyGeom::MeshAdjTris adjTris;
+        qyGeom::meshAdjTris(mesh, adjTris);
+        if (!qyGeom::meshOriented(mesh, adjTris) && qyGeom::meshMakeOriented(mesh, adjTris))
+            std::printf("turned triangles to give the surface one consistent winding\n");
+    }
     const CompactMesh original = mesh;
     const int vertsBefore = mesh.getNumVertices(), trisBefore = mesh.getNumTriangles();
 
@@ -884,10 +892,10 @@ int reduceModel(ObjModel& model, bool byFraction, double amount)
         out.addFace(corners, 3, model.states[std::size_t(model.faceStates[std::size_t(face)])]);
     }
 
-    std::printf("reduced %d vertices, %d triangles to %d vertices, %d triangles (%zu vertices "
+    std::printf("reduced %d vertices, %d triangles to %d vertices, %d triangles (%d vertices "
                 "removed)\n",
                 vertsBefore, trisBefore, mesh.getNumVertices(), mesh.getNumTriangles(),
-                removed.size());
+                vertsBefore - mesh.getNumVertices());
     std::printf("the removed vertices lie within %.6g of the result (%.6g on average)\n", largest,
                 mean);
     model = std::move(out);
