@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "base/Linear.h"
+#include "model/BitVector.h"
 #include "model/TopoMesh.h"
 #include "qyGeom/qyGeomExport.h"
 
@@ -24,9 +25,9 @@ class Remap;
 /// Selected triangles that the TopoMesh refuses (a corner outside [0, V), a vertex named
 /// twice) stay out of the region and are left as they are.
 ///
-/// Cost: O(V / 32 + T / 32) to read the selections, then O(region log region); nothing is
-/// sized by the whole mesh. The mesh must not change while the region lives (except through
-/// MeshModifyRep::merge).
+/// Cost: O(V / 32 + T / 32) to read the selections, then O(region); besides the selection
+/// bits, only two bit arrays of V and T bits and their word counts are sized by the whole mesh. The
+/// mesh must not change while the region lives (except through MeshModifyRep::merge).
 class QYGEOM_API MeshConvertRep
 {
 public:
@@ -39,7 +40,7 @@ public:
     TopoMesh& getTopoMesh() { return m_topo; }
     const TopoMesh& getTopoMesh() const { return m_topo; }
     /// The region vertex of mesh vertex `index`; invalid when the vertex is not in the region
-    /// or was deleted from the TopoMesh. Cost: O(log region).
+    /// or was deleted from the TopoMesh. Cost: O(1).
     TopoMeshVertex getTopoMeshVertex(int index);
     /// The mesh vertex of a region vertex, -1 for a vertex created in the region.
     int getMeshVertex(TopoMeshVertex v) const;
@@ -54,6 +55,22 @@ protected:
     TopoMesh m_topo;
     std::vector<int> m_vertices;  ///< mesh vertex of region vertex slot i, increasing
     std::vector<int> m_triangles; ///< mesh triangles converted to faces, increasing
+
+    /// Bits with the count of set bits before each word, so that the position of an element
+    /// in the increasing list of the set ones is found in constant time.
+    struct RankedBits
+    {
+        BitVector bits;
+        std::vector<int> before;
+        /// n clear bits.
+        void assign(int n);
+        /// Counts the set bits before each word; call it after the bits are set.
+        void rank();
+        /// Position of i among the set bits; -1 when its bit is clear or i is outside.
+        int find(int i) const;
+    };
+    RankedBits m_vertexSlots;   ///< the mesh vertices of m_vertices
+    RankedBits m_triangleSlots; ///< the mesh triangles of m_triangles
 };
 
 /// An edit region that is written back into its mesh.

@@ -1,9 +1,12 @@
-// Edit regions. The region is numbered by its own sorted vertex list, so building it and
-// looking vertices up cost in proportion to the region; only a merge that deletes elements
-// walks the whole mesh, to close up the arrays.
+// Edit regions. The region is numbered by its increasing vertex list, read off a bit array of
+// the mesh's vertices; a vertex's slot is its rank in that array (a popcount per word), so
+// building the region and looking vertices up cost in proportion to the region plus a word
+// per 32 mesh elements; only a merge that deletes elements walks the whole mesh, to close up
+// the arrays.
 #include "qyGeom/MeshConvertRep.h"
 
 #include <algorithm>
+#include <bit>
 #include <cstddef>
 #include <cstring>
 
@@ -33,13 +36,6 @@ void setBits(const BitVector& bits, int n, std::vector<int>& out)
         }
 }
 
-// Position of x in a sorted list, or -1.
-inline int find(const std::vector<int>& sorted, int x)
-{
-    const auto it = std::lower_bound(sorted.begin(), sorted.end(), x);
-    return it != sorted.end() && *it == x ? int(it - sorted.begin()) : -1;
-}
-
 // True when b is a rotation of a.
 inline bool sameRotation(const MeshTriangle& a, const MeshTriangle& b)
 {
@@ -51,6 +47,36 @@ inline bool sameRotation(const MeshTriangle& a, const MeshTriangle& b)
 
 } // namespace
 
+void MeshConvertRep::RankedBits::assign(int n)
+{
+    bits = BitVector(std::max(n, 0));
+    before.clear();
+}
+
+void MeshConvertRep::RankedBits::rank()
+{
+    const int numWords = bits.getNumWords();
+    const BitVector::Word* words = bits.getWords();
+    before.resize(std::size_t(numWords));
+    int count = 0;
+    for (int w = 0; w < numWords; ++w)
+    {
+        before[std::size_t(w)] = count;
+        count += std::popcount(words[w]);
+    }
+}
+
+int MeshConvertRep::RankedBits::find(int i) const
+{
+    if (unsigned(i) >= unsigned(bits.size()))
+        return -1;
+    const BitVector::Word word = bits.getWords()[unsigned(i) >> 5];
+    const BitVector::Word bit = BitVector::Word(1) << (i & 31);
+    if (!(word & bit))
+        return -1;
+    return before[unsigned(i) >> 5] + std::popcount(word & (bit - 1));
+}
+
 MeshConvertRep::MeshConvertRep(CompactMesh& mesh, const MeshAdjTris& adjTris)
     : m_mesh(mesh), m_adjTris(adjTris)
 {
@@ -60,13 +86,25 @@ MeshConvertRep::MeshConvertRep(CompactMesh& mesh, const MeshAdjTris& adjTris)
 
     std::vector<int> selected;
     setBits(mesh.getSelectedTriangles(), numTris, selected);
-    setBits(mesh.getSelectedVertices(), numVerts, m_vertices);
+
+    // The region's vertices as bits: the selected ones and the corners of the selected
+    // triangles. Their set bits in increasing order are the slots, so the list comes out
+    // sorted and unique without a sort, and a vertex's slot is its rank among them.
+    m_vertexSlots.assign(numVerts);
+    {
+        BitVector::Word* words = m_vertexSlots.bits.getWords();
+        const BitVector& chosen = mesh.getSelectedVertices();
+        const int numWords = std::min(m_vertexSlots.bits.getNumWords(), chosen.getNumWords());
+        std::copy(chosen.getWords(), chosen.getWords() + numWords, words);
+        if (numVerts % 32 != 0 && numWords == m_vertexSlots.bits.getNumWords())
+            words[numWords - 1] &= (BitVector::Word(1) << (numVerts % 32)) - 1;
+    }
     for (const int t : selected)
         for (int k = 0; k < 3; ++k)
             if (unsigned(tris[t][k]) < unsigned(numVerts))
-                m_vertices.push_back(tris[t][k]);
-    std::sort(m_vertices.begin(), m_vertices.end());
-    m_vertices.erase(std::unique(m_vertices.begin(), m_vertices.end()), m_vertices.end());
+                m_vertexSlots.bits.setBit(tris[t][k]);
+    m_vertexSlots.rank();
+    setBits(m_vertexSlots.bits, numVerts, m_vertices);
 
     const int n = int(m_vertices.size());
     m_topo.reserve(n, 3 * int(selected.size()), int(selected.size()));
@@ -81,7 +119,7 @@ MeshConvertRep::MeshConvertRep(CompactMesh& mesh, const MeshAdjTris& adjTris)
         bool inside = true;
         for (int k = 0; k < 3 && inside; ++k)
         {
-            slots[k] = find(m_vertices, tris[t][k]);
+            slots[k] = m_vertexSlots.find(tris[t][k]);
             inside = slots[k] >= 0;
         }
         if (!inside)
@@ -92,6 +130,10 @@ MeshConvertRep::MeshConvertRep(CompactMesh& mesh, const MeshAdjTris& adjTris)
         f.setTag(t);
         m_triangles.push_back(t);
     }
+    m_triangleSlots.assign(numTris);
+    for (const int t : m_triangles)
+        m_triangleSlots.bits.setBit(t);
+    m_triangleSlots.rank();
     m_topo.meshTwin();
 }
 
@@ -99,7 +141,7 @@ MeshConvertRep::~MeshConvertRep() = default;
 
 TopoMeshVertex MeshConvertRep::getTopoMeshVertex(int index)
 {
-    const int slot = find(m_vertices, index);
+    const int slot = m_vertexSlots.find(index);
     if (slot < 0)
         return {};
     const TopoMeshVertex v = m_topo.vertex(slot);
@@ -186,7 +228,7 @@ void MeshModifyRep::merge(Remap& vertexRemap, int /*flags*/)
             corners.push_back(slotVertex[std::size_t(e.vertex().getIndex())]);
             e = e.next();
         } while (e != first);
-        const int position = f.getTag() >= 0 ? find(m_triangles, f.getTag()) : -1;
+        const int position = m_triangleSlots.find(f.getTag());
         for (std::size_t k = 1; k + 1 < corners.size(); ++k)
         {
             MeshTriangle tri{{corners[0], corners[k], corners[k + 1]}};
@@ -236,7 +278,7 @@ void MeshModifyRep::merge(Remap& vertexRemap, int /*flags*/)
         for (int i = 0, n = m_adjTris.numTris(r); i < n; ++i)
         {
             const int u = set[i];
-            if (unsigned(u) < unsigned(numTris) && find(m_triangles, u) < 0 &&
+            if (unsigned(u) < unsigned(numTris) && m_triangleSlots.find(u) < 0 &&
                 !deletedTris.isBitSet(u))
             {
                 deletedTris.setBit(u);
