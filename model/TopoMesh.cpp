@@ -56,6 +56,7 @@ TopoMesh& TopoMesh::operator=(const TopoMesh& other)
         m_numEdges = other.m_numEdges;
         m_numFaces = other.m_numFaces;
         m_fanStartsKnown = other.m_fanStartsKnown;
+        m_singleFans = other.m_singleFans;
     }
     return *this;
 }
@@ -78,6 +79,7 @@ TopoMesh& TopoMesh::operator=(TopoMesh&& other) noexcept
         m_numEdges = other.m_numEdges;
         m_numFaces = other.m_numFaces;
         m_fanStartsKnown = other.m_fanStartsKnown;
+        m_singleFans = other.m_singleFans;
         other.clear();
     }
     return *this;
@@ -122,6 +124,7 @@ void TopoMesh::clear()
     m_freeFaces.clear();
     m_numVertices = m_numEdges = m_numFaces = 0;
     m_fanStartsKnown = true;
+    m_singleFans = true;
 }
 
 // Slots ------------------------------------------------------------------------------------
@@ -287,6 +290,7 @@ TopoMeshFace TopoMesh::buildFace(int n, const int* vertices)
 
     // The new half-edges have no twins yet: a vertex's half-edge may no longer start its fan.
     m_fanStartsKnown = false;
+    m_singleFans = false;
     const int f = newFaceSlot();
     if (m_freeEdges.empty())
     {
@@ -409,6 +413,18 @@ void TopoMesh::meshTwin()
                 break;
             }
     m_fanStartsKnown = true;
+
+    // One fan per vertex when each walk meets all the vertex's leaving half-edges (the flag
+    // stays off while the walks count, so that they walk).
+    m_singleFans = false;
+    bool single = true;
+    for (int v = 0; v < numSlots && single; ++v)
+    {
+        bool boundary;
+        const int valence = fanValence(v, boundary);
+        single = valence == 0 || valence - int(boundary) == m_vertexDegree[std::size_t(v)];
+    }
+    m_singleFans = single;
 }
 
 TopoMesh::BulkArrays TopoMesh::allocBulk(int numVertices, int numEdges, int numFaces)
@@ -429,6 +445,9 @@ TopoMesh::BulkArrays TopoMesh::allocBulk(int numVertices, int numEdges, int numF
     m_numEdges = int(ne);
     m_numFaces = int(nf);
     m_fanStartsKnown = true;
+    // Whatever the builder writes may have vertices where several fans meet: the valences
+    // are walked.
+    m_singleFans = false;
     return {m_edges.data(), m_points.data(), m_vertexEdge.data(), m_vertexDegree.data(),
             m_faceEdge.data()};
 }
@@ -485,6 +504,13 @@ int TopoMesh::fanValence(int v, bool& boundary) const
     const int first = m_vertexEdge[std::size_t(v)];
     if (first < 0)
         return 0;
+    // A vertex with one fan, starting at its half-edge: its leaving half-edges are its spokes,
+    // and one more arrives on the boundary.
+    if (m_singleFans && m_fanStartsKnown)
+    {
+        boundary = m_edges[std::size_t(first)].twin < 0;
+        return m_vertexDegree[std::size_t(v)] + int(boundary);
+    }
     // Backwards from the vertex's half-edge: an interior fan closes after `valence` steps, so
     // one walk both finds the fan's start and counts it; a boundary fan is counted forwards
     // from its start (where the vertex's half-edge already is, normally).

@@ -470,6 +470,10 @@ private:
     /// True while every vertex's half-edge is the start of its fan (its leaving boundary
     /// half-edge when it has one): set by meshTwin, kept by the edits, cleared by allocFace.
     bool m_fanStartsKnown = true;
+    /// True while every vertex has one fan, which its walk covers: its valence is then its
+    /// degree, plus one on the boundary. Set by meshTwin when it finds so, kept by the edits
+    /// (none of them splits a fan), cleared by allocFace and allocBulk.
+    bool m_singleFans = true;
 };
 
 /// Pairs the twin half-edges of a mesh after its faces were allocated (TopoMesh::meshTwin).
