@@ -65,6 +65,51 @@ double angleAt(const Point& x, const Point& p, const Point& q)
     return qyLinear::angle(Normal(p - x).asVector(), Normal(q - x).asVector());
 }
 
+// The criteria below first decide from cheap estimates, and compute exactly (as the
+// decision is defined) only when an estimate is too close to call. An estimate decides only
+// where its error bound cannot change the outcome, so the decisions are those of the exact
+// computation.
+
+// Squared lengths between these bounds keep products of two of them finite and normal, and
+// normalizing a vector of such length takes the plain path of Normal.
+constexpr double smallSquare = 1e-140;
+constexpr double largeSquare = 1e140;
+
+inline bool safeSquare(double lengthSquared)
+{
+    return lengthSquared > smallSquare && lengthSquared < largeSquare;
+}
+
+// atan on [0, 1] by a minimax polynomial; the error is below 2e-6.
+inline double atanUnit(double x)
+{
+    const double x2 = x * x;
+    return x *
+           (0.99997726 +
+            x2 * (-0.33262347 +
+                  x2 * (0.19354346 + x2 * (-0.11643287 + x2 * (0.05265332 + x2 * -0.01172120)))));
+}
+
+// The angle at x between the directions to p and to q within 2e-6, or a negative value when
+// either direction is too short or too long to estimate safely.
+inline double estimateAngleAt(const Point& x, const Point& p, const Point& q)
+{
+    const Vector u = p - x, v = q - x;
+    if (!safeSquare(dot(u, u)) || !safeSquare(dot(v, v)))
+        return -1.0;
+    const double s = qyLinear::cross(u, v).length();
+    const double c = dot(u, v);
+    const double ac = std::abs(c);
+    double a = s <= ac ? atanUnit(s / ac) : halfPi - atanUnit(ac / s);
+    if (c < 0.0)
+        a = 3.141592653589793 - a;
+    return a;
+}
+
+// A decision from sums of two estimated angles each must clear their combined error
+// (4 * 2e-6) with room to spare.
+constexpr double angleSumMargin = 1e-4;
+
 // Signed dihedral angle across p-q between the triangles (p, q, r) and (q, p, s); false when
 // either triangle is degenerate.
 bool signedDihedral(const Point& p, const Point& q, const Point& r, const Point& s, double& out)
@@ -175,6 +220,19 @@ bool MeshEdgeSwapper::shouldSwap(TopoMeshEdge e)
 void MeshEdgeSwapper::minimizeOppositeAngleSum(TopoMeshEdge e, bool& veto)
 {
     const auto [A, B, C, D] = pointsOf(e);
+    const double c0 = estimateAngleAt(C, A, B), c1 = estimateAngleAt(D, A, B);
+    const double s0 = estimateAngleAt(B, C, D), s1 = estimateAngleAt(A, C, D);
+    if (c0 >= 0.0 && c1 >= 0.0 && s0 >= 0.0 && s1 >= 0.0)
+    {
+        const double difference = (s0 + s1) - (c0 + c1);
+        if (difference > angleSumMargin)
+        {
+            veto = true;
+            return;
+        }
+        if (difference < -angleSumMargin)
+            return;
+    }
     const double current = angleAt(C, A, B) + angleAt(D, A, B);
     const double swapped = angleAt(B, C, D) + angleAt(A, C, D);
     if (swapped >= current)
@@ -202,6 +260,23 @@ void MeshEdgeSwapper::preserveFeatures(TopoMeshEdge e, bool& veto)
 void MeshEdgeSwapper::preventFoldover(TopoMeshEdge e, bool& veto)
 {
     const auto [A, B, C, D] = pointsOf(e);
+    {
+        // The angle between the normals is above a right angle where their dot product is
+        // negative; it is decided here unless the product is within 1e-6 of the lengths'.
+        const Vector n1 = qyLinear::cross(B - D, C - D);
+        const Vector n2 = qyLinear::cross(C - D, A - D);
+        const double l1 = dot(n1, n1), l2 = dot(n2, n2);
+        if (safeSquare(l1) && safeSquare(l2))
+        {
+            const double c = dot(n1, n2);
+            if (c * c > 1e-12 * l1 * l2)
+            {
+                if (c < 0.0)
+                    veto = true;
+                return;
+            }
+        }
+    }
     const Normal n1 = triangleNormal(C, D, B);
     const Normal n2 = triangleNormal(A, D, C);
     if (!n1.isValid() || !n2.isValid() || qyLinear::angle(n1.asVector(), n2.asVector()) > halfPi)
