@@ -15,7 +15,6 @@
 #include <deque>
 #include <limits>
 #include <memory>
-#include <numeric>
 #include <vector>
 
 #include "base/Progress.h"
@@ -106,7 +105,7 @@ protected:
 
 private:
     void computeFlatness();
-    void sortByFlatness(std::vector<int>& order) const;
+    void sortByFlatness(std::vector<int>& order);
     void selectCandidates(const std::vector<int>& order, std::vector<int>& candidates);
     int runPass(std::vector<int>& candidates, qyUtil::Progress& progress);
     int removeBatch(BitVector& batch, Remap& vertexRemap, bool& merged);
@@ -118,6 +117,12 @@ private:
     std::vector<TopoMeshFace> m_faces;
     std::vector<Point> m_holeTriangles;
     std::vector<int> m_batchVertices;
+    struct FlatnessKey
+    {
+        double flatness;
+        int vertex;
+    };
+    std::vector<FlatnessKey> m_keys; ///< the sort's keys, kept across passes
 };
 
 void MeshReduceBase::reduce(qyUtil::Progress& progress)
@@ -179,16 +184,21 @@ void MeshReduceBase::computeFlatness()
     debugChannel().print("MeshReduce: flatness computed in %f s\n", watch.check());
 }
 
-void MeshReduceBase::sortByFlatness(std::vector<int>& order) const
+void MeshReduceBase::sortByFlatness(std::vector<int>& order)
 {
     const int n = m_mesh->getNumVertices();
+    // The keys travel with the indices, so that the comparisons read no flatness array. Ties
+    // go to the lower index: the order is total, so it does not depend on the pool.
+    m_keys.resize(std::size_t(n));
+    for (int v = 0; v < n; ++v)
+        m_keys[std::size_t(v)] = {m_flatness[v], v};
+    smpSort(m_keys.data(), m_keys.data() + n,
+            [](const FlatnessKey& a, const FlatnessKey& b) {
+                return a.flatness < b.flatness || (a.flatness == b.flatness && a.vertex < b.vertex);
+            });
     order.resize(std::size_t(n));
-    std::iota(order.begin(), order.end(), 0);
-    // Ties go to the lower index: the order is total, so it does not depend on the pool.
-    const double* flatness = m_flatness.get();
-    smpSort(order.data(), order.data() + n,
-            [flatness](int a, int b)
-            { return flatness[a] < flatness[b] || (flatness[a] == flatness[b] && a < b); });
+    for (int i = 0; i < n; ++i)
+        order[std::size_t(i)] = m_keys[std::size_t(i)].vertex;
 }
 
 void MeshReduceBase::selectCandidates(const std::vector<int>& order, std::vector<int>& candidates)
