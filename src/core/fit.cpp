@@ -14,74 +14,109 @@ namespace qyGeom
 using qyLinear::Point;
 using qyLinear::Vector;
 
-void eigenSymmetric3(const double A[3][3], double values[3], Vector vectors[3])
+namespace
 {
-    double scale = 0.0;
-    for (int i = 0; i < 3; ++i)
-        for (int j = i; j < 3; ++j)
-            scale = std::max(scale, std::fabs(A[i][j]));
-    double a[3][3];
-    if (!(scale > 0.0) || !std::isfinite(scale))
-        scale = 1.0;
-    const double inv = 1.0 / scale;
-    for (int i = 0; i < 3; ++i)
-        for (int j = i; j < 3; ++j)
-            a[i][j] = a[j][i] = A[i][j] * inv;
-    double v[3][3] = {{1, 0, 0}, {0, 1, 0}, {0, 0, 1}};
+
+// The Jacobi solve of L matrices side by side. Each lane runs exactly the operations of a
+// solve on its own (a lane that has converged stops rotating while the others go on), so its
+// results do not depend on its company; with two lanes the processor overlaps the two chains
+// of divisions and square roots, which a single solve leaves waiting on each other.
+template <int L>
+void eigenLanes(const double (*const A[L])[3], double* const values[L], Vector* const vectors[L])
+{
+    double scale[L];
+    double a[L][3][3];
+    double v[L][3][3];
+    bool active[L];
+    for (int l = 0; l < L; ++l)
+    {
+        scale[l] = 0.0;
+        for (int i = 0; i < 3; ++i)
+            for (int j = i; j < 3; ++j)
+                scale[l] = std::max(scale[l], std::fabs(A[l][i][j]));
+        if (!(scale[l] > 0.0) || !std::isfinite(scale[l]))
+            scale[l] = 1.0;
+        const double inv = 1.0 / scale[l];
+        for (int i = 0; i < 3; ++i)
+            for (int j = i; j < 3; ++j)
+                a[l][i][j] = a[l][j][i] = A[l][i][j] * inv;
+        for (int i = 0; i < 3; ++i)
+            for (int j = 0; j < 3; ++j)
+                v[l][i][j] = i == j ? 1.0 : 0.0;
+        active[l] = true;
+    }
 
     // Each sweep zeroes the three off-diagonal entries in turn; convergence is quadratic, so a
-    // handful of sweeps reach rounding level. The loop stops as soon as the off-diagonal part
-    // no longer changes the diagonal.
+    // handful of sweeps reach rounding level. A lane stops as soon as its off-diagonal part no
+    // longer changes its diagonal.
     for (int sweep = 0; sweep < 32; ++sweep)
     {
-        const double off = std::fabs(a[0][1]) + std::fabs(a[0][2]) + std::fabs(a[1][2]);
-        const double diag = std::fabs(a[0][0]) + std::fabs(a[1][1]) + std::fabs(a[2][2]);
-        if (off == 0.0 || diag + off * 1e-3 == diag)
+        bool any = false;
+        for (int l = 0; l < L; ++l)
+        {
+            if (!active[l])
+                continue;
+            const double off =
+                std::fabs(a[l][0][1]) + std::fabs(a[l][0][2]) + std::fabs(a[l][1][2]);
+            const double diag =
+                std::fabs(a[l][0][0]) + std::fabs(a[l][1][1]) + std::fabs(a[l][2][2]);
+            active[l] = !(off == 0.0 || diag + off * 1e-3 == diag);
+            any = any || active[l];
+        }
+        if (!any)
             break;
         for (int p = 0; p < 2; ++p)
             for (int q = p + 1; q < 3; ++q)
-            {
-                const double apq = a[p][q];
-                if (apq == 0.0)
-                    continue;
-                const double theta = (a[q][q] - a[p][p]) / (2.0 * apq);
-                const double t = (theta >= 0.0 ? 1.0 : -1.0) /
-                                 (std::fabs(theta) + std::sqrt(theta * theta + 1.0));
-                const double c = 1.0 / std::sqrt(t * t + 1.0);
-                const double s = t * c;
-                for (int k = 0; k < 3; ++k)
+                for (int l = 0; l < L; ++l)
                 {
-                    const double akp = a[k][p], akq = a[k][q];
-                    a[k][p] = c * akp - s * akq;
-                    a[k][q] = s * akp + c * akq;
+                    const double apq = a[l][p][q];
+                    if (!active[l] || apq == 0.0)
+                        continue;
+                    double(&m)[3][3] = a[l];
+                    double(&w)[3][3] = v[l];
+                    const double theta = (m[q][q] - m[p][p]) / (2.0 * apq);
+                    const double t = (theta >= 0.0 ? 1.0 : -1.0) /
+                                     (std::fabs(theta) + std::sqrt(theta * theta + 1.0));
+                    const double c = 1.0 / std::sqrt(t * t + 1.0);
+                    const double s = t * c;
+                    for (int k = 0; k < 3; ++k)
+                    {
+                        const double akp = m[k][p], akq = m[k][q];
+                        m[k][p] = c * akp - s * akq;
+                        m[k][q] = s * akp + c * akq;
+                    }
+                    for (int k = 0; k < 3; ++k)
+                    {
+                        const double apk = m[p][k], aqk = m[q][k];
+                        m[p][k] = c * apk - s * aqk;
+                        m[q][k] = s * apk + c * aqk;
+                    }
+                    m[p][q] = m[q][p] = 0.0;
+                    for (int k = 0; k < 3; ++k)
+                    {
+                        const double vkp = w[k][p], vkq = w[k][q];
+                        w[k][p] = c * vkp - s * vkq;
+                        w[k][q] = s * vkp + c * vkq;
+                    }
                 }
-                for (int k = 0; k < 3; ++k)
-                {
-                    const double apk = a[p][k], aqk = a[q][k];
-                    a[p][k] = c * apk - s * aqk;
-                    a[q][k] = s * apk + c * aqk;
-                }
-                a[p][q] = a[q][p] = 0.0;
-                for (int k = 0; k < 3; ++k)
-                {
-                    const double vkp = v[k][p], vkq = v[k][q];
-                    v[k][p] = c * vkp - s * vkq;
-                    v[k][q] = s * vkp + c * vkq;
-                }
-            }
     }
 
-    int order[3] = {0, 1, 2};
-    std::sort(order, order + 3, [&](int i, int j) { return a[i][i] < a[j][j]; });
-    for (int i = 0; i < 3; ++i)
+    for (int l = 0; l < L; ++l)
     {
-        const int k = order[i];
-        values[i] = a[k][k] * scale;
-        vectors[i] = Vector(v[0][k], v[1][k], v[2][k]);
+        int order[3] = {0, 1, 2};
+        std::sort(order, order + 3, [&](int i, int j) { return a[l][i][i] < a[l][j][j]; });
+        for (int i = 0; i < 3; ++i)
+        {
+            const int k = order[i];
+            values[l][i] = a[l][k][k] * scale[l];
+            vectors[l][i] = Vector(v[l][0][k], v[l][1][k], v[l][2][k]);
+        }
     }
 }
 
-bool fit(int n, const Point* points, qyLinear::Plane& plane)
+// The centroid and the covariance about it; false (nothing set) when n < 1 or the centroid
+// is not finite.
+bool covariance(int n, const Point* points, Point& centroid, double A[3][3])
 {
     if (n < 1)
         return false;
@@ -92,11 +127,12 @@ bool fit(int n, const Point* points, qyLinear::Plane& plane)
         cy += points[i].y;
         cz += points[i].z;
     }
-    const Point centroid(cx / n, cy / n, cz / n);
+    centroid = Point(cx / n, cy / n, cz / n);
     if (!std::isfinite(centroid.x) || !std::isfinite(centroid.y) || !std::isfinite(centroid.z))
         return false;
-
-    double A[3][3] = {{0, 0, 0}, {0, 0, 0}, {0, 0, 0}};
+    for (int i = 0; i < 3; ++i)
+        for (int j = 0; j < 3; ++j)
+            A[i][j] = 0.0;
     for (int i = 0; i < n; ++i)
     {
         const Vector d = points[i] - centroid;
@@ -107,13 +143,63 @@ bool fit(int n, const Point* points, qyLinear::Plane& plane)
         A[1][2] += d.y * d.z;
         A[2][2] += d.z * d.z;
     }
-    double values[3];
-    Vector vectors[3];
-    eigenSymmetric3(A, values, vectors);
+    return true;
+}
+
+// The plane from the solve, and whether it is determined.
+bool planeOf(const Point& centroid, const double values[3], const Vector vectors[3],
+             qyLinear::Plane& plane)
+{
     plane = qyLinear::Plane(centroid, qyLinear::Normal(vectors[0]));
     // The plane is unique when the middle eigenvalue stands clear of the smallest; for
     // points on a line (or one point) the two smallest vanish together.
     return values[1] > values[0] && values[1] > 1e-12 * values[2];
+}
+
+} // namespace
+
+void eigenSymmetric3(const double A[3][3], double values[3], Vector vectors[3])
+{
+    const double(*const matrices[1])[3] = {A};
+    double* const valueLanes[1] = {values};
+    Vector* const vectorLanes[1] = {vectors};
+    eigenLanes<1>(matrices, valueLanes, vectorLanes);
+}
+
+bool fit(int n, const Point* points, qyLinear::Plane& plane)
+{
+    Point centroid;
+    double A[3][3];
+    if (!covariance(n, points, centroid, A))
+        return false;
+    double values[3];
+    Vector vectors[3];
+    eigenSymmetric3(A, values, vectors);
+    return planeOf(centroid, values, vectors, plane);
+}
+
+void fitPair(const int n[2], const Point* const points[2], qyLinear::Plane planes[2],
+             bool fitted[2])
+{
+    Point centroid[2];
+    double A[2][3][3];
+    const bool valid[2] = {covariance(n[0], points[0], centroid[0], A[0]),
+                           covariance(n[1], points[1], centroid[1], A[1])};
+    double values[2][3];
+    Vector vectors[2][3];
+    if (valid[0] && valid[1])
+    {
+        const double(*const matrices[2])[3] = {A[0], A[1]};
+        double* const valueLanes[2] = {values[0], values[1]};
+        Vector* const vectorLanes[2] = {vectors[0], vectors[1]};
+        eigenLanes<2>(matrices, valueLanes, vectorLanes);
+    }
+    else
+        for (int l = 0; l < 2; ++l)
+            if (valid[l])
+                eigenSymmetric3(A[l], values[l], vectors[l]);
+    for (int l = 0; l < 2; ++l)
+        fitted[l] = valid[l] && planeOf(centroid[l], values[l], vectors[l], planes[l]);
 }
 
 } // namespace qyGeom

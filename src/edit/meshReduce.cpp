@@ -123,6 +123,7 @@ private:
         int vertex;
     };
     std::vector<FlatnessKey> m_keys; ///< the sort's keys, kept across passes
+    std::vector<Point> m_fans;       ///< two fans of the flatness loop
 };
 
 void MeshReduceBase::reduce(qyUtil::Progress& progress)
@@ -158,8 +159,30 @@ void MeshReduceBase::computeFlatness()
     const int n = m_mesh->getNumVertices();
     const qy::Reference<MeshAdjVertices> adjacency = m_cache.getAdjVertices(*m_mesh);
     const MeshVertex* vertices = m_mesh->getVertices();
-    std::vector<Point> fan(std::size_t(adjacency->getMaxValence()) + 1);
+    const std::size_t room = std::size_t(adjacency->getMaxValence()) + 1;
+    m_fans.resize(2 * room);
+    Point* const fans[2] = {m_fans.data(), m_fans.data() + room};
     constexpr double never = std::numeric_limits<double>::max();
+    // The fan of v, then v: k + 1 points.
+    auto gather = [&](int v, int k, Point* fan)
+    {
+        const int* ring = adjacency->vertexIndices(v);
+        for (int i = 0; i < k; ++i)
+            fan[i] = vertices[ring[i]].asPoint();
+        fan[k] = vertices[v].asPoint();
+    };
+    auto flatnessOf = [](const Point* fan, int count, const qyLinear::Plane& plane)
+    {
+        double flatness = 0.0;
+        for (int i = 0; i < count; ++i)
+            flatness = std::max(flatness, std::fabs(plane.eval(fan[i])));
+        // A fan with a coordinate that is not finite is never taken (and keeps the order a
+        // strict weak one).
+        return std::isfinite(flatness) ? flatness : never;
+    };
+    // The vertices are fitted two at a time (fitPair interleaves the two eigen-solves); the
+    // first of a pair waits in fans[0].
+    int waiting = -1, waitingCount = 0;
     for (int v = 0; v < n; ++v)
     {
         const int k = adjacency->numVertices(v);
@@ -168,18 +191,27 @@ void MeshReduceBase::computeFlatness()
             m_flatness[v] = never;
             continue;
         }
-        const int* ring = adjacency->vertexIndices(v);
-        for (int i = 0; i < k; ++i)
-            fan[std::size_t(i)] = vertices[ring[i]].asPoint();
-        fan[std::size_t(k)] = vertices[v].asPoint();
+        if (waiting < 0)
+        {
+            gather(v, k, fans[0]);
+            waiting = v;
+            waitingCount = k + 1;
+            continue;
+        }
+        gather(v, k, fans[1]);
+        const int counts[2] = {waitingCount, k + 1};
+        qyLinear::Plane planes[2];
+        bool fitted[2];
+        fitPair(counts, fans, planes, fitted);
+        m_flatness[waiting] = flatnessOf(fans[0], waitingCount, planes[0]);
+        m_flatness[v] = flatnessOf(fans[1], k + 1, planes[1]);
+        waiting = -1;
+    }
+    if (waiting >= 0)
+    {
         qyLinear::Plane plane;
-        fit(k + 1, fan.data(), plane);
-        double flatness = 0.0;
-        for (int i = 0; i <= k; ++i)
-            flatness = std::max(flatness, std::fabs(plane.eval(fan[std::size_t(i)])));
-        // A fan with a coordinate that is not finite is never taken (and keeps the order a
-        // strict weak one).
-        m_flatness[v] = std::isfinite(flatness) ? flatness : never;
+        fit(waitingCount, fans[0], plane);
+        m_flatness[waiting] = flatnessOf(fans[0], waitingCount, plane);
     }
     debugChannel().print("MeshReduce: flatness computed in %f s\n", watch.check());
 }

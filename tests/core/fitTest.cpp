@@ -1,6 +1,7 @@
 #include "qyGeom/fit.h"
 
 #include <cmath>
+#include <cstring>
 #include <random>
 #include <vector>
 
@@ -94,4 +95,54 @@ TEST(Fit, PlaneThroughCentroidWithTheLeastSquaresNormal)
     const qyLinear::Plane before = plane;
     EXPECT_FALSE(fit(0, line, plane));
     EXPECT_EQ(plane.origin(), before.origin());
+}
+
+TEST(Fit, PairGivesTheResultsOfTwoSingleFitsBitForBit)
+{
+    // Fans of varied sizes, flatness and scale, paired with each other and with degenerate
+    // sets (one point, collinear points, a non-finite coordinate, no point): the lanes of a
+    // pair converge after different numbers of sweeps, and a lane that cannot be fitted must
+    // leave its plane untouched as fit does.
+    std::mt19937 random(7);
+    std::uniform_real_distribution<double> unit(-1.0, 1.0);
+    std::vector<std::vector<Point>> sets;
+    for (int s = 0; s < 40; ++s)
+    {
+        const int n = 3 + s % 9;
+        const double flat = s % 4 == 0 ? 0.0 : std::pow(10.0, -(s % 13));
+        const double scale = std::pow(10.0, (s % 7) - 3);
+        std::vector<Point> points;
+        for (int i = 0; i < n; ++i)
+            points.emplace_back(scale * unit(random), scale * unit(random),
+                                scale * flat * unit(random));
+        sets.push_back(points);
+    }
+    sets.push_back({Point(1, 2, 3)});
+    sets.push_back({Point(0, 0, 0), Point(1, 1, 1), Point(2, 2, 2)});
+    sets.push_back({Point(0, 0, 0), Point(1, 0, 0), Point(0, std::nan(""), 0)});
+    sets.push_back({});
+
+    const auto same = [](const qyLinear::Plane& a, const qyLinear::Plane& b)
+    {
+        const Point ao = a.origin(), bo = b.origin();
+        const Vector an = a.normal().asVector(), bn = b.normal().asVector();
+        return std::memcmp(&ao, &bo, sizeof ao) == 0 && std::memcmp(&an, &bn, sizeof an) == 0;
+    };
+    const qyLinear::Plane untouched(Point(9, 9, 9), qyLinear::Normal(Vector(1, 0, 0)));
+    for (std::size_t i = 0; i < sets.size(); ++i)
+        for (std::size_t j = 0; j < sets.size(); j += 3)
+        {
+            const int n[2] = {int(sets[i].size()), int(sets[j].size())};
+            const Point* const points[2] = {sets[i].data(), sets[j].data()};
+            qyLinear::Plane pair[2] = {untouched, untouched};
+            bool fitted[2];
+            fitPair(n, points, pair, fitted);
+            for (int l = 0; l < 2; ++l)
+            {
+                qyLinear::Plane single = untouched;
+                const bool result = fit(n[l], points[l], single);
+                EXPECT_EQ(fitted[l], result) << i << " " << j << " lane " << l;
+                EXPECT_TRUE(same(pair[l], single)) << i << " " << j << " lane " << l;
+            }
+        }
 }
