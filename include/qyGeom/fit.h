@@ -17,14 +17,15 @@ namespace qyGeom
 /// Cost: O(n); no allocation.
 QYGEOM_API bool fit(int n, const qyLinear::Point* points, qyLinear::Plane& plane);
 
-/// fit() of two point sets at once: the same planes and results as two calls, bit for bit,
-/// in less time than two calls, since the two eigen-solves run interleaved.
-/// @param[in]  n       number of points of each set
-/// @param[in]  points  the two sets, n[0] and n[1] points
-/// @param[out] planes  as fit's `plane`, one per set
-/// @param[out] fitted  as fit's result, one per set
-QYGEOM_API void fitPair(const int n[2], const qyLinear::Point* const points[2],
-                        qyLinear::Plane planes[2], bool fitted[2]);
+/// fit() of each of `count` point sets: the same planes and results as separate calls, bit
+/// for bit, in less time, since up to four eigen-solves run interleaved.
+/// @param[in]  count   number of sets
+/// @param[in]  n       count ints: the number of points of each set
+/// @param[in]  points  count pointers: the sets
+/// @param[out] planes  count planes, as fit's `plane`
+/// @param[out] fitted  count results, as fit's
+QYGEOM_API void fitEach(int count, const int* n, const qyLinear::Point* const* points,
+                        qyLinear::Plane* planes, bool* fitted);
 
 /// Eigen-decomposition of a symmetric 3x3 matrix A (only its upper triangle is read) by cyclic
 /// Jacobi rotations: values[0] <= values[1] <= values[2], vectors[i] the unit eigenvector of

@@ -19,10 +19,10 @@ namespace
 
 // The Jacobi solve of L matrices side by side. Each lane runs exactly the operations of a
 // solve on its own (a lane that has converged stops rotating while the others go on), so its
-// results do not depend on its company; with two lanes the processor overlaps the two chains
+// results do not depend on its company; with several lanes the processor overlaps their chains
 // of divisions and square roots, which a single solve leaves waiting on each other.
 template <int L>
-void eigenLanes(const double (*const A[L])[3], double* const values[L], Vector* const vectors[L])
+void eigenLanes(const double (*const* A)[3], double* const* values, Vector* const* vectors)
 {
     double scale[L];
     double a[L][3][3];
@@ -178,28 +178,44 @@ bool fit(int n, const Point* points, qyLinear::Plane& plane)
     return planeOf(centroid, values, vectors, plane);
 }
 
-void fitPair(const int n[2], const Point* const points[2], qyLinear::Plane planes[2],
-             bool fitted[2])
+void fitEach(int count, const int* n, const Point* const* points, qyLinear::Plane* planes,
+             bool* fitted)
 {
-    Point centroid[2];
-    double A[2][3][3];
-    const bool valid[2] = {covariance(n[0], points[0], centroid[0], A[0]),
-                           covariance(n[1], points[1], centroid[1], A[1])};
-    double values[2][3];
-    Vector vectors[2][3];
-    if (valid[0] && valid[1])
+    // Groups of up to four sets that can be fitted; the others are left as fit leaves them.
+    constexpr int lanes = 4;
+    for (int first = 0; first < count;)
     {
-        const double(*const matrices[2])[3] = {A[0], A[1]};
-        double* const valueLanes[2] = {values[0], values[1]};
-        Vector* const vectorLanes[2] = {vectors[0], vectors[1]};
-        eigenLanes<2>(matrices, valueLanes, vectorLanes);
+        Point centroid[lanes];
+        double A[lanes][3][3];
+        int member[lanes];
+        int size = 0;
+        for (; first < count && size < lanes; ++first)
+        {
+            fitted[first] = false;
+            if (covariance(n[first], points[first], centroid[size], A[size]))
+                member[size++] = first;
+        }
+        double values[lanes][3];
+        Vector vectors[lanes][3];
+        const double(*matrices[lanes])[3] = {A[0], A[1], A[2], A[3]};
+        double* const valueLanes[lanes] = {values[0], values[1], values[2], values[3]};
+        Vector* const vectorLanes[lanes] = {vectors[0], vectors[1], vectors[2], vectors[3]};
+        int done = 0;
+        if (size - done >= 4)
+        {
+            eigenLanes<4>(matrices + done, valueLanes + done, vectorLanes + done);
+            done += 4;
+        }
+        if (size - done >= 2)
+        {
+            eigenLanes<2>(matrices + done, valueLanes + done, vectorLanes + done);
+            done += 2;
+        }
+        if (size - done >= 1)
+            eigenLanes<1>(matrices + done, valueLanes + done, vectorLanes + done);
+        for (int l = 0; l < size; ++l)
+            fitted[member[l]] = planeOf(centroid[l], values[l], vectors[l], planes[member[l]]);
     }
-    else
-        for (int l = 0; l < 2; ++l)
-            if (valid[l])
-                eigenSymmetric3(A[l], values[l], vectors[l]);
-    for (int l = 0; l < 2; ++l)
-        fitted[l] = valid[l] && planeOf(centroid[l], values[l], vectors[l], planes[l]);
 }
 
 } // namespace qyGeom

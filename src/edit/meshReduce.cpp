@@ -123,7 +123,7 @@ private:
         int vertex;
     };
     std::vector<FlatnessKey> m_keys; ///< the sort's keys, kept across passes
-    std::vector<Point> m_fans;       ///< two fans of the flatness loop
+    std::vector<Point> m_fans;       ///< the fans of a group of the flatness loop
 };
 
 void MeshReduceBase::reduce(qyUtil::Progress& progress)
@@ -160,8 +160,7 @@ void MeshReduceBase::computeFlatness()
     const qy::Reference<MeshAdjVertices> adjacency = m_cache.getAdjVertices(*m_mesh);
     const MeshVertex* vertices = m_mesh->getVertices();
     const std::size_t room = std::size_t(adjacency->getMaxValence()) + 1;
-    m_fans.resize(2 * room);
-    Point* const fans[2] = {m_fans.data(), m_fans.data() + room};
+    m_fans.resize(4 * room);
     constexpr double never = std::numeric_limits<double>::max();
     // The fan of v, then v: k + 1 points.
     auto gather = [&](int v, int k, Point* fan)
@@ -180,9 +179,22 @@ void MeshReduceBase::computeFlatness()
         // strict weak one).
         return std::isfinite(flatness) ? flatness : never;
     };
-    // The vertices are fitted two at a time (fitPair interleaves the two eigen-solves); the
-    // first of a pair waits in fans[0].
-    int waiting = -1, waitingCount = 0;
+    // The fans are fitted a group at a time (fitEach interleaves their eigen-solves).
+    constexpr int group = 4;
+    int members[group], counts[group];
+    const Point* groupFans[group];
+    qyLinear::Plane planes[group];
+    bool fitted[group];
+    int size = 0;
+    auto fitGroup = [&]
+    {
+        for (int i = 0; i < size; ++i)
+            planes[i] = qyLinear::Plane();
+        fitEach(size, counts, groupFans, planes, fitted);
+        for (int i = 0; i < size; ++i)
+            m_flatness[members[i]] = flatnessOf(groupFans[i], counts[i], planes[i]);
+        size = 0;
+    };
     for (int v = 0; v < n; ++v)
     {
         const int k = adjacency->numVertices(v);
@@ -191,28 +203,16 @@ void MeshReduceBase::computeFlatness()
             m_flatness[v] = never;
             continue;
         }
-        if (waiting < 0)
-        {
-            gather(v, k, fans[0]);
-            waiting = v;
-            waitingCount = k + 1;
-            continue;
-        }
-        gather(v, k, fans[1]);
-        const int counts[2] = {waitingCount, k + 1};
-        qyLinear::Plane planes[2];
-        bool fitted[2];
-        fitPair(counts, fans, planes, fitted);
-        m_flatness[waiting] = flatnessOf(fans[0], waitingCount, planes[0]);
-        m_flatness[v] = flatnessOf(fans[1], k + 1, planes[1]);
-        waiting = -1;
+        Point* fan = m_fans.data() + std::ptrdiff_t(size) * std::ptrdiff_t(room);
+        gather(v, k, fan);
+        members[size] = v;
+        counts[size] = k + 1;
+        groupFans[size] = fan;
+        if (++size == group)
+            fitGroup();
     }
-    if (waiting >= 0)
-    {
-        qyLinear::Plane plane;
-        fit(waitingCount, fans[0], plane);
-        m_flatness[waiting] = flatnessOf(fans[0], waitingCount, plane);
-    }
+    if (size > 0)
+        fitGroup();
     debugChannel().print("MeshReduce: flatness computed in %f s\n", watch.check());
 }
 

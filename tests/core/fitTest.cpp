@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <cstring>
+#include <memory>
 #include <random>
 #include <vector>
 
@@ -97,12 +98,13 @@ TEST(Fit, PlaneThroughCentroidWithTheLeastSquaresNormal)
     EXPECT_EQ(plane.origin(), before.origin());
 }
 
-TEST(Fit, PairGivesTheResultsOfTwoSingleFitsBitForBit)
+TEST(Fit, EachGivesTheResultsOfSingleFitsBitForBit)
 {
-    // Fans of varied sizes, flatness and scale, paired with each other and with degenerate
-    // sets (one point, collinear points, a non-finite coordinate, no point): the lanes of a
-    // pair converge after different numbers of sweeps, and a lane that cannot be fitted must
-    // leave its plane untouched as fit does.
+    // Fans of varied sizes, flatness and scale, grouped with each other and with degenerate
+    // sets (one point, collinear points, a non-finite coordinate, no point) in runs of every
+    // length from 1 to 9 (full groups of four, then the rest): the lanes of a group converge
+    // after different numbers of sweeps, and a set that cannot be fitted must leave its plane
+    // untouched as fit does.
     std::mt19937 random(7);
     std::uniform_real_distribution<double> unit(-1.0, 1.0);
     std::vector<std::vector<Point>> sets;
@@ -129,20 +131,29 @@ TEST(Fit, PairGivesTheResultsOfTwoSingleFitsBitForBit)
         return std::memcmp(&ao, &bo, sizeof ao) == 0 && std::memcmp(&an, &bn, sizeof an) == 0;
     };
     const qyLinear::Plane untouched(Point(9, 9, 9), qyLinear::Normal(Vector(1, 0, 0)));
-    for (std::size_t i = 0; i < sets.size(); ++i)
-        for (std::size_t j = 0; j < sets.size(); j += 3)
+    for (int length = 1; length <= 9; ++length)
+        for (std::size_t first = 0; first + std::size_t(length) <= sets.size(); first += 2)
         {
-            const int n[2] = {int(sets[i].size()), int(sets[j].size())};
-            const Point* const points[2] = {sets[i].data(), sets[j].data()};
-            qyLinear::Plane pair[2] = {untouched, untouched};
-            bool fitted[2];
-            fitPair(n, points, pair, fitted);
-            for (int l = 0; l < 2; ++l)
+            std::vector<int> n;
+            std::vector<const Point*> points;
+            for (int i = 0; i < length; ++i)
+            {
+                // Interleave the degenerate sets at the end with the regular ones.
+                const std::size_t s = i % 3 == 2 ? sets.size() - 1 - (first + std::size_t(i)) % 4
+                                                 : first + std::size_t(i);
+                n.push_back(int(sets[s].size()));
+                points.push_back(sets[s].data());
+            }
+            std::vector<qyLinear::Plane> planes(std::size_t(length), untouched);
+            std::unique_ptr<bool[]> fitted(new bool[std::size_t(length)]);
+            fitEach(length, n.data(), points.data(), planes.data(), fitted.get());
+            for (int l = 0; l < length; ++l)
             {
                 qyLinear::Plane single = untouched;
-                const bool result = fit(n[l], points[l], single);
-                EXPECT_EQ(fitted[l], result) << i << " " << j << " lane " << l;
-                EXPECT_TRUE(same(pair[l], single)) << i << " " << j << " lane " << l;
+                const bool result = fit(n[std::size_t(l)], points[std::size_t(l)], single);
+                EXPECT_EQ(fitted[std::size_t(l)], result) << first << " " << length << " " << l;
+                EXPECT_TRUE(same(planes[std::size_t(l)], single))
+                    << first << " " << length << " " << l;
             }
         }
 }
