@@ -79,18 +79,18 @@ void eigenLanes(const double (*const* A)[3], double* const* values, Vector* cons
                                      (std::fabs(theta) + std::sqrt(theta * theta + 1.0));
                     const double c = 1.0 / std::sqrt(t * t + 1.0);
                     const double s = t * c;
-                    for (int k = 0; k < 3; ++k)
-                    {
-                        const double akp = m[k][p], akq = m[k][q];
-                        m[k][p] = c * akp - s * akq;
-                        m[k][q] = s * akp + c * akq;
-                    }
-                    for (int k = 0; k < 3; ++k)
-                    {
-                        const double apk = m[p][k], aqk = m[q][k];
-                        m[p][k] = c * apk - s * aqk;
-                        m[q][k] = s * apk + c * aqk;
-                    }
+                    // The rotation applied to the columns p and q, then to the rows. The
+                    // matrix stays symmetric bit for bit (the row update of an entry repeats
+                    // the column update of its mirror on the same values), so each changed
+                    // pair of mirrored entries is computed once.
+                    const int r = 3 - p - q;
+                    const double app = m[p][p], aqq = m[q][q], arp = m[r][p], arq = m[r][q];
+                    const double cpp = c * app - s * apq, cqp = c * apq - s * aqq;
+                    const double cpq = s * app + c * apq, cqq = s * apq + c * aqq;
+                    m[p][p] = c * cpp - s * cqp;
+                    m[q][q] = s * cpq + c * cqq;
+                    m[r][p] = m[p][r] = c * arp - s * arq;
+                    m[r][q] = m[q][r] = s * arp + c * arq;
                     m[p][q] = m[q][p] = 0.0;
                     for (int k = 0; k < 3; ++k)
                     {
