@@ -350,6 +350,8 @@ void TopoMesh::meshTwin()
     {
         int end;
         int edge;
+        int twin; ///< the half-edge's twin, kept up to date below
+        int prev; ///< the half-edge before it in its face, which arrives at the vertex
     };
     std::vector<int> start(std::size_t(numSlots) + 1, 0);
     for (int e = 0; e < numEdgeSlots; ++e)
@@ -365,7 +367,7 @@ void TopoMesh::meshTwin()
         if (v < 0)
             continue;
         const int end = edges[e].twin >= 0 ? -1 : edges[edges[e].next].vertex;
-        bucket[std::size_t(start[std::size_t(v)]++)] = Entry{end, e};
+        bucket[std::size_t(start[std::size_t(v)]++)] = Entry{end, e, edges[e].twin, edges[e].prev};
     }
     for (int v = numSlots; v > 0; --v)
         start[std::size_t(v)] = start[std::size_t(v) - 1];
@@ -400,6 +402,8 @@ void TopoMesh::meshTwin()
             edges[g].twin = e;
             bucket[std::size_t(p)].end = -1;
             bucket[std::size_t(opposite)].end = -1;
+            bucket[std::size_t(p)].twin = g;
+            bucket[std::size_t(opposite)].twin = e;
         }
     }
 
@@ -414,15 +418,38 @@ void TopoMesh::meshTwin()
             }
     m_fanStartsKnown = true;
 
-    // One fan per vertex when each walk meets all the vertex's leaving half-edges (the flag
-    // stays off while the walks count, so that they walk).
-    m_singleFans = false;
+    // One fan per vertex when the walk around it meets all its leaving half-edges. The walk
+    // goes from a leaving half-edge to the twin of the half-edge before it in its face, which
+    // leaves the vertex too: it stays in the vertex's bucket, so it is followed there (a
+    // short scan for the entry whose twin is that half-edge) rather than through the
+    // half-edge array. A twinless leaving half-edge is where an open fan starts.
     bool single = true;
     for (int v = 0; v < numSlots && single; ++v)
     {
-        bool boundary;
-        const int valence = fanValence(v, boundary);
-        single = valence == 0 || valence - int(boundary) == m_vertexDegree[std::size_t(v)];
+        const int begin = start[std::size_t(v)], end = start[std::size_t(v) + 1];
+        if (begin == end)
+            continue;
+        int first = begin;
+        for (int k = begin; k < end; ++k)
+            if (bucket[std::size_t(k)].twin < 0)
+            {
+                first = k;
+                break;
+            }
+        int count = 1;
+        for (int k = first;;)
+        {
+            const int arriving = bucket[std::size_t(k)].prev;
+            int next = -1;
+            for (int j = begin; j < end && next < 0; ++j)
+                if (bucket[std::size_t(j)].twin == arriving)
+                    next = j;
+            if (next < 0 || next == first)
+                break;
+            k = next;
+            ++count;
+        }
+        single = count == end - begin && count == m_vertexDegree[std::size_t(v)];
     }
     m_singleFans = single;
 }

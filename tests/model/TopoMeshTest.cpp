@@ -2,6 +2,7 @@
 #include "model/TopoMesh.h"
 
 #include <algorithm>
+#include <array>
 #include <map>
 #include <random>
 #include <set>
@@ -209,6 +210,41 @@ TEST(TopoMesh, BadFaceListsAreRefusedOrLeftUnpaired)
             ++spokes;
         EXPECT_EQ(spokes, w.valence());
     }
+}
+
+TEST(TopoMesh, ValenceCountsTheWalkedFanWhereSeveralFansMeet)
+{
+    // Two closed tetrahedra sharing vertex 0 (two closed fans of 3 there, 6 leaving
+    // half-edges), and two triangles sharing vertex 7 (two open fans of 2 spokes each): the
+    // valence is that of the fan the walk covers, never the vertex's whole degree; an edit and
+    // a second pairing keep it so.
+    TopoMesh mesh;
+    std::vector<TopoMeshVertex> v;
+    const double xyz[][3] = {{0, 0, 0},  {1, 0, 0}, {0, 1, 0}, {0, 0, 1}, {-1, 0, 0}, {0, -1, 0},
+                             {0, 0, -1}, {5, 5, 5}, {6, 5, 5}, {5, 6, 5}, {4, 5, 5},  {5, 4, 5}};
+    for (const auto& p : xyz)
+        v.push_back(mesh.allocVertex(p[0], p[1], p[2]));
+    for (const auto& t :
+         {std::array{0, 2, 1}, std::array{0, 1, 3}, std::array{0, 3, 2}, std::array{1, 2, 3},
+          std::array{0, 5, 4}, std::array{0, 4, 6}, std::array{0, 6, 5}, std::array{4, 5, 6},
+          std::array{7, 8, 9}, std::array{7, 10, 11}})
+        mesh.allocFace(3, t.data());
+    mesh.meshTwin();
+    EXPECT_EQ(mesh.getVertexDegree(0), 6);
+    EXPECT_EQ(v[0].valence(), 3);
+    EXPECT_EQ(v[7].valence(), 2);
+    EXPECT_TRUE(v[7].onBoundary());
+    EXPECT_FALSE(mesh.swapEdge(mesh.findEdge(v[0], v[1])));
+    checkInvariants(mesh, false);
+    const TopoMeshVertex w =
+        mesh.subdivideFace(mesh.findEdge(v[1], v[2]).face(), Point(0.3, 0.3, 0.3));
+    EXPECT_EQ(w.valence(), 3);
+    EXPECT_EQ(v[1].valence(), 4);
+    EXPECT_EQ(v[0].valence(), 3);
+    mesh.meshTwin();
+    EXPECT_EQ(v[0].valence(), 3);
+    EXPECT_EQ(v[1].valence(), 4);
+    checkInvariants(mesh, false);
 }
 
 TEST(TopoMesh, SwapEdgeInteriorAndRefusals)
