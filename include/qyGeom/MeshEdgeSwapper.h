@@ -62,6 +62,10 @@ public:
     /// @pre e is a live half-edge.
     virtual bool shouldSwap(TopoMeshEdge e);
 
+    // The four criteria read the quad of e, the two triangles on either side of it; each
+    // vetoes an edge without a twin (a boundary edge, or one whose neighbour runs the same
+    // way on a surface that is not consistently wound), which has no such quad.
+
     /// Delaunay-style: vetoes unless the swap strictly lowers the sum of the two angles
     /// opposite the diagonal (angle(C; A, B) + angle(D; A, B) against angle(B; C, D) +
     /// angle(A; C, D), each in [0, pi]). Ties, as in a square, keep the current diagonal.

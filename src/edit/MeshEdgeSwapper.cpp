@@ -219,6 +219,11 @@ bool MeshEdgeSwapper::shouldSwap(TopoMeshEdge e)
 
 void MeshEdgeSwapper::minimizeOppositeAngleSum(TopoMeshEdge e, bool& veto)
 {
+    if (!e.hasTwin())
+    {
+        veto = true; // a boundary edge has no quad to swap in
+        return;
+    }
     const auto [A, B, C, D] = pointsOf(e);
     const double c0 = estimateAngleAt(C, A, B), c1 = estimateAngleAt(D, A, B);
     const double s0 = estimateAngleAt(B, C, D), s1 = estimateAngleAt(A, C, D);
@@ -241,6 +246,11 @@ void MeshEdgeSwapper::minimizeOppositeAngleSum(TopoMeshEdge e, bool& veto)
 
 void MeshEdgeSwapper::preserveBoundary(TopoMeshEdge e, bool& veto)
 {
+    if (!e.hasTwin())
+    {
+        veto = true; // a boundary edge has no quad to swap in
+        return;
+    }
     const TopoMesh& mesh = *e.getMesh();
     const Quad q = quadOf(e);
     if ((mesh.vertexOnBoundary(q.a) && mesh.vertexOnBoundary(q.b)) ||
@@ -250,6 +260,11 @@ void MeshEdgeSwapper::preserveBoundary(TopoMeshEdge e, bool& veto)
 
 void MeshEdgeSwapper::preserveFeatures(TopoMeshEdge e, bool& veto)
 {
+    if (!e.hasTwin())
+    {
+        veto = true; // a boundary edge has no quad to swap in
+        return;
+    }
     const auto [A, B, C, D] = pointsOf(e);
     double before = 0, after = 0;
     if (!signedDihedral(A, B, C, D, before) || !signedDihedral(D, C, A, B, after) ||
@@ -259,6 +274,11 @@ void MeshEdgeSwapper::preserveFeatures(TopoMeshEdge e, bool& veto)
 
 void MeshEdgeSwapper::preventFoldover(TopoMeshEdge e, bool& veto)
 {
+    if (!e.hasTwin())
+    {
+        veto = true; // a boundary edge has no quad to swap in
+        return;
+    }
     const auto [A, B, C, D] = pointsOf(e);
     {
         // The angle between the normals is above a right angle where their dot product is

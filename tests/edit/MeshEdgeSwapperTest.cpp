@@ -164,6 +164,14 @@ TEST(MeshEdgeSwapper, BoundaryRuleOnAGridAndBoundaryEdgesAreNeverAsked)
                            triangle.allocVertex(0, 1, 0));
     triangle.meshTwin();
     EXPECT_FALSE(swapper.shouldSwap(triangle.firstEdge()));
+    // Asked directly, each criterion refuses an edge that has no quad.
+    for (auto criterion : {&Swapper::minimizeOppositeAngleSum, &Swapper::preserveBoundary,
+                           &Swapper::preserveFeatures, &Swapper::preventFoldover})
+    {
+        bool veto = false;
+        criterion(triangle.firstEdge(), veto);
+        EXPECT_TRUE(veto);
+    }
     EXPECT_EQ(meshSwapEdgesOnce(triangle, swapper), 0);
     EXPECT_EQ(asked, 0);
 }

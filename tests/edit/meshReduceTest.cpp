@@ -262,6 +262,29 @@ TEST(MeshReduce, FlatGridKeepsEveryBoundaryVertexAndNeverFolds)
     }
 }
 
+TEST(MeshReduce, ASurfaceWoundBothWaysReducesWithoutHarm)
+{
+    // Every seventh triangle turned over: edges whose two triangles run the same way have no
+    // twin in the half-edge regions, and the swap criteria must refuse them, not read past.
+    CompactMesh source = qyTest::makeIcosphere(4);
+    int* tris = source.getTrianglesRaw();
+    for (int t = 0; t < source.getNumTriangles(); t += 7)
+        std::swap(tris[3 * t + 1], tris[3 * t + 2]);
+    for (const bool tolerance : {false, true})
+    {
+        CompactMesh mesh(source);
+        std::vector<Point> removed;
+        if (tolerance)
+            meshReduceWithTolerance(mesh, 0.05, qyTest::quietProgress(), removed);
+        else
+            meshReduceToFraction(mesh, 0.5, qyTest::quietProgress(), removed);
+        EXPECT_LE(mesh.getNumVertices(), source.getNumVertices());
+        const int n = mesh.getNumVertices();
+        for (const int v : triangles(mesh))
+            ASSERT_TRUE(v >= 0 && v < n);
+    }
+}
+
 TEST(MeshReduce, ToleranceZeroRemovesNothing)
 {
     // Curved: every fan is off its plane. Flat: every fan has flatness 0, and the test
