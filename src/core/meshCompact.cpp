@@ -367,9 +367,9 @@ struct SortItem
 // The total order on representatives, for items built on component `primary` (the components
 // before it are the same in every key). Only keys that tie in all three words of the items are
 // read again from the mesh.
-template <int W> struct SortItemLess
+template <class Order> struct SortItemLess
 {
-    KeyIndexOrder<W> order;
+    Order order;
 
     bool operator()(const SortItem& a, const SortItem& b) const
     {
@@ -384,27 +384,29 @@ template <int W> struct SortItemLess
 };
 
 // Sorts m items, given in increasing index order, by `less`, using `scratch` (m items). Keys
-// rarely tie in their primary component, so a stable radix sort on it (three digits of 11, 11
-// and 10 bits; a digit that is the same in every item is skipped) leaves only short runs of
-// equal words, each then sorted by the full order.
-template <class Less>
-void sortItems(SortItem* items, SortItem* scratch, std::ptrdiff_t m, Less less)
+// rarely tie in their primary component, so a stable radix sort on it (digits of `DigitBits`
+// bits from the lowest; a digit that is the same in every item is skipped) leaves only short
+// runs of equal words, each then sorted by the full order. Eleven-bit digits take three passes;
+// eight-bit ones take four, but their 256 buckets are written within the first-level cache,
+// which pays while the items are few.
+template <int DigitBits = 11, class Item, class Less>
+void sortItems(Item* items, Item* scratch, std::ptrdiff_t m, Less less)
 {
-    constexpr int digitBits = 11, numBuckets = 1 << digitBits;
-    std::vector<std::ptrdiff_t> counts(3 * numBuckets, 0);
+    constexpr int numBuckets = 1 << DigitBits;
+    constexpr int numDigits = (32 + DigitBits - 1) / DigitBits;
+    std::vector<std::ptrdiff_t> counts(numDigits * numBuckets, 0);
     for (std::ptrdiff_t i = 0; i < m; ++i)
     {
         const std::uint32_t w = items[i].word;
-        ++counts[w & (numBuckets - 1)];
-        ++counts[numBuckets + ((w >> digitBits) & (numBuckets - 1))];
-        ++counts[2 * numBuckets + (w >> (2 * digitBits))];
+        for (int d = 0; d < numDigits; ++d)
+            ++counts[std::size_t(d * numBuckets) + ((w >> (d * DigitBits)) & (numBuckets - 1))];
     }
-    SortItem* from = items;
-    SortItem* to = scratch;
-    for (int digit = 0; digit < 3 && m > 1; ++digit)
+    Item* from = items;
+    Item* to = scratch;
+    for (int digit = 0; digit < numDigits && m > 1; ++digit)
     {
         std::ptrdiff_t* offsets = counts.data() + digit * numBuckets;
-        const int shift = digit * digitBits;
+        const int shift = digit * DigitBits;
         if (offsets[(from[0].word >> shift) & (numBuckets - 1)] == m)
             continue;
         std::ptrdiff_t sum = 0;
@@ -419,7 +421,7 @@ void sortItems(SortItem* items, SortItem* scratch, std::ptrdiff_t m, Less less)
         std::swap(from, to);
     }
     if (from != items)
-        std::memcpy(static_cast<void*>(items), from, sizeof(SortItem) * std::size_t(m));
+        std::memcpy(static_cast<void*>(items), from, sizeof(Item) * std::size_t(m));
 
     for (std::ptrdiff_t i = 0; i < m;)
     {
@@ -431,6 +433,214 @@ void sortItems(SortItem* items, SortItem* scratch, std::ptrdiff_t m, Less less)
         i = j;
     }
 }
+
+// A group in the sort of SerialGrouping: the sortable form of its primary key component and
+// its number. Half the size of a SortItem: the other components are read from the groups'
+// dense keys in the rare case of a tie.
+struct WordItem
+{
+    std::uint32_t word;
+    int index;
+};
+
+template <class Order> struct WordItemLess
+{
+    Order order;
+
+    bool operator()(const WordItem& a, const WordItem& b) const
+    {
+        if (a.word != b.word)
+            return a.word < b.word;
+        return order(a.index, b.index);
+    }
+};
+
+// The total order of KeyIndexOrder over keys stored back to back (W floats each) and indexed
+// by group number; groups are numbered in the order of their first vertex, so comparing the
+// numbers compares the first vertices' indices.
+template <int W> struct DenseKeyOrder
+{
+    const float* keys;
+
+    bool operator()(int a, int b) const
+    {
+        const float* ka = keys + std::ptrdiff_t(W) * a;
+        const float* kb = keys + std::ptrdiff_t(W) * b;
+        for (int k = 0; k < W; ++k)
+        {
+            const std::uint32_t x = orderKey(ka[k]), y = orderKey(kb[k]);
+            if (x != y)
+                return x < y;
+        }
+        return a < b;
+    }
+};
+
+// The default checker's route on the calling thread alone. One pass numbers the groups of
+// identical keys in the order of their first vertex (map[i] = the group of vertex i), keeping
+// each group's key in a dense array and its highest vertex index; the groups' keys are then
+// sorted, and a second pass turns group numbers into new indices. The table and every key
+// read while grouping sit in small dense arrays, not spread over the vertex array.
+template <int W> class SerialGrouping
+{
+    // Below this many groups the sort takes eight-bit digits.
+    static constexpr std::ptrdiff_t smallSort = std::ptrdiff_t(1) << 17;
+
+public:
+    SerialGrouping(const KeyReader<W>& keys, int n, int* map) : m_keys(keys), m_n(n), m_map(map) {}
+
+    // Returns the number of groups.
+    int group()
+    {
+        std::size_t capacity = 64;
+        while (capacity < std::size_t(m_n) / 2)
+            capacity *= 2;
+        std::vector<int> table(capacity, -1);
+        std::size_t mask = capacity - 1;
+        // Written only as far as groups are found.
+        m_groupKeys = uninitialized<float>(std::size_t(W) * std::size_t(m_n));
+        m_last = uninitialized<int>(std::size_t(m_n));
+        float* groupKeys = m_groupKeys.get();
+        int* last = m_last.get();
+        int* map = m_map;
+        int count = 0;
+
+        auto hashAhead = [&](std::ptrdiff_t j)
+        {
+            float key[W];
+            m_keys.load(j, key);
+            const std::uint64_t hash = hashKey<W>(key);
+            __builtin_prefetch(table.data() + (hash & mask));
+            return hash;
+        };
+        std::uint64_t hashes[ahead];
+        const std::ptrdiff_t n = m_n;
+        for (std::ptrdiff_t j = 0; j < std::min(ahead, n); ++j)
+            hashes[j % ahead] = hashAhead(j);
+        for (std::ptrdiff_t i = 0; i < n; ++i)
+        {
+            const std::uint64_t hash = hashes[i % ahead];
+            // Half way, the slot fetched for a vertex is there to be read: the key of the
+            // group that it names (the one that vertex most likely joins) is fetched too.
+            if (i + ahead / 2 < n)
+            {
+                const int r = table[hashes[(i + ahead / 2) % ahead] & mask];
+                if (r >= 0)
+                    __builtin_prefetch(groupKeys + std::ptrdiff_t(W) * r);
+            }
+            if (i + ahead < n)
+                hashes[i % ahead] = hashAhead(i + ahead);
+            float key[W];
+            m_keys.load(i, key);
+            int g = -1;
+            if (!hasNaN<W>(key))
+            {
+                for (std::size_t slot = hash & mask;; slot = (slot + 1) & mask)
+                {
+                    const int r = table[slot];
+                    if (r < 0)
+                    {
+                        table[slot] = count;
+                        break;
+                    }
+                    if (sameKey<W>(key, groupKeys + std::ptrdiff_t(W) * r))
+                    {
+                        g = r;
+                        break;
+                    }
+                }
+            }
+            if (g < 0)
+            {
+                // A new group (a NaN key is one of its own, outside the table).
+                g = count++;
+                std::memcpy(groupKeys + std::ptrdiff_t(W) * g, key, sizeof(key));
+                if (2 * std::size_t(count) > table.size())
+                    mask = grow(table);
+            }
+            map[i] = g;
+            last[g] = int(i);
+        }
+        m_count = count;
+        if (count < m_n)
+            sortGroups();
+        return count;
+    }
+
+    void number(std::vector<int>& source)
+    {
+        const std::ptrdiff_t count = m_count;
+        const WordItem* items = m_items.get();
+        // The group's highest vertex supplies the data; its entry then holds its new index.
+        source.resize(std::size_t(count));
+        int* last = m_last.get();
+        for (std::ptrdiff_t k = 0; k < count; ++k)
+        {
+            const int g = items[k].index;
+            source[std::size_t(k)] = last[g];
+            last[g] = int(k);
+        }
+        m_items.reset();
+        int* map = m_map;
+        for (std::ptrdiff_t i = 0; i < m_n; ++i)
+            map[i] = last[map[i]];
+    }
+
+private:
+    // Orders the groups by key into m_items.
+    void sortGroups()
+    {
+        const std::ptrdiff_t count = m_count;
+        m_items = uninitialized<WordItem>(std::size_t(count));
+        WordItem* items = m_items.get();
+        {
+            std::unique_ptr<WordItem[]> scratch = uninitialized<WordItem>(std::size_t(count));
+            const float* keys = m_groupKeys.get();
+            // The primary component is the first that is not the same in every key.
+            unsigned mask = 0;
+            for (std::ptrdiff_t g = 1; g < count; ++g)
+                for (int c = 0; c < W; ++c)
+                    mask |= unsigned(orderKey(keys[W * g + c]) != orderKey(keys[c])) << c;
+            const int primary = mask == 0 ? 0 : std::countr_zero(mask);
+            for (std::ptrdiff_t g = 0; g < count; ++g)
+            {
+                const float* key = keys + W * g;
+                items[g] = {orderKey(key[primary]), int(g)};
+            }
+            const WordItemLess<DenseKeyOrder<W>> less{DenseKeyOrder<W>{keys}};
+            if (count < smallSort)
+                sortItems<8>(items, scratch.get(), count, less);
+            else
+                sortItems(items, scratch.get(), count, less);
+        }
+        m_groupKeys.reset();
+    }
+
+    std::size_t grow(std::vector<int>& table) const
+    {
+        std::vector<int> old(table.size() * 2, -1);
+        old.swap(table);
+        const std::size_t mask = table.size() - 1;
+        for (int g : old)
+        {
+            if (g < 0)
+                continue;
+            std::size_t slot = hashKey<W>(m_groupKeys.get() + std::ptrdiff_t(W) * g) & mask;
+            while (table[slot] >= 0)
+                slot = (slot + 1) & mask;
+            table[slot] = g;
+        }
+        return mask;
+    }
+
+    KeyReader<W> m_keys;
+    int m_n;
+    int* m_map;
+    int m_count = 0;
+    std::unique_ptr<float[]> m_groupKeys;
+    std::unique_ptr<int[]> m_last;
+    std::unique_ptr<WordItem[]> m_items;
+};
 
 // The default checker's route, in two steps. group() finds the groups of identical keys and
 // orders one representative per group by key; number() gives every vertex its new index
@@ -629,7 +839,7 @@ private:
         if (primary > 0)
             build(primary);
 
-        const SortItemLess<W> less{KeyIndexOrder<W>{m_keys}};
+        const SortItemLess<KeyIndexOrder<W>> less{KeyIndexOrder<W>{m_keys}};
         runTwoTasks(m_pool, m_parallel,
                     [&](int task)
                     {
@@ -643,7 +853,8 @@ private:
         scratch.reset();
         if (m_parallel)
         {
-            SMPSortMerge<SortItem, SortItemLess<W>> merge(items, items + count, less);
+            SMPSortMerge<SortItem, SortItemLess<KeyIndexOrder<W>>> merge(items, items + count,
+                                                                         less);
             m_pool.run(merge);
         }
     }
@@ -752,14 +963,23 @@ int buildMap(const KeyReader<W>& keys, int n, int* map, std::vector<int>& source
     if (checker)
         return sortAndScan<W>(keys, n, map, source, *checker, pool, parallel, progress, child,
                               watch);
+    auto run = [&](auto& grouping)
+    {
+        const int count = grouping.group();
+        child.set(1.0);
+        debugChannel().print("  sorted vertices: %f s\n", watch.clear());
+        progress.subPhase(0.2, child);
+        if (count < n)
+            grouping.number(source);
+        return count;
+    };
+    if (!parallel)
+    {
+        SerialGrouping<W> grouping(keys, n, map);
+        return run(grouping);
+    }
     KeyGrouping<W> grouping(keys, n, map, pool, parallel);
-    const int count = grouping.group();
-    child.set(1.0);
-    debugChannel().print("  sorted vertices: %f s\n", watch.clear());
-    progress.subPhase(0.2, child);
-    if (count < n)
-        grouping.number(source);
-    return count;
+    return run(grouping);
 }
 
 /// The weld itself. A null checker means exact equality of positions, which takes the
