@@ -11,6 +11,7 @@
 #include <functional>
 #include <random>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <benchmark/benchmark.h>
@@ -110,6 +111,33 @@ void BM_MeshCompactBunnySoup(benchmark::State& state)
     weld(state, bunnySoup(), checker);
 }
 
+// Soups of UV spheres of r rings and 2r segments (about 12 r^2 vertices, each position about
+// six times), for the size from which two threads pay: range(1) = r. With range(2) = 1 the
+// triangles are shuffled first, so that the copies of a position lie far apart (the bunny's
+// soup is close to that; a soup in mesh order keeps them near).
+void BM_MeshCompactSoupSize(benchmark::State& state)
+{
+    static std::vector<std::pair<int, CompactMesh>> soups;
+    const int rings = int(state.range(1)), shuffled = int(state.range(2));
+    const int id = 2 * rings + shuffled;
+    auto it =
+        std::find_if(soups.begin(), soups.end(), [&](const auto& s) { return s.first == id; });
+    if (it == soups.end())
+    {
+        CompactMesh mesh = qyTest::makeUVSphere(rings, 2 * rings);
+        if (shuffled)
+        {
+            std::mt19937 rng(11);
+            qyGeom::MeshTriangle* tris = mesh.getTriangles();
+            std::shuffle(tris, tris + mesh.getNumTriangles(), rng);
+        }
+        soups.emplace_back(id, qyTest::makeTriangleSoup(mesh));
+        it = soups.end() - 1;
+    }
+    qyGeom::DefaultMeshVertexEqualityChecker checker;
+    weld(state, it->second, checker);
+}
+
 void BM_MeshCompactSoupNormals(benchmark::State& state)
 {
     qyGeom::DefaultMeshVertexEqualityChecker checker;
@@ -154,6 +182,11 @@ BENCHMARK(BM_MeshCompactSoup)
 BENCHMARK(BM_MeshCompactBunnySoup)
     ->Arg(1)
     ->Arg(2)
+    ->MeasureProcessCPUTime()
+    ->UseRealTime()
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_MeshCompactSoupSize)
+    ->ArgsProduct({{1, 2}, {140, 200, 280, 400}, {0, 1}})
     ->MeasureProcessCPUTime()
     ->UseRealTime()
     ->Unit(benchmark::kMillisecond);

@@ -376,7 +376,7 @@ TEST(MeshCompact, BothRoutesAndAnyThreadCountGiveTheSameWeld)
     CallerChecker caller;
     const std::vector<qyGeom::IMeshVertexEqualityChecker*> checkers{nullptr, &caller};
     for (const Mode& m : modes)
-        for (int n : {300, 6001}) // the larger one is split between two tasks
+        for (int n : {300, 6001}) // the larger one is split between two tasks by the sort
         {
             SCOPED_TRACE(testing::Message() << m.normals << m.computed << m.uvs << " " << n);
             const CompactMesh before = randomMesh(n, m.normals, m.computed, m.uvs);
@@ -409,4 +409,37 @@ TEST(MeshCompact, BothRoutesAndAnyThreadCountGiveTheSameWeld)
                               values(reference.getTrianglesRaw(), n / 2 * 3));
                 }
         }
+}
+
+TEST(MeshCompact, TheExactRouteGivesTheSameWeldOnOneTaskAndOnTwo)
+{
+    // Large enough for the grouping to be split between two tasks; with explicit normals and
+    // UVs the key has eight floats.
+    const int n = (1 << 20) + 1001;
+    for (bool attributes : {false, true})
+    {
+        SCOPED_TRACE(testing::Message() << "normals and UVs " << attributes);
+        const CompactMesh before = randomMesh(n, attributes, false, attributes);
+        CompactMesh reference = before;
+        Remap expected;
+        {
+            qyTest::ScopedThreadCount scope(1);
+            expected = weld(reference);
+        }
+        expectWeld(before, reference, expected);
+        const int size = reference.getNumVertices();
+        for (int threads : {2, 4})
+        {
+            qyTest::ScopedThreadCount scope(threads);
+            CompactMesh mesh = before;
+            const Remap remap = weld(mesh);
+            ASSERT_EQ(mesh.getNumVertices(), size);
+            EXPECT_EQ(entries(remap), entries(expected));
+            EXPECT_TRUE(sameBits(mesh.getVerticesRaw(), reference.getVerticesRaw(), 3 * size));
+            EXPECT_TRUE(sameBits(mesh.getNormalsRaw(), reference.getNormalsRaw(), 3 * size));
+            EXPECT_TRUE(sameBits(mesh.getUVsRaw(), reference.getUVsRaw(), 2 * size));
+            EXPECT_EQ(values(mesh.getTrianglesRaw(), n / 2 * 3),
+                      values(reference.getTrianglesRaw(), n / 2 * 3));
+        }
+    }
 }
