@@ -204,25 +204,25 @@ template <int W> class RangeGrouper
 {
 public:
     // The table is sized for one distinct key in four vertices at a load of at most a half,
-    // and doubles beyond that. Made here, on the calling thread.
+    // and doubles beyond that. It is made and filled by run(), on the task's own thread, so
+    // that the two tasks write their fresh tables side by side.
     //
     // With `filtered`, the grouper also keeps a bit array of four bits per initial slot, one
     // set for each key entered (by other bits of the hash than the slot's): find() can then
     // turn most absent keys away without touching the much larger table.
     RangeGrouper(const KeyReader<W>& keys, std::ptrdiff_t begin, std::ptrdiff_t end, bool filtered)
-        : m_keys(keys), m_begin(begin), m_end(end)
+        : m_keys(keys), m_begin(begin), m_end(end), m_capacity(64), m_filtered(filtered)
     {
-        std::size_t capacity = 64;
-        while (capacity < std::size_t(m_end - m_begin) / 2)
-            capacity *= 2;
-        m_table.assign(capacity, -1);
-        m_reps.reserve(capacity / 2);
-        if (filtered)
-            m_filter.assign(capacity / 16, 0); // 4 bits per slot in 64-bit words
+        while (m_capacity < std::size_t(m_end - m_begin) / 2)
+            m_capacity *= 2;
     }
 
     void run(int* map)
     {
+        m_table.assign(m_capacity, -1);
+        m_reps.reserve(m_capacity / 2);
+        if (m_filtered)
+            m_filter.assign(m_capacity / 16, 0); // 4 bits per slot in 64-bit words
         std::size_t mask = m_table.size() - 1, occupied = 0;
         // The first visit of a key finds a cold slot: the slot of the vertex `ahead` places on
         // is fetched early, its hash kept in a ring for when the loop gets there.
@@ -359,6 +359,8 @@ private:
 
     KeyReader<W> m_keys;
     std::ptrdiff_t m_begin, m_end;
+    std::size_t m_capacity;
+    bool m_filtered;
     std::vector<int> m_table;
     std::vector<std::uint64_t> m_filter;
     std::vector<int> m_reps;
@@ -930,7 +932,8 @@ int sortAndScan(const KeyReader<W>& keys, int n, int* map, std::vector<int>& sou
     return count;
 }
 
-// new[k] = data[source[k]] for k < count, through one temporary, copied back in one block.
+// new[k] = data[source[k]] for k < count, through one temporary, copied back in one block (a
+// half per task, once both have gathered).
 template <class T>
 void gather(T* data, const std::vector<int>& source, qyUtil::ThreadPool& pool, bool parallel)
 {
@@ -944,7 +947,19 @@ void gather(T* data, const std::vector<int>& source, qyUtil::ThreadPool& pool, b
                     for (std::ptrdiff_t k = begin; k < end; ++k)
                         moved[std::size_t(k)] = data[source[std::size_t(k)]];
                 });
-    std::memcpy(static_cast<void*>(data), moved.get(), sizeof(T) * count);
+    if (!parallel)
+    {
+        std::memcpy(static_cast<void*>(data), moved.get(), sizeof(T) * count);
+        return;
+    }
+    runTwoTasks(pool, true,
+                [&](int task)
+                {
+                    std::ptrdiff_t begin, end;
+                    half(std::ptrdiff_t(count), task, begin, end);
+                    std::memcpy(static_cast<void*>(data + begin), moved.get() + begin,
+                                sizeof(T) * std::size_t(end - begin));
+                });
 }
 
 // Rewrites vertex indices through the map; an index outside [0, n) is left as it is.
