@@ -6,7 +6,9 @@
 // - The exact default checker: equal keys are equal vertices, so the vertices are grouped by
 //   hashing their keys, and only one vertex per group is sorted. Each group is a run of the
 //   sorted order (NaN keys stay alone), numbered by its place in that order, which is what
-//   the scan would give for a fraction of the cost.
+//   the scan would give for a fraction of the cost. On one thread the groups keep their keys
+//   in a dense array of their own (SerialGrouping); on two, each task groups one half of the
+//   vertices and the halves are joined (KeyGrouping).
 //
 // Both sort by a total order that agrees with the key comparison on NaN-free keys: +0 equals
 // -0, NaN comes after every number, and identical keys are ordered by vertex index, so the
@@ -45,12 +47,13 @@ namespace
 constexpr int parallelItems = 4096;
 
 // The exact route splits its grouping between two tasks only from this many vertices, and
-// below it the whole weld stays on the calling thread. Measured on sphere soups: two tasks
-// take 1.1 to 1.3 times the CPU time of one when the copies of a position lie near each other
-// in the array, about twice as much when they are spread over it (each half then holds most
-// keys, and the join looks most of them up again); and one task's route keeps its table and
-// keys within the second-level cache up to a few hundred thousand vertices. The bunny's soup
-// (226,224 vertices, spread) took 4.6 ms of CPU time on one thread, 12 ms on two.
+// below it the whole weld stays on the calling thread. Measured in process CPU time on sphere
+// soups: two tasks take 1.05 to 1.3 times the work of one when the copies of a position lie
+// near each other in the array, but 1.9 to 2.4 times when they are spread over it (each half
+// then holds most keys, and the join looks most of them up again). So spread soups gain
+// nothing from a second core at any size measured (up to 1.9 million vertices), soups in mesh
+// order gain from about 200,000; the limit keeps small meshes such as the bunny's soup
+// (226,224 vertices, spread: 5 ms on one thread, 12 ms of CPU on two) on one thread.
 constexpr int parallelGroupingItems = 1 << 20;
 
 template <class T> std::unique_ptr<T[]> uninitialized(std::size_t n)
