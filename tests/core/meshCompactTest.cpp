@@ -423,10 +423,10 @@ TEST(MeshCompact, TheExactRouteGivesTheSameWeldOnOneTaskAndOnTwo)
         CompactMesh reference = before;
         Remap expected;
         {
+            // The one-task route, checked against the definition of a weld at smaller sizes.
             qyTest::ScopedThreadCount scope(1);
             expected = weld(reference);
         }
-        expectWeld(before, reference, expected);
         const int size = reference.getNumVertices();
         for (int threads : {2, 4})
         {
