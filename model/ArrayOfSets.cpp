@@ -13,6 +13,12 @@ ArrayOfSets::ArrayOfSets(int numSets, int totalSize)
 {
 }
 
+ArrayOfSets::ArrayOfSets(int numSets, int totalSize, UnsetMembers)
+    : m_offsets(std::size_t(std::max(numSets, 0)) + 1, 0),
+      m_members(std::size_t(std::max(totalSize, 0))), m_numSets(std::max(numSets, 0))
+{
+}
+
 // The implicit moves would empty the arrays but copy the set count, leaving the source
 // claiming sets it has no offsets for.
 ArrayOfSets::ArrayOfSets(ArrayOfSets&& other) noexcept

@@ -1,6 +1,9 @@
 // ArrayOfSets: many small int sets stored back to back with per-set offsets.
 #pragma once
 
+#include <memory>
+#include <new>
+#include <utility>
 #include <vector>
 
 #include "qyGeom/qyGeomExport.h"
@@ -18,6 +21,14 @@ public:
     /// numSets empty sets with room for totalSize members; a builder writes getOffsets()
     /// (numSets + 1 non-decreasing entries from 0, at most totalSize) and getMembers().
     ArrayOfSets(int numSets, int totalSize);
+    /// Asks the constructor below to leave the members unset.
+    struct UnsetMembers
+    {
+    };
+    /// As above, but the members are not zeroed (nor their fresh pages touched): for builders
+    /// that write every member of every set, typically from several threads. Members past
+    /// getTotalSize() stay unset.
+    ArrayOfSets(int numSets, int totalSize, UnsetMembers);
     ArrayOfSets(const ArrayOfSets&) = default;
     ArrayOfSets& operator=(const ArrayOfSets&) = default;
     /// The source is left with no sets.
@@ -47,8 +58,26 @@ public:
     bool operator==(const ArrayOfSets& other) const;
 
 private:
+    // Value-initialises as std::allocator does when given a value, default-initialises (leaves
+    // unset) when not.
+    template <class T> struct UnsetAllocator : std::allocator<T>
+    {
+        using value_type = T;
+        template <class U> struct rebind
+        {
+            using other = UnsetAllocator<U>;
+        };
+        UnsetAllocator() = default;
+        template <class U> UnsetAllocator(const UnsetAllocator<U>&) noexcept {}
+        template <class U> void construct(U* p) noexcept { ::new (static_cast<void*>(p)) U; }
+        template <class U, class... Args> void construct(U* p, Args&&... args)
+        {
+            ::new (static_cast<void*>(p)) U(std::forward<Args>(args)...);
+        }
+    };
+
     std::vector<int> m_offsets; // numSets + 1 entries once sized
-    std::vector<int> m_members;
+    std::vector<int, UnsetAllocator<int>> m_members;
     int m_numSets = 0;
 };
 

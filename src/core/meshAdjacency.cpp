@@ -89,7 +89,9 @@ void evenShare(int total, int part, int numParts, int& begin, int& end)
 void buildVertexSets(qyUtil::ThreadPool& pool, const int* tris, int numVerts, int numTris,
                      ArrayOfSets& out)
 {
-    ArrayOfSets sets(numVerts, numVerts > 0 ? 3 * numTris : 0);
+    // Every member of every set is written by the fill below, so the member array is left
+    // unset: its pages are first touched by the parts that fill it, not zeroed here.
+    ArrayOfSets sets(numVerts, numVerts > 0 ? 3 * numTris : 0, ArrayOfSets::UnsetMembers{});
     if (numVerts == 0)
     {
         out.swap(sets);
