@@ -315,17 +315,9 @@ void writeOff(const CompactMesh& mesh, detail::TextOut& out)
 
 qyUtil::Error meshReadOff(CompactMesh& mesh, const qyOS::Filename& file)
 {
-    const ReadFailure failure(file);
-    detail::TextSource::Whole text;
-    try
-    {
-        detail::readWholeFile(file, text, failure);
-    }
-    catch (const qyUtil::Error& e)
-    {
-        return e;
-    }
-    return readMemory(mesh, text.begin(), text.end(), failure);
+    return detail::readFileWhole(file,
+                                 [&](const char* begin, const char* end, const ReadFailure& failure)
+                                 { return readMemory(mesh, begin, end, failure); });
 }
 
 qyUtil::Error meshReadOff(CompactMesh& mesh, const char* data, unsigned int length)
@@ -336,12 +328,8 @@ qyUtil::Error meshReadOff(CompactMesh& mesh, const char* data, unsigned int leng
 bool meshWriteOff(const CompactMesh& mesh, const qyOS::Filename& file,
                   const MeshWriteOptions& options)
 {
-    const detail::Checking check{"meshWriteOff"};
-    detail::TextOut out(file.c_str(), detail::digitsOf(options));
-    if (!out.isOpen())
-        return check.failed(file, out.error());
-    writeOff(mesh, out);
-    return out.close() || check.failed(file, out.error());
+    return detail::writeFileChecked("meshWriteOff", file, options,
+                                    [&](detail::TextOut& out) { writeOff(mesh, out); });
 }
 
 } // namespace qyGeom

@@ -919,17 +919,9 @@ void writePly(const CompactMesh& mesh, detail::TextOut& out, PlyEncoding encodin
 
 qyUtil::Error meshReadPly(CompactMesh& mesh, const qyOS::Filename& file)
 {
-    const ReadFailure failure(file);
-    detail::TextSource::Whole text;
-    try
-    {
-        detail::readWholeFile(file, text, failure);
-    }
-    catch (const qyUtil::Error& e)
-    {
-        return e;
-    }
-    return readPly(mesh, text.begin(), text.end(), failure);
+    return detail::readFileWhole(file,
+                                 [&](const char* begin, const char* end, const ReadFailure& failure)
+                                 { return readPly(mesh, begin, end, failure); });
 }
 
 qyUtil::Error meshReadPly(CompactMesh& mesh, const char* data, unsigned int length)
@@ -940,12 +932,8 @@ qyUtil::Error meshReadPly(CompactMesh& mesh, const char* data, unsigned int leng
 bool meshWritePly(const CompactMesh& mesh, const qyOS::Filename& file, PlyEncoding encoding,
                   const MeshWriteOptions& options)
 {
-    const detail::Checking check{"meshWritePly"};
-    detail::TextOut out(file.c_str(), detail::digitsOf(options));
-    if (!out.isOpen())
-        return check.failed(file, out.error());
-    writePly(mesh, out, encoding);
-    return out.close() || check.failed(file, out.error());
+    return detail::writeFileChecked("meshWritePly", file, options,
+                                    [&](detail::TextOut& out) { writePly(mesh, out, encoding); });
 }
 
 } // namespace qyGeom

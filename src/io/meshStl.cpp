@@ -529,12 +529,8 @@ qyUtil::Error meshReadStl(CompactMesh& mesh, const char* data, unsigned int leng
 bool meshWriteStl(const CompactMesh& mesh, const qyOS::Filename& file, StlEncoding encoding,
                   const MeshWriteOptions& options)
 {
-    const detail::Checking check{"meshWriteStl"};
-    detail::TextOut out(file.c_str(), detail::digitsOf(options));
-    if (!out.isOpen())
-        return check.failed(file, out.error());
-    writeStl(mesh, out, encoding);
-    return out.close() || check.failed(file, out.error());
+    return detail::writeFileChecked("meshWriteStl", file, options,
+                                    [&](detail::TextOut& out) { writeStl(mesh, out, encoding); });
 }
 
 } // namespace qyGeom

@@ -45,6 +45,23 @@ private:
 /// Opens a regular file and reads it whole; throws code 1 when that fails.
 void readWholeFile(const qyOS::Filename& file, TextSource::Whole& out, const ReadFailure& failure);
 
+/// The entry point of a reader of whole texts: reads `file` whole and hands its bytes to
+/// read(begin, end, failure), or returns the error of a file that cannot be read.
+template <class Read> qyUtil::Error readFileWhole(const qyOS::Filename& file, Read read)
+{
+    const ReadFailure failure(file);
+    TextSource::Whole text;
+    try
+    {
+        readWholeFile(file, text, failure);
+    }
+    catch (const qyUtil::Error& e)
+    {
+        return e;
+    }
+    return read(text.begin(), text.end(), failure);
+}
+
 /// The lines of a text, counted from 1; a line ends at "\n", and a '\r' before it is not part
 /// of the line.
 class Lines

@@ -246,4 +246,19 @@ struct Checking
     }
 };
 
+/// A checked writer's entry point: opens `file` for `function`, writes it with write(out)
+/// and closes it; false, with the failure reported, when the file cannot be opened, written
+/// or closed.
+template <class Write>
+bool writeFileChecked(const char* function, const qyOS::Filename& file,
+                      const MeshWriteOptions& options, Write write)
+{
+    const Checking check{function};
+    TextOut out(file.c_str(), digitsOf(options));
+    if (!out.isOpen())
+        return check.failed(file, out.error());
+    write(out);
+    return out.close() || check.failed(file, out.error());
+}
+
 } // namespace qyGeom::detail
