@@ -40,6 +40,15 @@ Quad quadOf(TopoMeshEdge e)
     return {h.vertex, t.vertex, mesh.getHalfEdge(h.prev).vertex, mesh.getHalfEdge(t.prev).vertex};
 }
 
+// True, with the veto set, for an edge without a twin: it has no quad to swap in.
+bool vetoWithoutQuad(TopoMeshEdge e, bool& veto)
+{
+    if (e.hasTwin())
+        return false;
+    veto = true;
+    return true;
+}
+
 // The positions of quadOf(e)'s corners, in the same order.
 struct QuadPoints
 {
@@ -219,11 +228,8 @@ bool MeshEdgeSwapper::shouldSwap(TopoMeshEdge e)
 
 void MeshEdgeSwapper::minimizeOppositeAngleSum(TopoMeshEdge e, bool& veto)
 {
-    if (!e.hasTwin())
-    {
-        veto = true; // a boundary edge has no quad to swap in
+    if (vetoWithoutQuad(e, veto))
         return;
-    }
     const auto [A, B, C, D] = pointsOf(e);
     const double c0 = estimateAngleAt(C, A, B), c1 = estimateAngleAt(D, A, B);
     const double s0 = estimateAngleAt(B, C, D), s1 = estimateAngleAt(A, C, D);
@@ -246,11 +252,8 @@ void MeshEdgeSwapper::minimizeOppositeAngleSum(TopoMeshEdge e, bool& veto)
 
 void MeshEdgeSwapper::preserveBoundary(TopoMeshEdge e, bool& veto)
 {
-    if (!e.hasTwin())
-    {
-        veto = true; // a boundary edge has no quad to swap in
+    if (vetoWithoutQuad(e, veto))
         return;
-    }
     const TopoMesh& mesh = *e.getMesh();
     const Quad q = quadOf(e);
     if ((mesh.vertexOnBoundary(q.a) && mesh.vertexOnBoundary(q.b)) ||
@@ -260,11 +263,8 @@ void MeshEdgeSwapper::preserveBoundary(TopoMeshEdge e, bool& veto)
 
 void MeshEdgeSwapper::preserveFeatures(TopoMeshEdge e, bool& veto)
 {
-    if (!e.hasTwin())
-    {
-        veto = true; // a boundary edge has no quad to swap in
+    if (vetoWithoutQuad(e, veto))
         return;
-    }
     const auto [A, B, C, D] = pointsOf(e);
     double before = 0, after = 0;
     if (!signedDihedral(A, B, C, D, before) || !signedDihedral(D, C, A, B, after) ||
@@ -274,11 +274,8 @@ void MeshEdgeSwapper::preserveFeatures(TopoMeshEdge e, bool& veto)
 
 void MeshEdgeSwapper::preventFoldover(TopoMeshEdge e, bool& veto)
 {
-    if (!e.hasTwin())
-    {
-        veto = true; // a boundary edge has no quad to swap in
+    if (vetoWithoutQuad(e, veto))
         return;
-    }
     const auto [A, B, C, D] = pointsOf(e);
     {
         // The angle between the normals is above a right angle where their dot product is

@@ -26,71 +26,14 @@
 #include "qyGeom/meshAdjacency.h"
 #include "qyGeom/meshReadObj.h"
 #include "qyGeom/meshWriteObj.h"
+#include "runQygeom.h"
 #include "testMeshes.h"
 
 namespace
 {
 
 namespace fs = std::filesystem;
-
-struct Outcome
-{
-    int status = -1;
-    std::string out, err;
-};
-
-std::string slurp(const fs::path& p)
-{
-    std::ifstream in(p, std::ios::binary);
-    std::stringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
-
-// Runs qygeom in `dir` with `args`, standard input from `input` (when not empty); with
-// `interruptAfter`, sends SIGINT once standard error holds that text.
-Outcome run(const fs::path& dir, const std::vector<std::string>& args,
-            const std::string& input = {}, const std::string& interruptAfter = {})
-{
-    const fs::path outFile = dir / ".stdout", errFile = dir / ".stderr", inFile = dir / ".stdin";
-    std::ofstream(inFile) << input;
-    const pid_t pid = fork();
-    if (pid == 0)
-    {
-        if (chdir(dir.c_str()) != 0)
-            _exit(127);
-        const int in = open(inFile.c_str(), O_RDONLY);
-        const int out = open(outFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        const int err = open(errFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        dup2(in, 0);
-        dup2(out, 1);
-        dup2(err, 2);
-        std::vector<char*> argv{const_cast<char*>(QYGEOM_EXE)};
-        for (const std::string& a : args)
-            argv.push_back(const_cast<char*>(a.c_str()));
-        argv.push_back(nullptr);
-        execv(QYGEOM_EXE, argv.data());
-        _exit(127);
-    }
-    int status = 0;
-    bool sent = interruptAfter.empty();
-    while (waitpid(pid, &status, sent ? 0 : WNOHANG) == 0)
-    {
-        if (slurp(errFile).find(interruptAfter) != std::string::npos)
-        {
-            kill(pid, SIGINT);
-            sent = true;
-        }
-        std::this_thread::sleep_for(std::chrono::microseconds(200));
-    }
-    Outcome r;
-    r.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    r.out = slurp(outFile);
-    r.err = slurp(errFile);
-    for (const fs::path& p : {outFile, errFile, inFile})
-        fs::remove(p);
-    return r;
-}
+using namespace qyToolTest;
 
 bool has(const std::string& text, const std::string& part)
 {
@@ -158,18 +101,9 @@ std::string quadGrid(int n, double noise)
     return obj.str();
 }
 
-class QygeomEdit : public ::testing::Test
+class QygeomEdit : public ScratchFolderTest
 {
 protected:
-    void SetUp() override
-    {
-        dir = fs::temp_directory_path() /
-              ("qygeom-edit-" + std::to_string(getpid()) + "-" +
-               ::testing::UnitTest::GetInstance()->current_test_info()->name());
-        fs::remove_all(dir);
-        fs::create_directories(dir);
-    }
-    void TearDown() override { fs::remove_all(dir); }
     void write(const std::string& name, const std::string& text)
     {
         std::ofstream(dir / name) << text;
@@ -178,8 +112,6 @@ protected:
     {
         ASSERT_TRUE(qyGeom::meshWriteObj(mesh, (dir / name).string().c_str()));
     }
-
-    fs::path dir;
 };
 
 } // namespace
@@ -334,7 +266,7 @@ TEST_F(QygeomEdit, SmoothingBringsANoisyPlaneCloserToThePlaneAndKeepsTheFaces)
     r = run(dir,
             {"--verbose", "smooth", "big.obj", "big-out.obj", "--bilateral", "3", "--iterations",
              "200"},
-            {}, "meshCompact:");
+            interruptWhenStderrHas("meshCompact:"));
     EXPECT_EQ(r.status, 130) << r.err;
     EXPECT_TRUE(has(r.err, "cancelled; no output written")) << r.err;
     EXPECT_FALSE(fs::exists(dir / "big-out.obj"));
@@ -445,7 +377,7 @@ TEST_F(QygeomEdit, RaycastPrintsTheNearestHitOfEachRayCheckedByHand)
     r = run(dir, {"raycast", "two.obj", "--rays", "rays.txt"});
     ASSERT_EQ(r.status, 0) << r.err;
     EXPECT_EQ(r.out, expected);
-    r = run(dir, {"raycast", "two.obj", "--rays", "-"}, rays);
+    r = run(dir, {"raycast", "two.obj", "--rays", "-"}, withInput(rays));
     ASSERT_EQ(r.status, 0) << r.err;
     EXPECT_EQ(r.out, expected);
 

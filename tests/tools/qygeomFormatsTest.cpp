@@ -19,70 +19,15 @@
 
 #include "model/CompactMesh.h"
 #include "qyGeom/meshReadObj.h"
+#include "runQygeom.h"
 
 namespace
 {
 
 namespace fs = std::filesystem;
+using namespace qyToolTest;
 
-struct Outcome
-{
-    int status = -1;
-    std::string out, err;
-};
-
-std::string slurp(const fs::path& p)
-{
-    std::ifstream in(p, std::ios::binary);
-    std::stringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
-
-/// Runs qygeom with `args` in `dir`.
-Outcome run(const fs::path& dir, const std::vector<std::string>& args)
-{
-    const fs::path outFile = dir / ".stdout", errFile = dir / ".stderr";
-    const pid_t pid = fork();
-    if (pid == 0)
-    {
-        if (chdir(dir.c_str()) != 0)
-            _exit(127);
-        const int out = open(outFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        const int err = open(errFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        dup2(out, 1);
-        dup2(err, 2);
-        std::vector<char*> argv{const_cast<char*>(QYGEOM_EXE)};
-        for (const std::string& a : args)
-            argv.push_back(const_cast<char*>(a.c_str()));
-        argv.push_back(nullptr);
-        execv(QYGEOM_EXE, argv.data());
-        _exit(127);
-    }
-    int status = 0;
-    waitpid(pid, &status, 0);
-    Outcome r;
-    r.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    r.out = slurp(outFile);
-    r.err = slurp(errFile);
-    return r;
-}
-
-class QygeomFormats : public ::testing::Test
-{
-protected:
-    void SetUp() override
-    {
-        dir = fs::temp_directory_path() /
-              ("qygeom-formats-" + std::to_string(getpid()) + "-" +
-               ::testing::UnitTest::GetInstance()->current_test_info()->name());
-        fs::remove_all(dir);
-        fs::create_directories(dir);
-    }
-    void TearDown() override { fs::remove_all(dir); }
-
-    fs::path dir;
-};
+using QygeomFormats = ScratchFolderTest;
 
 /// The OBJ file as the strict reader sees it.
 qy::Reference<qyGeom::MeshObjFile> parse(const fs::path& path)

@@ -23,143 +23,14 @@
 #include "model/CompactMesh.h"
 #include "qyGeom/meshReadObj.h"
 #include "qyGeom/meshWriteObj.h"
+#include "runQygeom.h"
 #include "testMeshes.h"
 
 namespace
 {
 
 namespace fs = std::filesystem;
-
-struct Outcome
-{
-    int status = -1; // exit status, or 128 + signal
-    std::string out, err;
-};
-
-std::string slurp(const fs::path& p)
-{
-    std::ifstream in(p, std::ios::binary);
-    std::stringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
-
-// How a test run of qygeom is disturbed.
-struct Disturbance
-{
-    // Sends SIGINT once standard error contains this text.
-    std::string interruptAfter;
-    // Sends this signal once a staging folder (".qygeom-...") appears in the directory,
-    // that is while the outputs are being written.
-    int signalWhileWriting = 0;
-    // Writes beyond this many bytes fail with EFBIG (SIGXFSZ ignored), as on a full disk.
-    long fileSizeLimit = 0;
-    // QYGEOM_TEST_SIGNALS for the program's test hook.
-    std::string testSignals;
-};
-
-Disturbance interruptWhenStderrHas(const std::string& text)
-{
-    Disturbance d;
-    d.interruptAfter = text;
-    return d;
-}
-
-Disturbance signalWhileWriting(int signal)
-{
-    Disturbance d;
-    d.signalWhileWriting = signal;
-    return d;
-}
-
-Disturbance fileSizeLimit(long bytes)
-{
-    Disturbance d;
-    d.fileSizeLimit = bytes;
-    return d;
-}
-
-Disturbance testSignals(const std::string& signals)
-{
-    Disturbance d;
-    d.testSignals = signals;
-    return d;
-}
-
-std::vector<fs::path> stagingFolders(const fs::path& dir)
-{
-    std::vector<fs::path> found;
-    std::error_code ec;
-    for (fs::directory_iterator it(dir, ec), end; !ec && it != end; it.increment(ec))
-        if (it->path().filename().string().starts_with(".qygeom-"))
-            found.push_back(it->path());
-    std::sort(found.begin(), found.end());
-    return found;
-}
-
-bool hasNewFolder(const std::vector<fs::path>& now, const std::vector<fs::path>& before)
-{
-    for (const fs::path& p : now)
-        if (std::find(before.begin(), before.end(), p) == before.end())
-            return true;
-    return false;
-}
-
-// Runs qygeom with `args` in `dir`, disturbed as `how` says.
-Outcome run(const fs::path& dir, const std::vector<std::string>& args, const Disturbance& how = {})
-{
-    const fs::path outFile = dir / ".stdout", errFile = dir / ".stderr";
-    const std::vector<fs::path> oldFolders = stagingFolders(dir);
-    const pid_t pid = fork();
-    if (pid == 0)
-    {
-        if (chdir(dir.c_str()) != 0)
-            _exit(127);
-        const int out = open(outFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        const int err = open(errFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        dup2(out, 1);
-        dup2(err, 2);
-        if (how.fileSizeLimit > 0)
-        {
-            std::signal(SIGXFSZ, SIG_IGN);
-            const rlimit limit{rlim_t(how.fileSizeLimit), rlim_t(how.fileSizeLimit)};
-            setrlimit(RLIMIT_FSIZE, &limit);
-        }
-        if (!how.testSignals.empty())
-            setenv("QYGEOM_TEST_SIGNALS", how.testSignals.c_str(), 1);
-        std::vector<char*> argv{const_cast<char*>(QYGEOM_EXE)};
-        for (const std::string& a : args)
-            argv.push_back(const_cast<char*>(a.c_str()));
-        argv.push_back(nullptr);
-        execv(QYGEOM_EXE, argv.data());
-        _exit(127);
-    }
-    Outcome result;
-    int status = 0;
-    if (!how.interruptAfter.empty() || how.signalWhileWriting)
-    {
-        bool sent = false;
-        while (waitpid(pid, &status, WNOHANG) == 0)
-        {
-            if (!sent && (how.interruptAfter.empty()
-                              ? hasNewFolder(stagingFolders(dir), oldFolders)
-                              : slurp(errFile).find(how.interruptAfter) != std::string::npos))
-            {
-                kill(pid, how.signalWhileWriting ? how.signalWhileWriting : SIGINT);
-                sent = true;
-            }
-            std::this_thread::sleep_for(std::chrono::microseconds(200));
-        }
-    }
-    else
-        waitpid(pid, &status, 0);
-    result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    result.out = slurp(outFile);
-    result.err = slurp(errFile);
-    fs::remove(outFile);
-    fs::remove(errFile);
-    return result;
-}
+using namespace qyToolTest;
 
 // The host part of the staging folders' names, as the program writes it.
 std::string hostTag()
@@ -196,19 +67,9 @@ bool sameMesh(const fs::path& a, const fs::path& b)
                       mb.getTrianglesRaw());
 }
 
-class Qygeom : public ::testing::Test
+class Qygeom : public ScratchFolderTest
 {
 protected:
-    void SetUp() override
-    {
-        dir = fs::temp_directory_path() /
-              ("qygeom-test-" + std::to_string(getpid()) + "-" +
-               ::testing::UnitTest::GetInstance()->current_test_info()->name());
-        fs::remove_all(dir);
-        fs::create_directories(dir);
-    }
-    void TearDown() override { fs::remove_all(dir); }
-
     // Files in dir, hidden staging folders included, apart from the captured streams.
     std::vector<std::string> files() const
     {
@@ -218,8 +79,6 @@ protected:
         std::sort(names.begin(), names.end());
         return names;
     }
-
-    fs::path dir;
 };
 
 // Checks that every tag is closed in order and counts <polygon elements: enough of XML to
