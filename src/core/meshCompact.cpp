@@ -6,9 +6,10 @@
 // - The exact default checker: equal keys are equal vertices, so the vertices are grouped by
 //   hashing their keys, and only one vertex per group is sorted. Each group is a run of the
 //   sorted order (NaN keys stay alone), numbered by its place in that order, which is what
-//   the scan would give for a fraction of the cost. On one thread the groups keep their keys
-//   in a dense array of their own (SerialGrouping); on two, each task groups one half of the
-//   vertices and the halves are joined (KeyGrouping).
+//   the scan would give for a fraction of the cost. The groups keep their keys in a dense
+//   array of their own (StreamGrouper). On one thread one grouper takes every vertex
+//   (SerialGrouping); on two, the keys are split at a pivot key and each task groups the
+//   vertices of one side (SplitGrouping).
 //
 // Both sort by a total order that agrees with the key comparison on NaN-free keys: +0 equals
 // -0, NaN comes after every number, and identical keys are ordered by vertex index, so the
@@ -16,6 +17,7 @@
 #include "qyGeom/meshCompact.h"
 
 #include <algorithm>
+#include <array>
 #include <bit>
 #include <cstddef>
 #include <cstdint>
@@ -24,6 +26,7 @@
 #include <numeric>
 #include <vector>
 
+#include "base/Memory.h"
 #include "base/Progress.h"
 #include "base/StopWatch.h"
 #include "base/ThreadPool.h"
@@ -47,18 +50,22 @@ namespace
 constexpr int parallelItems = 4096;
 
 // The exact route splits its grouping between two tasks only from this many vertices, and
-// below it the whole weld stays on the calling thread. Measured in process CPU time on sphere
-// soups: two tasks take 1.05 to 1.3 times the work of one when the copies of a position lie
-// near each other in the array, but 1.9 to 2.4 times when they are spread over it (each half
-// then holds most keys, and the join looks most of them up again). So spread soups gain
-// nothing from a second core at any size measured (up to 1.9 million vertices), soups in mesh
-// order gain from about 200,000; the limit keeps small meshes such as the bunny's soup
-// (226,224 vertices, spread: 5 ms on one thread, 12 ms of CPU on two) on one thread.
+// below it the whole weld stays on the calling thread. The split costs a pass over the keys
+// to find each vertex's side, and a pass that reads the sides back, so two tasks take about
+// 1.1 to 1.2 times the process CPU time of one on sphere soups, whether the copies of a
+// position lie near each other in the array or are spread over it; below the limit that
+// margin and the pool's wake-ups eat most of the gain (the bunny's soup, 226,224 vertices,
+// welds in about 4 ms on one thread).
 constexpr int parallelGroupingItems = 1 << 20;
 
+// An array of n elements left uninitialised, on huge pages where it is large: most of the
+// weld's temporaries are written once, just after they are made, and with small pages their
+// first writes would mostly be page faults.
 template <class T> std::unique_ptr<T[]> uninitialized(std::size_t n)
 {
-    return std::make_unique_for_overwrite<T[]>(n);
+    std::unique_ptr<T[]> p = std::make_unique_for_overwrite<T[]>(n);
+    qy::adviseHugePages(p.get(), n * sizeof(T));
+    return p;
 }
 
 // Runs fn(0) and fn(1), as two tasks of the pool when `parallel`, else in turn on the calling
@@ -197,214 +204,17 @@ template <int W> bool sameKey(const float* a, const float* b)
     return same;
 }
 
-// Groups the vertices of one index range by identical keys, with an open-addressing table of
-// the first vertex of each key in the range (the group's representative). The result goes to
-// the remap's entry array, which needs no second array for it: for a vertex i that joined the
-// group of r, map[i] = r < i; for a representative r, map[r] = the highest index of its group
-// so far, >= r. A key with a NaN is equal to nothing: its vertex is a group of its own and is
-// not entered in the table.
-template <int W> class RangeGrouper
-{
-public:
-    // The table is sized for one distinct key in four vertices at a load of at most a half,
-    // and doubles beyond that. It is made and filled by run(), on the task's own thread, so
-    // that the two tasks write their fresh tables side by side.
-    //
-    // With `filtered`, the grouper also keeps a bit array of four bits per initial slot, one
-    // set for each key entered (by other bits of the hash than the slot's): find() can then
-    // turn most absent keys away without touching the much larger table.
-    RangeGrouper(const KeyReader<W>& keys, std::ptrdiff_t begin, std::ptrdiff_t end, bool filtered)
-        : m_keys(keys), m_begin(begin), m_end(end), m_capacity(64), m_filtered(filtered)
-    {
-        while (m_capacity < std::size_t(m_end - m_begin) / 2)
-            m_capacity *= 2;
-    }
-
-    void run(int* map)
-    {
-        m_table.assign(m_capacity, -1);
-        m_reps.reserve(m_capacity / 2);
-        if (m_filtered)
-            m_filter.assign(m_capacity / 16, 0); // 4 bits per slot in 64-bit words
-        std::size_t mask = m_table.size() - 1, occupied = 0;
-        // The first visit of a key finds a cold slot: the slot of the vertex `ahead` places on
-        // is fetched early, its hash kept in a ring for when the loop gets there.
-        auto hashAhead = [&](std::ptrdiff_t j)
-        {
-            float key[W];
-            m_keys.load(j, key);
-            return hashAndPrefetch(key);
-        };
-        std::uint64_t hashes[ahead];
-        for (std::ptrdiff_t j = m_begin; j < std::min(m_begin + ahead, m_end); ++j)
-            hashes[j % ahead] = hashAhead(j);
-        for (std::ptrdiff_t i = m_begin; i < m_end; ++i)
-        {
-            const std::uint64_t hash = hashes[i % ahead];
-            if (i + ahead < m_end)
-                hashes[i % ahead] = hashAhead(i + ahead);
-            float key[W];
-            m_keys.load(i, key);
-            if (hasNaN<W>(key))
-            {
-                map[i] = int(i);
-                m_reps.push_back(int(i));
-                continue;
-            }
-            for (std::size_t slot = hash & mask;; slot = (slot + 1) & mask)
-            {
-                const int r = m_table[slot];
-                if (r < 0)
-                {
-                    m_table[slot] = int(i);
-                    map[i] = int(i);
-                    m_reps.push_back(int(i));
-                    if (!m_filter.empty())
-                        setFilterBit(hash);
-                    if (2 * ++occupied > m_table.size())
-                        mask = grow();
-                    break;
-                }
-                float other[W];
-                m_keys.load(r, other);
-                if (sameKey<W>(key, other))
-                {
-                    map[i] = r;
-                    map[r] = int(i);
-                    break;
-                }
-            }
-        }
-    }
-
-    // The hash of `key`, after asking for its first slot to be fetched.
-    std::uint64_t hashAndPrefetch(const float* key) const
-    {
-        const std::uint64_t hash = hashKey<W>(key);
-        __builtin_prefetch(m_table.data() + (hash & (m_table.size() - 1)));
-        return hash;
-    }
-
-    // The hash of `key`, after asking for its filter word (or its first slot, without a
-    // filter) to be fetched.
-    std::uint64_t hashAndPrefetchForFind(const float* key) const
-    {
-        if (m_filter.empty())
-            return hashAndPrefetch(key);
-        const std::uint64_t hash = hashKey<W>(key);
-        __builtin_prefetch(m_filter.data() + filterIndex(hash) / 64);
-        return hash;
-    }
-
-    // The representative of `key` (NaN-free, of hash `hash`) in this range, or -1.
-    int find(const float* key, std::uint64_t hash) const
-    {
-        if (!m_filter.empty() && !filterBit(hash))
-            return -1;
-        const std::size_t mask = m_table.size() - 1;
-        for (std::size_t slot = hash & mask;; slot = (slot + 1) & mask)
-        {
-            const int r = m_table[slot];
-            if (r < 0)
-                return -1;
-            float other[W];
-            m_keys.load(r, other);
-            if (sameKey<W>(key, other))
-                return r;
-        }
-    }
-
-    // Representatives in increasing index order, NaN keys included.
-    const std::vector<int>& reps() const { return m_reps; }
-
-    // Frees the table (and filter) once no more lookups will come, so that the sort that
-    // follows can take the same memory.
-    void releaseTable()
-    {
-        std::vector<int>().swap(m_table);
-        std::vector<std::uint64_t>().swap(m_filter);
-    }
-
-private:
-    std::size_t filterIndex(std::uint64_t hash) const
-    {
-        return std::size_t(hash >> 32) & (64 * m_filter.size() - 1);
-    }
-    bool filterBit(std::uint64_t hash) const
-    {
-        const std::size_t b = filterIndex(hash);
-        return (m_filter[b / 64] >> (b % 64)) & 1u;
-    }
-    void setFilterBit(std::uint64_t hash)
-    {
-        const std::size_t b = filterIndex(hash);
-        m_filter[b / 64] |= std::uint64_t(1) << (b % 64);
-    }
-
-    std::size_t grow()
-    {
-        std::vector<int> old(m_table.size() * 2, -1);
-        old.swap(m_table);
-        const std::size_t mask = m_table.size() - 1;
-        for (int r : old)
-        {
-            if (r < 0)
-                continue;
-            float key[W];
-            m_keys.load(r, key);
-            std::size_t slot = hashKey<W>(key) & mask;
-            while (m_table[slot] >= 0)
-                slot = (slot + 1) & mask;
-            m_table[slot] = r;
-        }
-        return mask;
-    }
-
-    KeyReader<W> m_keys;
-    std::ptrdiff_t m_begin, m_end;
-    std::size_t m_capacity;
-    bool m_filtered;
-    std::vector<int> m_table;
-    std::vector<std::uint64_t> m_filter;
-    std::vector<int> m_reps;
-};
-
-// A representative in the sort: the sortable forms of its first varying key component (the
-// primary, `word`) and of the two after it (0 past the end of the key), and its index.
-struct SortItem
-{
-    std::uint32_t word;
-    std::uint32_t next[2];
-    int index;
-};
-
-// The total order on representatives, for items built on component `primary` (the components
-// before it are the same in every key). Only keys that tie in all three words of the items are
-// read again from the mesh.
-template <class Order> struct SortItemLess
-{
-    Order order;
-
-    bool operator()(const SortItem& a, const SortItem& b) const
-    {
-        if (a.word != b.word)
-            return a.word < b.word;
-        if (a.next[0] != b.next[0])
-            return a.next[0] < b.next[0];
-        if (a.next[1] != b.next[1])
-            return a.next[1] < b.next[1];
-        return order(a.index, b.index);
-    }
-};
-
 // Sorts m items, given in increasing index order, by `less`, using `scratch` (m items). Keys
 // rarely tie in their primary component, so a stable radix sort on it (digits of `DigitBits`
 // bits from the lowest; a digit that is the same in every item is skipped) leaves only short
 // runs of equal words, each then sorted by the full order. Eleven-bit digits take three passes;
 // eight-bit ones take four, but their 256 buckets are written within the first-level cache,
 // which pays while the items are few.
-template <int DigitBits = 11, class Item, class Less>
-void sortItems(Item* items, Item* scratch, std::ptrdiff_t m, Less less)
+//
+// The full order reads the keys of the items that tie, wherever they are: `fetch(item)` asks
+// for an item's key to be loaded, a little ahead of the run that it ties in.
+template <int DigitBits = 11, class Item, class Less, class Fetch>
+void sortItems(Item* items, Item* scratch, std::ptrdiff_t m, Less less, Fetch fetch)
 {
     constexpr int numBuckets = 1 << DigitBits;
     constexpr int numDigits = (32 + DigitBits - 1) / DigitBits;
@@ -437,34 +247,52 @@ void sortItems(Item* items, Item* scratch, std::ptrdiff_t m, Less less)
     if (from != items)
         std::memcpy(static_cast<void*>(items), from, sizeof(Item) * std::size_t(m));
 
+    constexpr std::ptrdiff_t fetchAhead = 16;
+    std::ptrdiff_t fetched = 0; // items below this have been looked at for fetching
     for (std::ptrdiff_t i = 0; i < m;)
     {
+        for (const std::ptrdiff_t stop = std::min(i + fetchAhead, m - 1); fetched < stop; ++fetched)
+            if (items[fetched].word == items[fetched + 1].word)
+            {
+                fetch(items[fetched]);
+                fetch(items[fetched + 1]);
+            }
         std::ptrdiff_t j = i + 1;
         while (j < m && items[j].word == items[i].word)
             ++j;
-        if (j - i > 1)
+        if (j - i == 2)
+        {
+            if (less(items[i + 1], items[i]))
+                std::swap(items[i], items[i + 1]);
+        }
+        else if (j - i > 2)
             std::sort(items + i, items + j, less);
         i = j;
     }
 }
 
-// A group in the sort of SerialGrouping: the sortable form of its primary key component and
-// its number. Half the size of a SortItem: the other components are read from the groups'
-// dense keys in the rare case of a tie.
-struct WordItem
+// A group in the sort of a StreamGrouper: the sortable forms of its primary key component (the
+// first that is not the same in every key) and of the two after it (0 past the end of the
+// key), and its number. Only groups that tie in all three words have their keys read again.
+struct KeyItem
 {
     std::uint32_t word;
+    std::uint32_t next[2];
     int index;
 };
 
-template <class Order> struct WordItemLess
+template <class Order> struct KeyItemLess
 {
     Order order;
 
-    bool operator()(const WordItem& a, const WordItem& b) const
+    bool operator()(const KeyItem& a, const KeyItem& b) const
     {
         if (a.word != b.word)
             return a.word < b.word;
+        if (a.next[0] != b.next[0])
+            return a.next[0] < b.next[0];
+        if (a.next[1] != b.next[1])
+            return a.next[1] < b.next[1];
         return order(a.index, b.index);
     }
 };
@@ -490,60 +318,90 @@ template <int W> struct DenseKeyOrder
     }
 };
 
-// The default checker's route on the calling thread alone. One pass numbers the groups of
-// identical keys in the order of their first vertex (map[i] = the group of vertex i), keeping
-// each group's key in a dense array and its highest vertex index; the groups' keys are then
-// sorted, and a second pass turns group numbers into new indices. The table and every key
-// read while grouping sit in small dense arrays, not spread over the vertex array.
-template <int W> class SerialGrouping
+// The vertices that a StreamGrouper takes, in turn, and where it leaves each one's group:
+// vertex(j) is the j-th vertex, put(j, g) records its group.
+
+// The vertices 0, 1, 2 ..., their groups going to the remap's entries.
+struct WholeStream
+{
+    int* map;
+
+    int vertex(std::ptrdiff_t j) const { return int(j); }
+    void put(std::ptrdiff_t j, int g) const { map[j] = g; }
+};
+
+// Vertices listed in an int array from `first` on, in steps of `step` (1 or -1); each entry is
+// overwritten by its vertex's group once the vertex is taken.
+struct ListStream
+{
+    int* first;
+    std::ptrdiff_t step;
+
+    int vertex(std::ptrdiff_t j) const { return first[j * step]; }
+    void put(std::ptrdiff_t j, int g) const { first[j * step] = g; }
+};
+
+// Groups vertices by identical keys, numbering the groups in the order of their first vertex
+// (the vertices must come in increasing index order), and keeps each group's key in a dense
+// array and its highest vertex index. The groups are then sorted by key and given their new
+// indices. The table and every key read while grouping sit in small dense arrays, not spread
+// over the vertex array. A key with a NaN is equal to nothing: its vertex is a group of its
+// own and is not entered in the table.
+template <int W> class StreamGrouper
 {
     // Below this many groups the sort takes eight-bit digits.
     static constexpr std::ptrdiff_t smallSort = std::ptrdiff_t(1) << 17;
 
 public:
-    SerialGrouping(const KeyReader<W>& keys, int n, int* map) : m_keys(keys), m_n(n), m_map(map) {}
-
-    // Returns the number of groups.
-    int group()
+    // For `m` vertices in all. The table is sized for one distinct key in four vertices at a
+    // load of at most a half, and doubles beyond that.
+    StreamGrouper(const KeyReader<W>& keys, std::ptrdiff_t m) : m_keys(keys)
     {
         std::size_t capacity = 64;
-        while (capacity < std::size_t(m_n) / 2)
+        while (capacity < std::size_t(m) / 2)
             capacity *= 2;
-        std::vector<int> table(capacity, -1);
-        std::size_t mask = capacity - 1;
+        m_table.reserve(capacity);
+        qy::adviseHugePages(m_table);
+        m_table.assign(capacity, -1);
         // Written only as far as groups are found.
-        m_groupKeys = uninitialized<float>(std::size_t(W) * std::size_t(m_n));
-        m_last = uninitialized<int>(std::size_t(m_n));
+        m_groupKeys = uninitialized<float>(std::size_t(W) * std::size_t(m));
+        m_last = uninitialized<int>(std::size_t(m));
+    }
+
+    // Takes the m vertices of `stream`, whose indices are all above those taken before.
+    template <class Stream> void add(const Stream& stream, std::ptrdiff_t m)
+    {
+        std::vector<int>& table = m_table;
+        std::size_t mask = table.size() - 1;
         float* groupKeys = m_groupKeys.get();
         int* last = m_last.get();
-        int* map = m_map;
-        int count = 0;
+        int count = m_count;
 
         auto hashAhead = [&](std::ptrdiff_t j)
         {
             float key[W];
-            m_keys.load(j, key);
+            m_keys.load(stream.vertex(j), key);
             const std::uint64_t hash = hashKey<W>(key);
             __builtin_prefetch(table.data() + (hash & mask));
             return hash;
         };
         std::uint64_t hashes[ahead];
-        const std::ptrdiff_t n = m_n;
-        for (std::ptrdiff_t j = 0; j < std::min(ahead, n); ++j)
+        for (std::ptrdiff_t j = 0; j < std::min(ahead, m); ++j)
             hashes[j % ahead] = hashAhead(j);
-        for (std::ptrdiff_t i = 0; i < n; ++i)
+        for (std::ptrdiff_t j = 0; j < m; ++j)
         {
-            const std::uint64_t hash = hashes[i % ahead];
+            const std::uint64_t hash = hashes[j % ahead];
             // Half way, the slot fetched for a vertex is there to be read: the key of the
             // group that it names (the one that vertex most likely joins) is fetched too.
-            if (i + ahead / 2 < n)
+            if (j + ahead / 2 < m)
             {
-                const int r = table[hashes[(i + ahead / 2) % ahead] & mask];
+                const int r = table[hashes[(j + ahead / 2) % ahead] & mask];
                 if (r >= 0)
                     __builtin_prefetch(groupKeys + std::ptrdiff_t(W) * r);
             }
-            if (i + ahead < n)
-                hashes[i % ahead] = hashAhead(i + ahead);
+            const int i = stream.vertex(j);
+            if (j + ahead < m)
+                hashes[j % ahead] = hashAhead(j + ahead);
             float key[W];
             m_keys.load(i, key);
             int g = -1;
@@ -570,317 +428,327 @@ public:
                 g = count++;
                 std::memcpy(groupKeys + std::ptrdiff_t(W) * g, key, sizeof(key));
                 if (2 * std::size_t(count) > table.size())
-                    mask = grow(table);
+                    mask = grow();
             }
-            map[i] = g;
-            last[g] = int(i);
+            stream.put(j, g);
+            last[g] = i;
         }
         m_count = count;
-        if (count < m_n)
-            sortGroups();
-        return count;
     }
 
-    void number(std::vector<int>& source)
+    int count() const { return m_count; }
+
+    // Orders the groups by key, then number, and numbers them in that order from `offset`:
+    // source[k] = the highest vertex of the k-th group, and newIndex() of the group is then
+    // offset + k. Frees the table and the keys.
+    void sortAndNumber(int* source, int offset)
     {
+        std::vector<int>().swap(m_table);
         const std::ptrdiff_t count = m_count;
-        const WordItem* items = m_items.get();
+        std::unique_ptr<KeyItem[]> items = uninitialized<KeyItem>(std::size_t(count));
+        {
+            std::unique_ptr<KeyItem[]> scratch = uninitialized<KeyItem>(std::size_t(count));
+            const float* keys = m_groupKeys.get();
+            auto build = [&](int primary)
+            {
+                std::uint32_t differ = 0;
+                const std::uint32_t first = count > 0 ? orderKey(keys[primary]) : 0;
+                for (std::ptrdiff_t g = 0; g < count; ++g)
+                {
+                    const float* key = keys + W * g;
+                    KeyItem& item = items[g];
+                    item.word = orderKey(key[primary]);
+                    for (int t = 0; t < 2; ++t)
+                        item.next[t] = primary + 1 + t < W ? orderKey(key[primary + 1 + t]) : 0u;
+                    item.index = int(g);
+                    differ |= item.word ^ first;
+                }
+                return differ != 0;
+            };
+            // The items are built on component 0, and built again in the rare case that it is
+            // the same in every key.
+            if (!build(0))
+            {
+                unsigned mask = 0;
+                for (std::ptrdiff_t g = 1; g < count; ++g)
+                    for (int c = 0; c < W; ++c)
+                        mask |= unsigned(orderKey(keys[W * g + c]) != orderKey(keys[c])) << c;
+                if (mask != 0)
+                    build(std::countr_zero(mask));
+            }
+            const KeyItemLess<DenseKeyOrder<W>> less{DenseKeyOrder<W>{keys}};
+            // Keys that tie in the three words of their items are rare but for NaN keys.
+            auto fetch = [](const KeyItem&) {};
+            if (count < smallSort)
+                sortItems<8>(items.get(), scratch.get(), count, less, fetch);
+            else
+                sortItems(items.get(), scratch.get(), count, less, fetch);
+        }
+        m_groupKeys.reset();
         // The group's highest vertex supplies the data; its entry then holds its new index.
-        source.resize(std::size_t(count));
         int* last = m_last.get();
         for (std::ptrdiff_t k = 0; k < count; ++k)
         {
             const int g = items[k].index;
-            source[std::size_t(k)] = last[g];
-            last[g] = int(k);
+            source[k] = last[g];
+            last[g] = offset + int(k);
         }
-        m_items.reset();
-        int* map = m_map;
-        for (std::ptrdiff_t i = 0; i < m_n; ++i)
-            map[i] = last[map[i]];
     }
+
+    // The new index of each group, after sortAndNumber().
+    const int* newIndex() const { return m_last.get(); }
 
 private:
-    // Orders the groups by key into m_items.
-    void sortGroups()
+    // Doubles the table; the groups in it are entered again (NaN keys' groups never are).
+    std::size_t grow()
     {
-        const std::ptrdiff_t count = m_count;
-        m_items = uninitialized<WordItem>(std::size_t(count));
-        WordItem* items = m_items.get();
-        {
-            std::unique_ptr<WordItem[]> scratch = uninitialized<WordItem>(std::size_t(count));
-            const float* keys = m_groupKeys.get();
-            // The primary component is the first that is not the same in every key.
-            unsigned mask = 0;
-            for (std::ptrdiff_t g = 1; g < count; ++g)
-                for (int c = 0; c < W; ++c)
-                    mask |= unsigned(orderKey(keys[W * g + c]) != orderKey(keys[c])) << c;
-            const int primary = mask == 0 ? 0 : std::countr_zero(mask);
-            for (std::ptrdiff_t g = 0; g < count; ++g)
-            {
-                const float* key = keys + W * g;
-                items[g] = {orderKey(key[primary]), int(g)};
-            }
-            const WordItemLess<DenseKeyOrder<W>> less{DenseKeyOrder<W>{keys}};
-            if (count < smallSort)
-                sortItems<8>(items, scratch.get(), count, less);
-            else
-                sortItems(items, scratch.get(), count, less);
-        }
-        m_groupKeys.reset();
-    }
-
-    std::size_t grow(std::vector<int>& table) const
-    {
-        std::vector<int> old(table.size() * 2, -1);
-        old.swap(table);
-        const std::size_t mask = table.size() - 1;
+        std::vector<int> old(m_table.size() * 2, -1);
+        old.swap(m_table);
+        const std::size_t mask = m_table.size() - 1;
+        const float* groupKeys = m_groupKeys.get();
         for (int g : old)
         {
             if (g < 0)
                 continue;
-            std::size_t slot = hashKey<W>(m_groupKeys.get() + std::ptrdiff_t(W) * g) & mask;
-            while (table[slot] >= 0)
+            std::size_t slot = hashKey<W>(groupKeys + std::ptrdiff_t(W) * g) & mask;
+            while (m_table[slot] >= 0)
                 slot = (slot + 1) & mask;
-            table[slot] = g;
+            m_table[slot] = g;
         }
         return mask;
     }
 
     KeyReader<W> m_keys;
-    int m_n;
-    int* m_map;
     int m_count = 0;
+    std::vector<int> m_table;
     std::unique_ptr<float[]> m_groupKeys;
     std::unique_ptr<int[]> m_last;
-    std::unique_ptr<WordItem[]> m_items;
 };
 
-// The default checker's route, in two steps. group() finds the groups of identical keys and
-// orders one representative per group by key; number() gives every vertex its new index
-// (map) and every new index the old vertex that supplies its data (source: the highest old
-// index of the group).
-//
-// With two tasks, each groups one half of the vertices; then the second half's
-// representatives are looked up in the first half's table, so that a group spread over both
-// halves takes the first half's representative (the lower index) and the second half's last
-// index (the higher). The result is the same as with one task.
-template <int W> class KeyGrouping
+// The old vertices that supply the data of the new ones, in one or two parts: new vertex k
+// takes the data of parts[0][k], then of parts[1][k - sizes[0]].
+struct Sources
+{
+    std::unique_ptr<int[]> parts[2];
+    std::ptrdiff_t sizes[2] = {0, 0};
+
+    std::ptrdiff_t total() const { return sizes[0] + sizes[1]; }
+};
+
+// The default checker's route on the calling thread alone: one StreamGrouper over all the
+// vertices, whose groups go to map and are then turned into new indices.
+template <int W> class SerialGrouping
 {
 public:
-    KeyGrouping(const KeyReader<W>& keys, int n, int* map, qyUtil::ThreadPool& pool, bool parallel)
-        : m_keys(keys), m_n(n), m_map(map), m_pool(pool), m_parallel(parallel)
+    SerialGrouping(const KeyReader<W>& keys, int n, int* map)
+        : m_grouper(keys, n), m_n(n), m_map(map)
     {
     }
 
-    // Returns the number of groups.
-    int group()
+    // Returns the number of groups; when some vertices were welded, also orders the groups
+    // and fills the sources.
+    int group(Sources& sources)
     {
-        for (int p = 0; p < (m_parallel ? 2 : 1); ++p)
-        {
-            std::ptrdiff_t begin = 0, end = m_n;
-            if (m_parallel)
-                half(m_n, p, begin, end);
-            m_parts.emplace_back(m_keys, begin, end, m_parallel && p == 0);
-        }
-        runTwoTasks(m_pool, m_parallel,
-                    [&](int task)
-                    {
-                        if (task < int(m_parts.size()))
-                            m_parts[std::size_t(task)].run(m_map);
-                    });
-        m_reps = m_parts[0].reps();
-        if (m_parallel)
-            joinHalves();
-        for (RangeGrouper<W>& part : m_parts)
-            part.releaseTable();
-        const int count = int(m_reps.size());
+        m_grouper.add(WholeStream{m_map}, m_n);
+        const int count = m_grouper.count();
         if (count < m_n)
-            sortReps();
+        {
+            sources.parts[0] = uninitialized<int>(std::size_t(count));
+            sources.sizes[0] = count;
+            m_grouper.sortAndNumber(sources.parts[0].get(), 0);
+        }
         return count;
     }
 
-    void number(std::vector<int>& source)
+    // Gives every vertex its new index; only when some vertices were welded.
+    void number()
     {
-        const std::ptrdiff_t count = std::ptrdiff_t(m_reps.size());
+        const int* newIndex = m_grouper.newIndex();
         int* map = m_map;
-        // A representative's entry holds its group's last index; it gives that to the source
-        // and takes -(new index + 1) instead, told apart from the other entries by its sign.
-        source.resize(std::size_t(count));
-        const SortItem* items = m_items.get();
-        runTwoTasks(m_pool, m_parallel,
+        for (std::ptrdiff_t i = 0; i < m_n; ++i)
+            map[i] = newIndex[map[i]];
+    }
+
+private:
+    StreamGrouper<W> m_grouper;
+    int m_n;
+    int* m_map;
+};
+
+// The default checker's route on two tasks. The keys are split at a pivot key into the lower
+// ones and the higher ones, and each task groups one side with a StreamGrouper of its own:
+// equal keys fall on one side, and every group of the lower side sorts before every group of
+// the higher, so the lower side's groups take the first new indices and the higher side's the
+// rest, without a merge. Each task touches only its side's groups, so its table and keys are
+// half the size of one task's, and no key is looked up twice. The result is that of
+// SerialGrouping, whatever the pivot; the pivot (the median of a sample of the keys) only
+// balances the work.
+//
+// Steps, each split between the two tasks: (1) each task marks the side of each vertex of its
+// half of the index range in a bit array; (2) each task lists its side's vertices block by
+// block from the bits and groups them, the groups going over the list, which is kept; (3) each
+// task sorts and numbers its side's groups; (4) each task gives the vertices of its half of the
+// index range their new index, reading the bits and the two sides' lists in step.
+template <int W> class SplitGrouping
+{
+    // Vertices per block of step 2 (a multiple of 64, the bits per word).
+    static constexpr std::ptrdiff_t blockSize = 8192;
+
+public:
+    SplitGrouping(const KeyReader<W>& keys, int n, int* map, qyUtil::ThreadPool& pool)
+        : m_keys(keys), m_n(n), m_map(map), m_pool(pool)
+    {
+    }
+
+    // Returns the number of groups; when some vertices were welded, also orders the groups
+    // and fills the sources.
+    int group(Sources& sources)
+    {
+        choosePivot();
+        const std::ptrdiff_t n = m_n;
+        const std::ptrdiff_t numWords = (n + 63) / 64;
+        m_sides = uninitialized<std::uint64_t>(std::size_t(numWords));
+        std::uint64_t* words = m_sides.get();
+        // Step 4 splits the index range at a block boundary, and step 2 notes where its lists
+        // reach it.
+        const std::ptrdiff_t numBlocks = (n + blockSize - 1) / blockSize;
+        m_middle = std::min(n, (numBlocks + 1) / 2 * blockSize);
+        std::ptrdiff_t above[2] = {0, 0};
+        runTwoTasks(m_pool, true,
                     [&](int task)
                     {
                         std::ptrdiff_t begin, end;
-                        half(count, task, begin, end);
-                        for (std::ptrdiff_t k = begin; k < end; ++k)
+                        half(numWords, task, begin, end);
+                        std::ptrdiff_t count = 0;
+                        for (std::ptrdiff_t w = begin; w < end; ++w)
                         {
-                            if (k + ahead < end)
-                                __builtin_prefetch(map + items[k + ahead].index);
-                            const int r = items[k].index;
-                            source[std::size_t(k)] = map[r];
-                            map[r] = -int(k) - 1;
-                        }
-                    });
-        m_items.reset();
-        if (m_parallel)
-        {
-            // A second-half representative that joined a first-half group points at that
-            // group's representative; it takes the same code.
-            const std::vector<int>& reps1 = m_parts[1].reps();
-            runTwoTasks(m_pool, true,
-                        [&](int task)
-                        {
-                            std::ptrdiff_t begin, end;
-                            half(std::ptrdiff_t(reps1.size()), task, begin, end);
-                            for (std::ptrdiff_t k = begin; k < end; ++k)
+                            const std::ptrdiff_t first = 64 * w, last = std::min(first + 64, n);
+                            std::uint64_t bits = 0;
+                            for (std::ptrdiff_t i = first; i < last; ++i)
                             {
-                                const int r = reps1[std::size_t(k)];
-                                if (map[r] >= 0)
-                                    map[r] = map[map[r]];
+                                float key[W];
+                                m_keys.load(i, key);
+                                bits |= std::uint64_t(isAbove(key)) << (i - first);
                             }
+                            words[w] = bits;
+                            count += std::popcount(bits);
+                        }
+                        above[task] = count;
+                    });
+        const std::ptrdiff_t sizes[2] = {n - above[0] - above[1], above[0] + above[1]};
+        runTwoTasks(m_pool, true,
+                    [&](int side)
+                    {
+                        const std::ptrdiff_t size = sizes[side];
+                        m_lists[side] = uninitialized<int>(std::size_t(size));
+                        m_groupers[side] = std::make_unique<StreamGrouper<W>>(m_keys, size);
+                        StreamGrouper<W>& grouper = *m_groupers[side];
+                        int* list = m_lists[side].get();
+                        const std::uint64_t flip = side ? 0 : ~std::uint64_t(0);
+                        std::ptrdiff_t listed = 0;
+                        for (std::ptrdiff_t block = 0; block < n; block += blockSize)
+                        {
+                            if (block == m_middle)
+                                m_listMiddle[side] = listed;
+                            int* blockList = list + listed;
+                            std::ptrdiff_t count = 0;
+                            const std::ptrdiff_t blockEnd = std::min(block + blockSize, n);
+                            for (std::ptrdiff_t w = block / 64; 64 * w < blockEnd; ++w)
+                            {
+                                std::uint64_t bits = words[w] ^ flip;
+                                if (64 * w + 64 > n)
+                                    bits &= (std::uint64_t(1) << (n - 64 * w)) - 1;
+                                for (; bits; bits &= bits - 1)
+                                    blockList[count++] = int(64 * w + std::countr_zero(bits));
+                            }
+                            grouper.add(ListStream{blockList, 1}, count);
+                            listed += count;
+                        }
+                        if (m_middle == n)
+                            m_listMiddle[side] = listed;
+                    });
+        const int counts[2] = {m_groupers[0]->count(), m_groupers[1]->count()};
+        if (counts[0] + counts[1] < n)
+            runTwoTasks(m_pool, true,
+                        [&](int side)
+                        {
+                            sources.parts[side] = uninitialized<int>(std::size_t(counts[side]));
+                            sources.sizes[side] = counts[side];
+                            m_groupers[side]->sortAndNumber(sources.parts[side].get(),
+                                                            side == 0 ? 0 : counts[0]);
                         });
-        }
-        // Every other vertex points at a representative of its own half with a lower index;
-        // going down, that entry still holds the code when the vertex reads it.
-        runTwoTasks(m_pool, m_parallel,
+        return counts[0] + counts[1];
+    }
+
+    // Gives every vertex its new index; only when some vertices were welded.
+    void number()
+    {
+        const int* newIndex[2] = {m_groupers[0]->newIndex(), m_groupers[1]->newIndex()};
+        const int* lists[2] = {m_lists[0].get(), m_lists[1].get()};
+        const std::uint64_t* words = m_sides.get();
+        int* map = m_map;
+        runTwoTasks(m_pool, true,
                     [&](int task)
                     {
-                        std::ptrdiff_t begin = 0, end = m_n;
-                        if (m_parallel)
-                            half(m_n, task, begin, end);
-                        else if (task == 1)
-                            return;
-                        for (std::ptrdiff_t i = end - 1; i >= begin; --i)
+                        const std::ptrdiff_t begin = task ? m_middle : 0,
+                                             end = task ? m_n : m_middle;
+                        // The next list entry of each side.
+                        const int* low = lists[0] + (task ? m_listMiddle[0] : 0);
+                        const int* high = lists[1] + (task ? m_listMiddle[1] : 0);
+                        for (std::ptrdiff_t i = begin; i < end; ++i)
                         {
-                            const int v = map[i];
-                            map[i] = v < 0 ? -v - 1 : -map[v] - 1;
+                            const std::ptrdiff_t side = (words[i / 64] >> (i % 64)) & 1;
+                            const int g = side ? *high : *low;
+                            low += 1 - side;
+                            high += side;
+                            map[i] = newIndex[side][g];
                         }
                     });
     }
 
 private:
-    void joinHalves()
+    // The median of up to 1023 keys spread evenly over the vertices, as orderKey words.
+    void choosePivot()
     {
-        // Each task looks up its share of the second half's representatives; the writes go to
-        // distinct entries, as distinct representatives have distinct keys.
-        const RangeGrouper<W>& first = m_parts[0];
-        const std::vector<int>& reps1 = m_parts[1].reps();
-        int* map = m_map;
-        std::vector<int> unmatched[2];
-        runTwoTasks(m_pool, true,
-                    [&](int task)
-                    {
-                        std::ptrdiff_t begin, end;
-                        half(std::ptrdiff_t(reps1.size()), task, begin, end);
-                        auto hashAhead = [&](std::ptrdiff_t k)
-                        {
-                            float key[W];
-                            m_keys.load(reps1[std::size_t(k)], key);
-                            return first.hashAndPrefetchForFind(key);
-                        };
-                        std::uint64_t hashes[ahead];
-                        for (std::ptrdiff_t k = begin; k < std::min(begin + ahead, end); ++k)
-                            hashes[k % ahead] = hashAhead(k);
-                        for (std::ptrdiff_t k = begin; k < end; ++k)
-                        {
-                            const std::uint64_t hash = hashes[k % ahead];
-                            if (k + ahead < end)
-                                hashes[k % ahead] = hashAhead(k + ahead);
-                            const int r = reps1[std::size_t(k)];
-                            float key[W];
-                            m_keys.load(r, key);
-                            const int r0 = hasNaN<W>(key) ? -1 : first.find(key, hash);
-                            if (r0 < 0)
-                                unmatched[task].push_back(r);
-                            else
-                            {
-                                map[r0] = map[r]; // the group's last index, from this half
-                                map[r] = r0;
-                            }
-                        }
-                    });
-        m_reps.insert(m_reps.end(), unmatched[0].begin(), unmatched[0].end());
-        m_reps.insert(m_reps.end(), unmatched[1].begin(), unmatched[1].end());
-    }
-
-    // Orders m_reps by key, then index, into m_items: each task sorts one half, and the
-    // halves are merged as in smpSort.
-    void sortReps()
-    {
-        const std::ptrdiff_t count = std::ptrdiff_t(m_reps.size());
-        m_items = uninitialized<SortItem>(std::size_t(count));
-        std::unique_ptr<SortItem[]> scratch = uninitialized<SortItem>(std::size_t(count));
-        SortItem* items = m_items.get();
-
-        // The primary component is the first that is not the same in every key; items are
-        // built on component 0 and rebuilt in the rare case that it is constant.
-        std::uint32_t first[W];
+        const std::ptrdiff_t n = m_n, samples = std::min<std::ptrdiff_t>(n, 1023);
+        std::vector<std::array<std::uint32_t, W>> keys(static_cast<std::size_t>(samples));
+        for (std::ptrdiff_t s = 0; s < samples; ++s)
         {
             float key[W];
-            m_keys.load(m_reps[0], key);
+            m_keys.load((2 * s + 1) * n / (2 * samples), key);
             for (int c = 0; c < W; ++c)
-                first[c] = orderKey(key[c]);
+                keys[std::size_t(s)][std::size_t(c)] = orderKey(key[c]);
         }
-        unsigned varies[2] = {0, 0};
-        auto build = [&](int primary)
-        {
-            runTwoTasks(m_pool, m_parallel,
-                        [&](int task)
-                        {
-                            std::ptrdiff_t begin, end;
-                            half(count, task, begin, end);
-                            unsigned mask = 0;
-                            for (std::ptrdiff_t k = begin; k < end; ++k)
-                            {
-                                float key[W];
-                                m_keys.load(m_reps[std::size_t(k)], key);
-                                for (int c = 0; c < W; ++c)
-                                    mask |= unsigned(orderKey(key[c]) != first[c]) << c;
-                                SortItem& item = items[k];
-                                item.word = orderKey(key[primary]);
-                                for (int t = 0; t < 2; ++t)
-                                    item.next[t] =
-                                        primary + 1 + t < W ? orderKey(key[primary + 1 + t]) : 0u;
-                                item.index = m_reps[std::size_t(k)];
-                            }
-                            varies[task] = mask;
-                        });
-        };
-        build(0);
-        const unsigned mask = varies[0] | varies[1];
-        const int primary = mask == 0 ? 0 : std::countr_zero(mask);
-        if (primary > 0)
-            build(primary);
+        auto middle = keys.begin() + samples / 2;
+        std::nth_element(keys.begin(), middle, keys.end());
+        m_pivot = *middle;
+    }
 
-        const SortItemLess<KeyIndexOrder<W>> less{KeyIndexOrder<W>{m_keys}};
-        runTwoTasks(m_pool, m_parallel,
-                    [&](int task)
-                    {
-                        std::ptrdiff_t begin = 0, end = count;
-                        if (m_parallel)
-                            half(count, task, begin, end);
-                        else if (task == 1)
-                            return;
-                        sortItems(items + begin, scratch.get() + begin, end - begin, less);
-                    });
-        scratch.reset();
-        if (m_parallel)
+    // Whether the key sorts after the pivot.
+    bool isAbove(const float* key) const
+    {
+        for (int c = 0; c < W; ++c)
         {
-            SMPSortMerge<SortItem, SortItemLess<KeyIndexOrder<W>>> merge(items, items + count,
-                                                                         less);
-            m_pool.run(merge);
+            const std::uint32_t x = orderKey(key[c]);
+            if (x != m_pivot[std::size_t(c)])
+                return x > m_pivot[std::size_t(c)];
         }
+        return false;
     }
 
     KeyReader<W> m_keys;
     int m_n;
     int* m_map;
     qyUtil::ThreadPool& m_pool;
-    bool m_parallel;
-    std::vector<RangeGrouper<W>> m_parts;
-    std::vector<int> m_reps;
-    std::unique_ptr<SortItem[]> m_items;
+    std::array<std::uint32_t, W> m_pivot{};
+    // Bit i set when vertex i is on the higher side.
+    std::unique_ptr<std::uint64_t[]> m_sides;
+    // Each side's vertices in increasing order, then their groups.
+    std::unique_ptr<int[]> m_lists[2];
+    std::unique_ptr<StreamGrouper<W>> m_groupers[2];
+    // Where step 4 splits the vertices, and where each side's list reaches that vertex.
+    std::ptrdiff_t m_middle = 0;
+    std::ptrdiff_t m_listMiddle[2] = {0, 0};
 };
 
 // Any checker's route: the index sort, then the scan that merges each run of vertices equal to
@@ -888,7 +756,7 @@ private:
 // that supplies the data of each new one (the highest old index mapped to it); returns the new
 // vertex count.
 template <int W>
-int sortAndScan(const KeyReader<W>& keys, int n, int* map, std::vector<int>& source,
+int sortAndScan(const KeyReader<W>& keys, int n, int* map, Sources& sources,
                 const IMeshVertexEqualityChecker& checker, qyUtil::ThreadPool& pool, bool parallel,
                 qyUtil::Progress& progress, qyUtil::Progress& child, qyOS::StopWatch& watch)
 {
@@ -929,26 +797,36 @@ int sortAndScan(const KeyReader<W>& keys, int n, int* map, std::vector<int>& sou
             map[cur] = count++;
     }
     // The highest old index of each new vertex supplies its data.
-    source.assign(std::size_t(count), 0);
+    sources.parts[0] = uninitialized<int>(std::size_t(count));
+    sources.sizes[0] = count;
+    int* source = sources.parts[0].get();
     for (int i = 0; i < n; ++i)
-        source[std::size_t(map[i])] = i;
+        source[map[i]] = i;
     return count;
 }
 
-// new[k] = data[source[k]] for k < count, through one temporary, copied back in one block (a
-// half per task, once both have gathered).
+// new[k] = data[sources' k-th] for k < count, through one temporary, copied back in one block
+// (a half per task, once both have gathered).
 template <class T>
-void gather(T* data, const std::vector<int>& source, qyUtil::ThreadPool& pool, bool parallel)
+void gather(T* data, const Sources& sources, qyUtil::ThreadPool& pool, bool parallel)
 {
-    const std::size_t count = source.size();
+    const std::size_t count = std::size_t(sources.total());
     std::unique_ptr<T[]> moved = uninitialized<T>(count);
     runTwoTasks(pool, parallel,
                 [&](int task)
                 {
                     std::ptrdiff_t begin, end;
                     half(std::ptrdiff_t(count), task, begin, end);
-                    for (std::ptrdiff_t k = begin; k < end; ++k)
-                        moved[std::size_t(k)] = data[source[std::size_t(k)]];
+                    std::ptrdiff_t offset = 0;
+                    for (int p = 0; p < 2; ++p)
+                    {
+                        const int* source = sources.parts[p].get();
+                        const std::ptrdiff_t from = std::max(begin, offset),
+                                             to = std::min(end, offset + sources.sizes[p]);
+                        for (std::ptrdiff_t k = from; k < to; ++k)
+                            moved[std::size_t(k)] = data[source[k - offset]];
+                        offset += sources.sizes[p];
+                    }
                 });
     if (!parallel)
     {
@@ -983,21 +861,21 @@ void renumber(int* indices, std::ptrdiff_t numIndices, const int* map, int n,
 }
 
 template <int W>
-int buildMap(const KeyReader<W>& keys, int n, int* map, std::vector<int>& source,
+int buildMap(const KeyReader<W>& keys, int n, int* map, Sources& sources,
              IMeshVertexEqualityChecker* checker, qyUtil::ThreadPool& pool, bool parallel,
              qyUtil::Progress& progress, qyUtil::Progress& child, qyOS::StopWatch& watch)
 {
     if (checker)
-        return sortAndScan<W>(keys, n, map, source, *checker, pool, parallel, progress, child,
+        return sortAndScan<W>(keys, n, map, sources, *checker, pool, parallel, progress, child,
                               watch);
     auto run = [&](auto& grouping)
     {
-        const int count = grouping.group();
+        const int count = grouping.group(sources);
         child.set(1.0);
         debugChannel().print("  sorted vertices: %f s\n", watch.clear());
         progress.subPhase(0.2, child);
         if (count < n)
-            grouping.number(source);
+            grouping.number();
         return count;
     };
     if (!parallel)
@@ -1005,7 +883,7 @@ int buildMap(const KeyReader<W>& keys, int n, int* map, std::vector<int>& source
         SerialGrouping<W> grouping(keys, n, map);
         return run(grouping);
     }
-    KeyGrouping<W> grouping(keys, n, map, pool, parallel);
+    SplitGrouping<W> grouping(keys, n, map, pool);
     return run(grouping);
 }
 
@@ -1030,16 +908,16 @@ void weld(CompactMesh& mesh, qyUtil::Progress& progress, Remap& remap,
 
     qyUtil::Progress child;
     progress.subPhase(0.8, child);
-    std::vector<int> source;
+    Sources sources;
     int count;
     if (useNormals && useUVs)
         count = buildMap<8>({mesh.getVerticesRaw(), mesh.getNormalsRaw(), mesh.getUVsRaw()}, n, map,
-                            source, checker, pool, parallel, progress, child, watch);
+                            sources, checker, pool, parallel, progress, child, watch);
     else if (useNormals)
-        count = buildMap<6>({mesh.getVerticesRaw(), mesh.getNormalsRaw(), nullptr}, n, map, source,
+        count = buildMap<6>({mesh.getVerticesRaw(), mesh.getNormalsRaw(), nullptr}, n, map, sources,
                             checker, pool, parallel, progress, child, watch);
     else
-        count = buildMap<3>({mesh.getVerticesRaw(), nullptr, nullptr}, n, map, source, checker,
+        count = buildMap<3>({mesh.getVerticesRaw(), nullptr, nullptr}, n, map, sources, checker,
                             pool, parallel, progress, child, watch);
     child.set(1.0);
     debugChannel().print("  initialized remap: %f s\n", watch.clear());
@@ -1055,17 +933,17 @@ void weld(CompactMesh& mesh, qyUtil::Progress& progress, Remap& remap,
     MeshModification change(&mesh, MeshModification::Remapped, &meshRemap);
 
     const bool parallelMoves = parallel && count >= parallelItems;
-    gather(mesh.getVertices(), source, pool, parallelMoves);
+    gather(mesh.getVertices(), sources, pool, parallelMoves);
     debugChannel().print("  remapped vertices: %f s\n", watch.clear());
     if (useNormals)
     {
-        gather(mesh.getNormals(), source, pool, parallelMoves);
+        gather(mesh.getNormals(), sources, pool, parallelMoves);
         change.normalsModified();
         debugChannel().print("  remapped normals: %f s\n", watch.clear());
     }
     if (useUVs)
     {
-        gather(mesh.getUVs(), source, pool, parallelMoves);
+        gather(mesh.getUVs(), sources, pool, parallelMoves);
         change.uvsModified();
     }
 

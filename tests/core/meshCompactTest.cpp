@@ -416,10 +416,28 @@ TEST(MeshCompact, TheExactRouteGivesTheSameWeldOnOneTaskAndOnTwo)
     // Large enough for the grouping to be split between two tasks; with explicit normals and
     // UVs the key has eight floats.
     const int n = (1 << 20) + 1001;
-    for (bool attributes : {false, true})
+    // A shuffled sphere soup: many distinct keys, each about six times, spread over the array,
+    // with signed zeros and NaN among them, so that both sides of the split get many groups
+    // and some of them straddle the middle of the array.
+    auto sphereSoup = []
     {
-        SCOPED_TRACE(testing::Message() << "normals and UVs " << attributes);
-        const CompactMesh before = randomMesh(n, attributes, false, attributes);
+        CompactMesh sphere = qyTest::makeUVSphere(300, 600);
+        std::mt19937 rng(5);
+        qyGeom::MeshTriangle* tris = sphere.getTriangles();
+        std::shuffle(tris, tris + sphere.getNumTriangles(), rng);
+        CompactMesh soup = qyTest::makeTriangleSoup(sphere);
+        float* xyz = soup.getVerticesRaw();
+        for (int i = 0; i < soup.getNumVertices(); i += 97)
+            xyz[3 * i + 1] = i % 2 ? qnan : -0.0f;
+        return soup;
+    };
+    for (int mode : {0, 1, 2})
+    {
+        const bool attributes = mode == 1;
+        SCOPED_TRACE(testing::Message() << "mode " << mode);
+        const CompactMesh before =
+            mode == 2 ? sphereSoup() : randomMesh(n, attributes, false, attributes);
+        const int numTris = before.getNumTriangles();
         CompactMesh reference = before;
         Remap expected;
         {
@@ -438,8 +456,10 @@ TEST(MeshCompact, TheExactRouteGivesTheSameWeldOnOneTaskAndOnTwo)
             EXPECT_TRUE(sameBits(mesh.getVerticesRaw(), reference.getVerticesRaw(), 3 * size));
             EXPECT_TRUE(sameBits(mesh.getNormalsRaw(), reference.getNormalsRaw(), 3 * size));
             EXPECT_TRUE(sameBits(mesh.getUVsRaw(), reference.getUVsRaw(), 2 * size));
-            EXPECT_EQ(values(mesh.getTrianglesRaw(), n / 2 * 3),
-                      values(reference.getTrianglesRaw(), n / 2 * 3));
+            EXPECT_EQ(values(mesh.getTrianglesRaw(), 3 * numTris),
+                      values(reference.getTrianglesRaw(), 3 * numTris));
         }
+        if (mode == 2)
+            expectWeld(before, reference, expected);
     }
 }
