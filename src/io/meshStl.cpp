@@ -7,9 +7,12 @@
 #include <cerrno>
 #include <cmath>
 #include <cstring>
+#include <memory>
 #include <string>
 #include <vector>
 
+#include "base/Memory.h"
+#include "base/ThreadPool.h"
 #include "io/detail/MeshFormat.h"
 #include "io/detail/TextOut.h"
 #include "model/CompactMesh.h"
@@ -402,37 +405,114 @@ template <class Fn> void forEachTriangle(const CompactMesh& mesh, Fn fn)
     }
 }
 
+/// The 50-byte record of triangle (a, b, c) at p: its normal, its corners, a zero attribute.
+inline void storeRecord(const float* xyz, int a, int b, int c, char* p)
+{
+    const float* corners[3] = {xyz + 3 * std::ptrdiff_t(a), xyz + 3 * std::ptrdiff_t(b),
+                               xyz + 3 * std::ptrdiff_t(c)};
+    float n[3];
+    normalOf(corners[0], corners[1], corners[2], n);
+    const float* parts[4] = {n, corners[0], corners[1], corners[2]};
+    for (int k = 0; k < 4; ++k)
+        for (int j = 0; j < 3; ++j)
+        {
+            std::uint32_t bits;
+            std::memcpy(&bits, parts[k] + j, 4);
+            detail::storeU32LE(p + 12 * k + 4 * j, bits);
+        }
+    p[48] = p[49] = 0;
+}
+
+/// Fills the records of triangles [begin, end) of a triangle array at out, on two tasks of
+/// the pool when there are enough of them.
+class RecordFill final : public qyUtil::ThreadedAlg
+{
+public:
+    RecordFill(const float* xyz, const int* triangles, std::ptrdiff_t begin, std::ptrdiff_t end,
+               char* out)
+        : m_xyz(xyz), m_triangles(triangles), m_begin(begin), m_end(end), m_out(out)
+    {
+    }
+    void execute(int task, int numTasks) override
+    {
+        const int parts = std::min(numTasks, 2);
+        if (task >= parts)
+            return;
+        const std::ptrdiff_t n = m_end - m_begin;
+        const std::ptrdiff_t from = m_begin + n * task / parts,
+                             to = m_begin + n * (task + 1) / parts;
+        char* p = m_out + (from - m_begin) * std::ptrdiff_t(triangleBytes);
+        for (std::ptrdiff_t t = from; t < to; ++t, p += triangleBytes)
+        {
+            const int* v = m_triangles + 3 * t;
+            storeRecord(m_xyz, v[0], v[1], v[2], p);
+        }
+    }
+
+private:
+    const float* m_xyz;
+    const int* m_triangles;
+    std::ptrdiff_t m_begin, m_end;
+    char* m_out;
+};
+
+void writeBinaryStl(const CompactMesh& mesh, detail::TextOut& out)
+{
+    const float* xyz = mesh.getVerticesRaw();
+    const std::ptrdiff_t numTriangles = mesh.getNumTriangles();
+    std::uint64_t count = 0;
+    forEachTriangle(mesh, [&](int, int, int) { ++count; });
+    char header[headerBytes];
+    std::memset(header, ' ', 80);
+    const char title[] = "binary STL, qyGeom";
+    std::memcpy(header, title, sizeof title - 1);
+    detail::storeU32LE(header + 80, std::uint32_t(std::min<std::uint64_t>(count, 0xFFFFFFFFu)));
+    out.put(header, headerBytes);
+
+    // The triangle array's records are made in large blocks, each handed to the file in one
+    // write (and filled by two tasks on a pool of several threads).
+    constexpr std::ptrdiff_t blockTriangles = std::ptrdiff_t(1) << 18;
+    constexpr std::ptrdiff_t parallelTriangles = 16384;
+    const std::size_t blockBytes =
+        std::size_t(std::min(numTriangles, blockTriangles)) * triangleBytes;
+    std::unique_ptr<char[]> block = std::make_unique_for_overwrite<char[]>(blockBytes);
+    qy::adviseHugePages(block.get(), blockBytes);
+    qyUtil::ThreadPool& pool = qyUtil::ThreadPool::get();
+    const int* triangles = mesh.getTrianglesRaw();
+    for (std::ptrdiff_t begin = 0; begin < numTriangles; begin += blockTriangles)
+    {
+        const std::ptrdiff_t end = std::min(begin + blockTriangles, numTriangles);
+        RecordFill fill(xyz, triangles, begin, end, block.get());
+        if (pool.getNumThreads() > 1 && end - begin >= parallelTriangles)
+            pool.run(fill);
+        else
+            fill.execute(0, 1);
+        out.put(block.get(), std::size_t(end - begin) * triangleBytes);
+    }
+    block.reset();
+
+    // Then the polygons, as fans.
+    detail::MeshFaces faces(mesh);
+    for (int f = int(numTriangles); f < faces.size(); ++f)
+    {
+        const int* c;
+        const int n = faces.corners(f, c);
+        for (int k = 1; k + 1 < n; ++k)
+        {
+            char* p = out.room(triangleBytes);
+            storeRecord(xyz, c[0], c[k], c[k + 1], p);
+            out.commit(p + triangleBytes);
+        }
+    }
+}
+
 void writeStl(const CompactMesh& mesh, detail::TextOut& out, StlEncoding encoding)
 {
     const float* xyz = mesh.getVerticesRaw();
     auto corner = [&](int v) { return xyz + 3 * std::ptrdiff_t(v); };
     if (encoding == StlEncoding::Binary)
     {
-        std::uint64_t count = 0;
-        forEachTriangle(mesh, [&](int, int, int) { ++count; });
-        char header[headerBytes];
-        std::memset(header, ' ', 80);
-        const char title[] = "binary STL, qyGeom";
-        std::memcpy(header, title, sizeof title - 1);
-        detail::storeU32LE(header + 80, std::uint32_t(std::min<std::uint64_t>(count, 0xFFFFFFFFu)));
-        out.put(header, headerBytes);
-        forEachTriangle(mesh,
-                        [&](int a, int b, int c)
-                        {
-                            float n[3];
-                            normalOf(corner(a), corner(b), corner(c), n);
-                            char* p = out.room(triangleBytes);
-                            const float* parts[4] = {n, corner(a), corner(b), corner(c)};
-                            for (int k = 0; k < 4; ++k)
-                                for (int j = 0; j < 3; ++j)
-                                {
-                                    std::uint32_t bits;
-                                    std::memcpy(&bits, parts[k] + j, 4);
-                                    detail::storeU32LE(p + 12 * k + 4 * j, bits);
-                                }
-                            p[48] = p[49] = 0;
-                            out.commit(p + triangleBytes);
-                        });
+        writeBinaryStl(mesh, out);
         return;
     }
     auto put3 = [&](const float* v)
