@@ -71,6 +71,13 @@ protected:
     };
     RankedBits m_vertexSlots;   ///< the mesh vertices of m_vertices
     RankedBits m_triangleSlots; ///< the mesh triangles of m_triangles
+    std::vector<int> m_scratch; ///< the build's per-vertex lists
+
+private:
+    /// Lays the TopoMesh out from m_vertices and m_triangles, twins paired.
+    void build();
+    /// The same through allocFace and meshTwin, for an adjacency that is not the mesh's.
+    void buildByFaces();
 };
 
 /// An edit region that is written back into its mesh.

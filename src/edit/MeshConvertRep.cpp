@@ -36,6 +36,15 @@ void setBits(const BitVector& bits, int n, std::vector<int>& out)
         }
 }
 
+// Set bits of a word (the library is built for the baseline instruction set, where
+// std::popcount is a call).
+inline int bitCount(BitVector::Word x)
+{
+    x = x - ((x >> 1) & 0x55555555u);
+    x = (x & 0x33333333u) + ((x >> 2) & 0x33333333u);
+    return int((((x + (x >> 4)) & 0x0F0F0F0Fu) * 0x01010101u) >> 24);
+}
+
 // True when b is a rotation of a.
 inline bool sameRotation(const MeshTriangle& a, const MeshTriangle& b)
 {
@@ -62,7 +71,7 @@ void MeshConvertRep::RankedBits::rank()
     for (int w = 0; w < numWords; ++w)
     {
         before[std::size_t(w)] = count;
-        count += std::popcount(words[w]);
+        count += bitCount(words[w]);
     }
 }
 
@@ -74,7 +83,7 @@ int MeshConvertRep::RankedBits::find(int i) const
     const BitVector::Word bit = BitVector::Word(1) << (i & 31);
     if (!(word & bit))
         return -1;
-    return before[unsigned(i) >> 5] + std::popcount(word & (bit - 1));
+    return before[unsigned(i) >> 5] + bitCount(word & (bit - 1));
 }
 
 MeshConvertRep::MeshConvertRep(CompactMesh& mesh, const MeshAdjTris& adjTris)
@@ -106,34 +115,145 @@ MeshConvertRep::MeshConvertRep(CompactMesh& mesh, const MeshAdjTris& adjTris)
     m_vertexSlots.rank();
     setBits(m_vertexSlots.bits, numVerts, m_vertices);
 
-    const int n = int(m_vertices.size());
-    m_topo.reserve(n, 3 * int(selected.size()), int(selected.size()));
-    const MeshVertex* points = mesh.getVertices();
-    for (int i = 0; i < n; ++i)
-        m_topo.allocVertex(points[m_vertices[std::size_t(i)]].asPoint())
-            .setTag(m_vertices[std::size_t(i)]);
+    // The faces: the selected triangles with three distinct corners inside [0, V), numbered
+    // in increasing triangle order.
     m_triangles.reserve(selected.size());
     for (const int t : selected)
     {
-        int slots[3];
-        bool inside = true;
-        for (int k = 0; k < 3 && inside; ++k)
-        {
-            slots[k] = m_vertexSlots.find(tris[t][k]);
-            inside = slots[k] >= 0;
-        }
-        if (!inside)
-            continue;
-        const TopoMeshFace f = m_topo.allocFace(3, slots);
-        if (!f)
-            continue;
-        f.setTag(t);
-        m_triangles.push_back(t);
+        const int a = tris[t][0], b = tris[t][1], c = tris[t][2];
+        if (unsigned(a) < unsigned(numVerts) && unsigned(b) < unsigned(numVerts) &&
+            unsigned(c) < unsigned(numVerts) && a != b && b != c && a != c)
+            m_triangles.push_back(t);
     }
     m_triangleSlots.assign(numTris);
     for (const int t : m_triangles)
         m_triangleSlots.bits.setBit(t);
     m_triangleSlots.rank();
+    if (adjTris.getNumVertices() == numVerts)
+        build();
+    else
+        buildByFaces();
+}
+
+void MeshConvertRep::buildByFaces()
+{
+    // Adjacency of another mesh: the faces one by one, then the twins matched among them.
+    const MeshTriangle* tris = m_mesh.getTriangles();
+    const MeshVertex* points = m_mesh.getVertices();
+    const int n = int(m_vertices.size());
+    m_topo.reserve(n, 3 * int(m_triangles.size()), int(m_triangles.size()));
+    for (int s = 0; s < n; ++s)
+        m_topo.allocVertex(points[m_vertices[std::size_t(s)]].asPoint())
+            .setTag(m_vertices[std::size_t(s)]);
+    for (const int t : m_triangles)
+    {
+        const int slots[3] = {m_vertexSlots.find(tris[t][0]), m_vertexSlots.find(tris[t][1]),
+                              m_vertexSlots.find(tris[t][2])};
+        m_topo.allocFace(3, slots).setTag(t);
+    }
+    m_topo.meshTwin();
+}
+
+void MeshConvertRep::build()
+{
+    const MeshTriangle* tris = m_mesh.getTriangles();
+    const MeshVertex* points = m_mesh.getVertices();
+    const int n = int(m_vertices.size());
+    const int numFaces = int(m_triangles.size());
+
+    // The whole region at once: face i is triangle m_triangles[i] with half-edges 3i .. 3i+2,
+    // vertex s is mesh vertex m_vertices[s]; this is the layout that allocating the vertices
+    // and the faces one by one and pairing the twins afterwards gives.
+    const TopoMesh::BulkArrays arrays = m_topo.allocBulk(n, 3 * numFaces, numFaces);
+    TopoMesh::HalfEdge* edges = arrays.edges;
+    for (int s = 0; s < n; ++s)
+    {
+        const int v = m_vertices[std::size_t(s)];
+        arrays.points[s] = points[v].asPoint();
+        arrays.vertexEdge[s] = -1;
+        arrays.vertexDegree[s] = 0;
+        m_topo.setVertexTag(s, v);
+    }
+    for (int f = 0; f < numFaces; ++f)
+    {
+        const int t = m_triangles[std::size_t(f)];
+        const int e = 3 * f;
+        const int s0 = m_vertexSlots.find(tris[t][0]);
+        const int s1 = m_vertexSlots.find(tris[t][1]);
+        const int s2 = m_vertexSlots.find(tris[t][2]);
+        edges[e] = {s0, f, e + 1, e + 2, -1};
+        edges[e + 1] = {s1, f, e + 2, e, -1};
+        edges[e + 2] = {s2, f, e, e + 1, -1};
+        arrays.faceEdge[f] = e;
+        m_topo.setFaceTag(f, t);
+    }
+
+    // Twins, vertex by vertex from the mesh's vertex-to-triangle sets: every half-edge a->b
+    // and every half-edge b->a lie in faces around a. A half-edge a->b pairs with b->a when
+    // each is the only one of its direction in the region; a pair is set from the vertex that
+    // each side leaves. A vertex leaves by its lowest twinless half-edge, else its lowest.
+    std::vector<int>& scratch = m_scratch;
+    for (int s = 0; s < n; ++s)
+    {
+        const int a = m_vertices[std::size_t(s)];
+        const int* around = m_adjTris.triIndices(a);
+        const int count = m_adjTris.numTris(a);
+        if (scratch.size() < 4 * std::size_t(count))
+            scratch.resize(4 * std::size_t(count));
+        int* outV = scratch.data();
+        int* inV = outV + count;
+        int* outE = inV + count;
+        int* inE = outE + count;
+        int m = 0;
+        for (int i = 0; i < count; ++i)
+        {
+            const int u = around[i];
+            const int f = m_triangleSlots.find(u);
+            if (f < 0)
+                continue;
+            const int j = tris[u][0] == a ? 0 : (tris[u][1] == a ? 1 : 2);
+            const int jNext = j == 2 ? 0 : j + 1, jPrev = j == 0 ? 2 : j - 1;
+            outV[m] = tris[u][jNext];
+            inV[m] = tris[u][jPrev];
+            outE[m] = 3 * f + j;
+            inE[m] = 3 * f + jPrev;
+            ++m;
+        }
+        arrays.vertexDegree[s] = m;
+        int lowest = -1, lowestTwinless = -1;
+        for (int i = 0; i < m; ++i)
+        {
+            // Scalar scans with early exits: the lists are a handful of entries long, just
+            // written, and a vector load over them would wait for those stores.
+            const int b = outV[i];
+            bool unique = true;
+            for (int k = 0; k < m; ++k)
+                if (k != i && outV[k] == b)
+                {
+                    unique = false;
+                    break;
+                }
+            int opposite = -1;
+            for (int k = 0; unique && k < m; ++k)
+                if (inV[k] == b)
+                {
+                    if (opposite >= 0)
+                    {
+                        opposite = -1;
+                        break;
+                    }
+                    opposite = k;
+                }
+            const int e = outE[i];
+            if (opposite >= 0)
+                edges[e].twin = inE[opposite];
+            else if (lowestTwinless < 0 || e < lowestTwinless)
+                lowestTwinless = e;
+            if (lowest < 0 || e < lowest)
+                lowest = e;
+        }
+        arrays.vertexEdge[s] = lowestTwinless >= 0 ? lowestTwinless : lowest;
+    }
     m_topo.meshTwin();
 }
 
