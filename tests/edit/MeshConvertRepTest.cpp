@@ -341,3 +341,94 @@ TEST(MeshModifyRep, HostileMeshesSurviveRandomEditsAndMerges)
 }
 
 } // namespace
+
+TEST(MeshConvertRep, RegionMatchesOneBuiltFaceByFaceWithTwinsMatched)
+{
+    // The region is laid out from the mesh's adjacency; it must be the TopoMesh that
+    // allocating its vertices and faces one by one and pairing the twins gives, element for
+    // element (the edits walk from each vertex's half-edge, so those must agree too), on
+    // hostile meshes and partial selections alike.
+    std::mt19937 random(11);
+    std::vector<qyTest::TestMesh> meshes = qyTest::testMeshes::all();
+    meshes.push_back({"torus", qyTest::makeTorus(9, 7)});
+    meshes.push_back({"bad indices", qyTest::makeMesh({0, 0, 0, 1, 0, 0, 0, 1, 0, 1, 1, 0},
+                                                      {0, 1, 2, 1, 3, 2, 2, 3, 7, -4, 0, 1})});
+    for (auto& [name, source] : meshes)
+        for (int round = 0; round < 4; ++round)
+        {
+            SCOPED_TRACE(name + " round " + std::to_string(round));
+            CompactMesh mesh = source;
+            MeshAdjTris adj;
+            meshAdjTris(mesh, adj);
+            const int numVerts = mesh.getNumVertices(), numTris = mesh.getNumTriangles();
+            mesh.getSelectedTriangles().resize(numTris);
+            mesh.getSelectedVertices().resize(numVerts);
+            for (int t = 0; t < numTris; ++t)
+                if (round == 0 || random() % 3 != 0)
+                    mesh.getSelectedTriangles().setBit(t);
+            for (int v = 0; v < numVerts; ++v)
+                if (random() % 5 == 0)
+                    mesh.getSelectedVertices().setBit(v);
+            MeshConvertRep rep(mesh, adj);
+            const TopoMesh& topo = rep.getTopoMesh();
+
+            TopoMesh expected;
+            std::vector<int> slotOf(std::size_t(numVerts), -1);
+            std::vector<char> inRegion(std::size_t(numVerts), 0);
+            const int* tris = mesh.getTrianglesRaw();
+            for (int v = 0; v < numVerts; ++v)
+                inRegion[std::size_t(v)] = mesh.getSelectedVertices().isBitSet(v);
+            for (int t = 0; t < numTris; ++t)
+                if (mesh.getSelectedTriangles().isBitSet(t))
+                    for (int k = 0; k < 3; ++k)
+                        if (tris[3 * t + k] >= 0 && tris[3 * t + k] < numVerts)
+                            inRegion[std::size_t(tris[3 * t + k])] = 1;
+            for (int v = 0; v < numVerts; ++v)
+                if (inRegion[std::size_t(v)])
+                {
+                    slotOf[std::size_t(v)] = expected.getVertexCapacity();
+                    expected.allocVertex(mesh.getVertices()[v].asPoint()).setTag(v);
+                }
+            for (int t = 0; t < numTris; ++t)
+            {
+                if (!mesh.getSelectedTriangles().isBitSet(t))
+                    continue;
+                int slots[3];
+                bool inside = true;
+                for (int k = 0; k < 3; ++k)
+                {
+                    const int v = tris[3 * t + k];
+                    slots[k] = v >= 0 && v < numVerts ? slotOf[std::size_t(v)] : -1;
+                    inside = inside && slots[k] >= 0;
+                }
+                if (inside)
+                    if (const TopoMeshFace f = expected.allocFace(3, slots))
+                        f.setTag(t);
+            }
+            expected.meshTwin();
+
+            ASSERT_EQ(topo.getVertexCapacity(), expected.getVertexCapacity());
+            ASSERT_EQ(topo.getEdgeCapacity(), expected.getEdgeCapacity());
+            ASSERT_EQ(topo.getFaceCapacity(), expected.getFaceCapacity());
+            for (int v = 0; v < topo.getVertexCapacity(); ++v)
+            {
+                EXPECT_EQ(topo.getVertexTag(v), expected.getVertexTag(v)) << "vertex " << v;
+                EXPECT_EQ(topo.getVertexEdge(v), expected.getVertexEdge(v)) << "vertex " << v;
+                EXPECT_EQ(topo.getVertexDegree(v), expected.getVertexDegree(v)) << "vertex " << v;
+                EXPECT_EQ(topo.vertexValence(v), expected.vertexValence(v)) << "vertex " << v;
+                EXPECT_EQ(topo.getPoint(v), expected.getPoint(v));
+            }
+            for (int e = 0; e < topo.getEdgeCapacity(); ++e)
+            {
+                const TopoMesh::HalfEdge &a = topo.getHalfEdge(e), &b = expected.getHalfEdge(e);
+                EXPECT_TRUE(a.vertex == b.vertex && a.face == b.face && a.next == b.next &&
+                            a.prev == b.prev && a.twin == b.twin)
+                    << "half-edge " << e;
+            }
+            for (int f = 0; f < topo.getFaceCapacity(); ++f)
+            {
+                EXPECT_EQ(topo.getFaceEdge(f), expected.getFaceEdge(f)) << "face " << f;
+                EXPECT_EQ(topo.getFaceTag(f), expected.getFaceTag(f)) << "face " << f;
+            }
+        }
+}
