@@ -33,12 +33,19 @@ class QYGEOM_API MeshConvertRep
 public:
     /// @param adjTris  meshAdjTris of the mesh, kept by reference for the merge.
     MeshConvertRep(CompactMesh& mesh, const MeshAdjTris& adjTris);
+    /// The same, building the TopoMesh in the arrays of `storage` (its contents are dropped,
+    /// its capacity reused): a caller that builds region after region hands back the
+    /// previous region's TopoMesh (takeTopoMesh) so that no build has to fault in new pages.
+    MeshConvertRep(CompactMesh& mesh, const MeshAdjTris& adjTris, TopoMesh&& storage);
     virtual ~MeshConvertRep();
     MeshConvertRep(const MeshConvertRep&) = delete;
     MeshConvertRep& operator=(const MeshConvertRep&) = delete;
 
     TopoMesh& getTopoMesh() { return m_topo; }
     const TopoMesh& getTopoMesh() const { return m_topo; }
+    /// Moves the TopoMesh out, for the storage of a later region; this region is left empty
+    /// (use it after a merge or to discard it).
+    TopoMesh takeTopoMesh() { return std::move(m_topo); }
     /// The region vertex of mesh vertex `index`; invalid when the vertex is not in the region
     /// or was deleted from the TopoMesh. Cost: O(1).
     TopoMeshVertex getTopoMeshVertex(int index);
@@ -104,6 +111,7 @@ class QYGEOM_API MeshModifyRep : public MeshConvertRep
 {
 public:
     MeshModifyRep(CompactMesh& mesh, const MeshAdjTris& adjTris);
+    MeshModifyRep(CompactMesh& mesh, const MeshAdjTris& adjTris, TopoMesh&& storage);
     ~MeshModifyRep() override;
 
     /// Records that region vertex v leaves the mesh at the merge. Call it before deleting v

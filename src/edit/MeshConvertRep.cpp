@@ -87,7 +87,12 @@ int MeshConvertRep::RankedBits::find(int i) const
 }
 
 MeshConvertRep::MeshConvertRep(CompactMesh& mesh, const MeshAdjTris& adjTris)
-    : m_mesh(mesh), m_adjTris(adjTris)
+    : MeshConvertRep(mesh, adjTris, TopoMesh())
+{
+}
+
+MeshConvertRep::MeshConvertRep(CompactMesh& mesh, const MeshAdjTris& adjTris, TopoMesh&& storage)
+    : m_mesh(mesh), m_adjTris(adjTris), m_topo(std::move(storage))
 {
     const int numVerts = mesh.getNumVertices();
     const int numTris = mesh.getNumTriangles();
@@ -141,6 +146,7 @@ void MeshConvertRep::buildByFaces()
     const MeshTriangle* tris = m_mesh.getTriangles();
     const MeshVertex* points = m_mesh.getVertices();
     const int n = int(m_vertices.size());
+    m_topo.clear();
     m_topo.reserve(n, 3 * int(m_triangles.size()), int(m_triangles.size()));
     for (int s = 0; s < n; ++s)
         m_topo.allocVertex(points[m_vertices[std::size_t(s)]].asPoint())
@@ -275,6 +281,11 @@ int MeshConvertRep::getMeshVertex(TopoMeshVertex v) const
 
 MeshModifyRep::MeshModifyRep(CompactMesh& mesh, const MeshAdjTris& adjTris)
     : MeshConvertRep(mesh, adjTris)
+{
+}
+
+MeshModifyRep::MeshModifyRep(CompactMesh& mesh, const MeshAdjTris& adjTris, TopoMesh&& storage)
+    : MeshConvertRep(mesh, adjTris, std::move(storage))
 {
 }
 

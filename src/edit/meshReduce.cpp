@@ -117,6 +117,7 @@ private:
     std::vector<TopoMeshFace> m_faces;
     std::vector<Point> m_holeTriangles;
     std::vector<int> m_batchVertices;
+    TopoMesh m_spareTopo; ///< the last region's TopoMesh, whose arrays the next one reuses
     struct FlatnessKey
     {
         double flatness;
@@ -304,7 +305,7 @@ int MeshReduceBase::removeBatch(BitVector& batch, Remap& vertexRemap, bool& merg
             select.selectAllTrianglesFromVertices();
             select.selectVerticesFromTriangles();
         }
-        m_region = std::make_unique<MeshModifyRep>(*m_mesh, *adjTris);
+        m_region = std::make_unique<MeshModifyRep>(*m_mesh, *adjTris, std::move(m_spareTopo));
         TopoMesh& topo = m_region->getTopoMesh();
 
         m_batchVertices.clear();
@@ -336,6 +337,7 @@ int MeshReduceBase::removeBatch(BitVector& batch, Remap& vertexRemap, bool& merg
         {
             // Fewer than two thirds went: the failures may have been caused by neighbours
             // that went in the same region. Start again without them.
+            m_spareTopo = m_region->takeTopoMesh();
             m_region.reset();
             m_mesh->clearSelection();
             continue;
@@ -346,6 +348,7 @@ int MeshReduceBase::removeBatch(BitVector& batch, Remap& vertexRemap, bool& merg
             m_region->merge(vertexRemap, 0);
             merged = true;
         }
+        m_spareTopo = m_region->takeTopoMesh();
         m_region.reset();
         m_mesh->clearSelection();
         if (merged)
