@@ -11,7 +11,9 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <deque>
 #include <limits>
 #include <memory>
@@ -35,7 +37,6 @@
 #include "qyGeom/MeshConvertRep.h"
 #include "qyGeom/MeshEdgeSwapper.h"
 #include "qyGeom/MeshSelect.h"
-#include "qyGeom/SMPSort.h"
 #include "qyGeom/fit.h"
 
 namespace qyGeom
@@ -120,11 +121,12 @@ private:
     TopoMesh m_spareTopo; ///< the last region's TopoMesh, whose arrays the next one reuses
     struct FlatnessKey
     {
-        double flatness;
+        std::uint64_t bits; ///< the flatness's bit pattern
         int vertex;
     };
-    std::vector<FlatnessKey> m_keys; ///< the sort's keys, kept across passes
-    std::vector<Point> m_fans;       ///< the fans of a group of the flatness loop
+    std::vector<FlatnessKey> m_keys, m_keysOther; ///< the sort's keys, kept across passes
+    std::vector<int> m_histogram;                 ///< the sort's digit counts
+    std::vector<Point> m_fans;                    ///< the fans of a group of the flatness loop
 };
 
 void MeshReduceBase::reduce(qyUtil::Progress& progress)
@@ -220,18 +222,50 @@ void MeshReduceBase::computeFlatness()
 void MeshReduceBase::sortByFlatness(std::vector<int>& order)
 {
     const int n = m_mesh->getNumVertices();
-    // The keys travel with the indices, so that the comparisons read no flatness array. Ties
-    // go to the lower index: the order is total, so it does not depend on the pool.
+    // Every flatness is a non-negative double (+0, finite, or the largest finite one), so
+    // its bit pattern read as an unsigned integer orders as the value does, and equal values
+    // have equal patterns. A least-significant-digit radix sort of the vertices, taken in
+    // ascending index order, is stable: it gives ascending flatness with ties in ascending
+    // index, the order of the stable merge sort, in a few linear passes and on any pool.
+    constexpr int digitBits = 11;
+    constexpr int numDigits = (64 + digitBits - 1) / digitBits;
+    constexpr int radix = 1 << digitBits;
     m_keys.resize(std::size_t(n));
+    m_keysOther.resize(std::size_t(n));
+    m_histogram.assign(std::size_t(numDigits) * radix, 0);
+    int* histogram = m_histogram.data();
+    FlatnessKey* keys = m_keys.data();
     for (int v = 0; v < n; ++v)
-        m_keys[std::size_t(v)] = {m_flatness[v], v};
-    smpSort(m_keys.data(), m_keys.data() + n,
-            [](const FlatnessKey& a, const FlatnessKey& b) {
-                return a.flatness < b.flatness || (a.flatness == b.flatness && a.vertex < b.vertex);
-            });
+    {
+        std::uint64_t bits;
+        std::memcpy(&bits, &m_flatness[v], sizeof bits);
+        keys[v] = {bits, v};
+        for (int d = 0; d < numDigits; ++d)
+            ++histogram[d * radix + int((bits >> (d * digitBits)) & (radix - 1))];
+    }
+    FlatnessKey* from = keys;
+    FlatnessKey* to = m_keysOther.data();
+    for (int d = 0; d < numDigits; ++d)
+    {
+        int* count = histogram + d * radix;
+        const int shift = d * digitBits;
+        // A digit that every key shares moves nothing.
+        if (n == 0 || count[(from[0].bits >> shift) & (radix - 1)] == n)
+            continue;
+        int sum = 0;
+        for (int i = 0; i < radix; ++i)
+        {
+            const int c = count[i];
+            count[i] = sum;
+            sum += c;
+        }
+        for (int i = 0; i < n; ++i)
+            to[count[(from[i].bits >> shift) & (radix - 1)]++] = from[i];
+        std::swap(from, to);
+    }
     order.resize(std::size_t(n));
     for (int i = 0; i < n; ++i)
-        order[std::size_t(i)] = m_keys[std::size_t(i)].vertex;
+        order[std::size_t(i)] = from[i].vertex;
 }
 
 void MeshReduceBase::selectCandidates(const std::vector<int>& order, std::vector<int>& candidates)
