@@ -349,17 +349,20 @@ void MeshModifyRep::merge(Remap& vertexRemap, int /*flags*/)
     std::vector<MeshTriangle> extra;
     bool changed = !removed.empty() || numNew > 0;
     std::vector<int> corners;
-    for (TopoMeshFace f = m_topo.firstFace(); f; f = f.nextInList())
+    const TopoMesh::HalfEdge* edges = m_topo.getHalfEdges();
+    for (int f = 0, numFaceSlots = m_topo.getFaceCapacity(); f < numFaceSlots; ++f)
     {
+        const int first = m_topo.getFaceEdge(f);
+        if (first < 0)
+            continue;
         corners.clear();
-        const TopoMeshEdge first = f.edge();
-        TopoMeshEdge e = first;
+        int e = first;
         do
         {
-            corners.push_back(slotVertex[std::size_t(e.vertex().getIndex())]);
-            e = e.next();
+            corners.push_back(slotVertex[std::size_t(edges[e].vertex)]);
+            e = edges[e].next;
         } while (e != first);
-        const int position = m_triangleSlots.find(f.getTag());
+        const int position = m_triangleSlots.find(m_topo.getFaceTag(f));
         for (std::size_t k = 1; k + 1 < corners.size(); ++k)
         {
             MeshTriangle tri{{corners[0], corners[k], corners[k + 1]}};
