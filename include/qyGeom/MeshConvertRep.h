@@ -31,7 +31,9 @@ class Remap;
 class QYGEOM_API MeshConvertRep
 {
 public:
-    /// @param adjTris  meshAdjTris of the mesh, kept by reference for the merge.
+    /// @param adjTris  meshAdjTris of the mesh: the twins are paired from its sets, and it is
+    ///                 kept by reference for the merge. One of another vertex count is not
+    ///                 used for the build (the twins are then matched among the half-edges).
     MeshConvertRep(CompactMesh& mesh, const MeshAdjTris& adjTris);
     /// The same, building the TopoMesh in the arrays of `storage` (its contents are dropped,
     /// its capacity reused): a caller that builds region after region hands back the
