@@ -118,7 +118,7 @@ private:
     std::vector<TopoMeshFace> m_faces;
     std::vector<Point> m_holeTriangles;
     std::vector<int> m_batchVertices;
-    TopoMesh m_spareTopo; ///< the last region's TopoMesh, whose arrays the next one reuses
+    TopoMesh m_spareTopo; ///< the last region's TopoMesh, whose arrays the pass's next one reuses
     struct FlatnessKey
     {
         std::uint64_t bits; ///< the flatness's bit pattern
@@ -320,6 +320,9 @@ int MeshReduceBase::runPass(std::vector<int>& candidates, qyUtil::Progress& prog
             for (int i = next; i < numCandidates; ++i)
                 candidates[std::size_t(i)] = vertexRemap(candidates[std::size_t(i)]);
     }
+    // The spare region arrays serve the batches of one pass; between passes they would only
+    // raise the peak while the adjacency and the flatness are rebuilt.
+    m_spareTopo = TopoMesh();
     endPass();
     return total;
 }
