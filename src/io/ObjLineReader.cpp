@@ -39,45 +39,9 @@ int resolveIndex(int value, int count)
 
 } // namespace
 
-BlockArena::~BlockArena()
-{
-    for (const Chunk& c : m_chunks)
-        ::operator delete(c.data, std::align_val_t(ChunkAlignment));
-}
-
-void* BlockArena::allocate(std::size_t bytes)
-{
-    bytes = (bytes + 63) & ~std::size_t(63);
-    if (bytes > m_left)
-    {
-        const std::size_t chunkBytes = std::max(m_chunkBytes, bytes);
-        char* data =
-            static_cast<char*>(::operator new(chunkBytes, std::align_val_t(ChunkAlignment)));
-        m_chunks.push_back({data, chunkBytes});
-        qy::adviseHugePages(data, chunkBytes);
-        m_next = data;
-        m_left = chunkBytes;
-        m_chunkBytes = std::min(2 * m_chunkBytes, MaxChunkBytes);
-    }
-    void* p = m_next;
-    m_next += bytes;
-    m_left -= bytes;
-    return p;
-}
-
 ObjLineReader::ObjLineReader(bool keepTexCoords, bool wantMaterials)
     : m_keepTexCoords(keepTexCoords), m_wantMaterials(wantMaterials)
 {
-    m_arenas.push_back(std::make_unique<BlockArena>());
-    useArena(m_arenas.front().get());
-}
-
-void ObjLineReader::useArena(BlockArena* arena)
-{
-    for (auto* seq : {&m_positions, &m_texCoords})
-        seq->setArena(arena);
-    for (auto* seq : {&m_faceSizes, &m_cornerPos, &m_cornerTex, &m_faceMaterial})
-        seq->setArena(arena);
 }
 
 bool ObjLineReader::readFile(const char* path)
@@ -149,26 +113,18 @@ bool ObjLineReader::parsePieces(const detail::TextSource& source)
             pieces[k]->m_currentMaterial = InheritedMaterial;
         }
     }
-    // Every pool thread takes the next piece and parses it with its own arena (one per task
-    // after the reader's own; they live as long as the reader); the pieces' results are
-    // joined in file order below, so the thread count does not matter.
-    std::size_t firstArena = m_arenas.size();
-    source.forEachPiece(
-        PieceBytes, numPieces,
-        [&](int task, std::size_t k, const detail::TextRange& text)
-        {
-            ObjLineReader& r = *pieces[k];
-            r.useArena(m_arenas[firstArena + std::size_t(task)].get());
-            // The last piece of the file parses the text after its last '\n' too.
-            r.m_reachesEnd = text.reachesEnd;
-            r.parseLines(text.begin, text.end, text.reachesEnd, true);
-            return true;
-        },
-        [&](int numTasks)
-        {
-            for (int t = 0; t < numTasks; ++t)
-                m_arenas.push_back(std::make_unique<BlockArena>());
-        });
+    // Every pool thread takes the next piece and parses it; the pieces' results are joined
+    // in file order below, so the thread count does not matter.
+    source.forEachPiece(PieceBytes, numPieces,
+                        [&](int, std::size_t k, const detail::TextRange& text)
+                        {
+                            ObjLineReader& r = *pieces[k];
+                            // The last piece of the file parses the text after its last '\n'
+                            // too.
+                            r.m_reachesEnd = text.reachesEnd;
+                            r.parseLines(text.begin, text.end, text.reachesEnd, true);
+                            return true;
+                        });
 
     // The pieces up to the one that stopped the reading or reached the end of the file
     // count. Their result equals the whole-text parse unless a decimal comma was switched on
@@ -213,7 +169,8 @@ bool ObjLineReader::parsePieces(const detail::TextSource& source)
         auto global = [&](int m) {
             return m == InheritedMaterial ? inherited : m < 0 ? m : materialMap[std::size_t(m)];
         };
-        piece.m_faceMaterial.transform(global);
+        for (int& m : piece.m_faceMaterial)
+            m = global(m);
         m_currentMaterial = global(piece.m_currentMaterial);
     }
     pieces.resize(used);
@@ -236,7 +193,7 @@ const char* ObjLineReader::readNumber(const char* p, const char* end, float& out
     const char* stop;
     if (!m_commaDecimal)
     {
-        out = float(detail::parseDouble(p, end, &stop));
+        out = float(detail::parseDoubleShort(p, end, &stop));
         return stop;
     }
     while (p < end && detail::isSpace(*p))
@@ -349,11 +306,17 @@ void ObjLineReader::useMaterial(const char* p, const char* end)
 
 void ObjLineReader::parseFace(const char* p, const char* end)
 {
-    m_scratch.clear();
-    // One pair for the whole line: a texture index that a corner does not give keeps the
-    // value of the previous corner. (Normal indices are not kept: no result uses them.)
-    int pos = -1, tex = -1;
+    // A corner takes a byte at least and a blank after it, so the corners of the line fit in
+    // this many entries: they are written in place and kept only when the line makes a face.
+    const std::size_t room = std::size_t(end - p) / 2 + 1;
+    int* const pos = m_cornerPos.extend(room);
+    int* const texOut = m_keepTexCoords ? m_cornerTex.extend(room) : nullptr;
+    // One texture index for the whole line: a corner that does not give one keeps the value
+    // of the previous corner. (Normal indices are not kept: no result uses them.)
+    int tex = -1;
+    int lo = 0x7fffffff, hi = -1, texHi = -1;
     const int nPos = numPositions(), nTex = numTexCoords();
+    std::size_t n = 0;
     for (;;)
     {
         while (p < end && isFaceBlank(*p))
@@ -403,35 +366,43 @@ void ObjLineReader::parseFace(const char* p, const char* end)
                 rawTex = detail::parseInt(slash + 1, texEnd);
         }
         m_sawRelativeIndex |= m_laterPiece && rawPos < 0;
-        pos = resolveIndex(rawPos, nPos);
+        const int v = resolveIndex(rawPos, nPos) - 1;
+        pos[n] = v;
+        lo = std::min(lo, v);
+        hi = std::max(hi, v);
         // Texture indices matter only to the reads that keep them.
-        if (hasTex && m_keepTexCoords)
+        if (m_keepTexCoords)
         {
-            m_sawRelativeIndex |= m_laterPiece && rawTex < 0;
-            tex = resolveIndex(rawTex, nTex);
+            if (hasTex)
+            {
+                m_sawRelativeIndex |= m_laterPiece && rawTex < 0;
+                const int t = resolveIndex(rawTex, nTex);
+                tex = t >= 1 ? t - 1 : -1;
+                texHi = std::max(texHi, tex);
+            }
+            texOut[n] = tex;
         }
-        m_scratch.push_back(pos);
-        m_scratch.push_back(tex);
+        ++n;
         p = q;
     }
-    const int n = int(m_scratch.size() / 2);
-    if (n < 3 || m_cornerPos.size() + std::size_t(n) > std::size_t(0x7fffffff))
+    if (n < 3 || m_cornerPos.size() + n > std::size_t(0x7fffffff))
         return;
-    for (int k = 0; k < n; ++k)
-    {
-        m_cornerPos.push_back(m_scratch[2 * std::size_t(k)]);
-        if (m_keepTexCoords)
-            m_cornerTex.push_back(m_scratch[2 * std::size_t(k) + 1]);
-    }
+    m_cornerPos.resize(m_cornerPos.size() + n);
+    if (m_keepTexCoords)
+        m_cornerTex.resize(m_cornerTex.size() + n);
+    m_minPos = std::min(m_minPos, lo);
+    m_maxPos = std::max(m_maxPos, hi);
+    m_maxTex = std::max(m_maxTex, texHi);
+    m_sawDegenerate |= n == 3 && (pos[0] == pos[1] || pos[0] == pos[2] || pos[1] == pos[2]);
     if (m_allTriangles && n != 3)
     {
         // The first face that is not a triangle: from now on every face's size is kept.
-        for (std::size_t f = 0; f < m_numFaces; ++f)
-            m_faceSizes.push_back(3);
+        m_faceSizes.resize(m_numFaces);
+        std::fill(m_faceSizes.begin(), m_faceSizes.end(), 3);
         m_allTriangles = false;
     }
     if (!m_allTriangles)
-        m_faceSizes.push_back(n);
+        m_faceSizes.push_back(int(n));
     ++m_numFaces;
     if (m_wantMaterials)
         m_faceMaterial.push_back(m_currentMaterial);
@@ -458,37 +429,36 @@ ObjLineReader::validateParts(const std::vector<const ObjLineReader*>& all, int n
         qyUtil::ThreadPool::get(), int(all.size()),
         [&](qyUtil::ThreadedChunkAlg&, int, int begin, int end)
         {
-            std::vector<int> face;
             for (int k = begin; k < end; ++k)
             {
                 const ObjLineReader& part = *all[std::size_t(k)];
                 PartCheck& res = results[std::size_t(k)];
                 res.keep.resize(part.m_numFaces);
-                for (std::size_t f = 0, c = 0; f < part.m_numFaces; ++f)
+                const int* corner = part.m_cornerPos.data();
+                for (std::size_t f = 0; f < part.m_numFaces; ++f)
                 {
                     const int n = part.parsedFaceSize(f);
-                    face.resize(std::size_t(n));
                     bool inRange = true;
                     for (int i = 0; i < n; ++i)
-                    {
-                        face[std::size_t(i)] = part.m_cornerPos[c + std::size_t(i)];
-                        inRange &=
-                            face[std::size_t(i)] >= 1 && face[std::size_t(i)] <= numPositions;
-                    }
-                    c += std::size_t(n);
-                    const bool degenerate =
-                        inRange && n == 3 &&
-                        (face[0] == face[1] || face[0] == face[2] || face[1] == face[2]);
+                        inRange &= corner[i] >= 0 && corner[i] < numPositions;
+                    const bool degenerate = inRange && n == 3 &&
+                                            (corner[0] == corner[1] || corner[0] == corner[2] ||
+                                             corner[1] == corner[2]);
                     res.keep[f] = inRange && !degenerate;
                     if (res.keep[f])
                     {
                         ++res.keptFaces;
                         res.keptCorners += std::size_t(n);
-                        continue;
                     }
-                    ++res.setAside;
-                    if (degenerate)
-                        res.degenerate.insert(res.degenerate.end(), face.begin(), face.end());
+                    else
+                    {
+                        ++res.setAside;
+                        // Printed as read: 1-based.
+                        if (degenerate)
+                            for (int i = 0; i < 3; ++i)
+                                res.degenerate.push_back(corner[i] + 1);
+                    }
+                    corner += n;
                 }
             }
         },
@@ -503,11 +473,32 @@ ObjLineReader::validateParts(const std::vector<const ObjLineReader*>& all, int n
     return results;
 }
 
-ObjFaces ObjLineReader::finish()
+void ObjLineReader::moveOut(ObjFaces& out)
 {
-    const std::vector<const ObjLineReader*> all = parts();
+    const int nTex = numTexCoords();
+    if (m_maxTex >= nTex)
+        for (int& t : m_cornerTex)
+            if (t >= nTex)
+                t = -1;
+    out.faceStart.resize(m_numFaces + 1);
+    int* start = out.faceStart.data();
+    start[0] = 0;
+    if (m_allTriangles)
+        for (std::size_t f = 0; f < m_numFaces; ++f)
+            start[f + 1] = int(3 * f + 3);
+    else
+        for (std::size_t f = 0; f < m_numFaces; ++f)
+            start[f + 1] = start[f] + m_faceSizes[f];
+    out.positions = std::move(m_positions);
+    out.texCoords = std::move(m_texCoords);
+    out.cornerPos = std::move(m_cornerPos);
+    out.cornerTex = std::move(m_cornerTex);
+    out.faceMaterial = std::move(m_faceMaterial);
+}
+
+void ObjLineReader::joinParts(const std::vector<const ObjLineReader*>& all, ObjFaces& out)
+{
     const std::size_t numParts = all.size();
-    ObjFaces out;
     std::size_t positions = 0, texCoords = 0;
     for (const ObjLineReader* part : all)
     {
@@ -528,22 +519,16 @@ ObjFaces ObjLineReader::finish()
         atCorner[k + 1] = atCorner[k] + results[k].keptCorners;
     }
     const std::size_t kept = atFace[numParts], corners = atCorner[numParts];
-    auto allocate = [](auto& v, std::size_t n)
-    {
-        v.clear();
-        detail::reserveHuge(v, n);
-        v.resize(n);
-    };
-    allocate(out.positions, positions);
-    allocate(out.texCoords, texCoords);
-    allocate(out.faceStart, kept + 1);
-    allocate(out.cornerPos, corners);
-    allocate(out.cornerTex, m_keepTexCoords ? corners : 0);
-    allocate(out.faceMaterial, m_wantMaterials ? kept : 0);
+    out.positions.resize(positions);
+    out.texCoords.resize(texCoords);
+    out.faceStart.resize(kept + 1);
+    out.cornerPos.resize(corners);
+    out.cornerTex.resize(m_keepTexCoords ? corners : 0);
+    out.faceMaterial.resize(m_wantMaterials ? kept : 0);
     out.faceStart[kept] = int(corners);
 
-    // The kept faces, 0-based, with texture indices out of range made absent; every part
-    // writes its own range.
+    // The kept faces, with texture indices out of range made absent; every part writes its
+    // own range.
     qyUtil::runChunks(
         qyUtil::ThreadPool::get(), int(numParts),
         [&](qyUtil::ThreadedChunkAlg&, int, int begin, int end)
@@ -552,8 +537,10 @@ ObjFaces ObjLineReader::finish()
             {
                 const ObjLineReader& part = *all[std::size_t(k)];
                 const PartCheck& res = results[std::size_t(k)];
-                part.m_positions.copyTo(out.positions.data() + atPos[std::size_t(k)]);
-                part.m_texCoords.copyTo(out.texCoords.data() + atTex[std::size_t(k)]);
+                std::copy(part.m_positions.begin(), part.m_positions.end(),
+                          out.positions.data() + atPos[std::size_t(k)]);
+                std::copy(part.m_texCoords.begin(), part.m_texCoords.end(),
+                          out.texCoords.data() + atTex[std::size_t(k)]);
                 std::size_t corner = atCorner[std::size_t(k)];
                 std::size_t face = atFace[std::size_t(k)];
                 for (std::size_t f = 0, c = 0; f < part.m_numFaces; ++f)
@@ -567,11 +554,11 @@ ObjFaces ObjLineReader::finish()
                         ++face;
                         for (int i = 0; i < n; ++i, ++corner)
                         {
-                            out.cornerPos[corner] = part.m_cornerPos[c + std::size_t(i)] - 1;
+                            out.cornerPos[corner] = part.m_cornerPos[c + std::size_t(i)];
                             if (!m_keepTexCoords)
                                 continue;
                             const int t = part.m_cornerTex[c + std::size_t(i)];
-                            out.cornerTex[corner] = t >= 1 && t <= nTex ? t - 1 : -1;
+                            out.cornerTex[corner] = t < nTex ? t : -1;
                         }
                     }
                     c += std::size_t(n);
@@ -579,6 +566,16 @@ ObjFaces ObjLineReader::finish()
             }
         },
         nullptr, 1);
+}
+
+ObjFaces ObjLineReader::finish()
+{
+    ObjFaces out;
+    // The usual file, read whole and with every face valid, is handed out without a copy.
+    if (m_pieces.empty() && keepsEveryFace(numPositions()))
+        moveOut(out);
+    else
+        joinParts(parts(), out);
     out.materialNames = std::move(m_materialNames);
     out.mtllib = std::move(m_mtllib);
     if (m_lineBytes[KindAll] > 0)
@@ -588,13 +585,8 @@ ObjFaces ObjLineReader::finish()
         out.secondsN = perByte * double(m_lineBytes[KindN]);
         out.secondsT = perByte * double(m_lineBytes[KindT]);
     }
-    // The parsed blocks are no longer needed.
+    // The parsed arrays are no longer needed.
     m_pieces.clear();
-    for (auto* seq : {&m_positions, &m_texCoords})
-        seq->clear();
-    for (auto* seq : {&m_faceSizes, &m_cornerPos, &m_cornerTex, &m_faceMaterial})
-        seq->clear();
-    m_arenas.clear();
     return out;
 }
 

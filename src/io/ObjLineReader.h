@@ -2,7 +2,9 @@
 #pragma once
 
 #include <algorithm>
+#include <cstdlib>
 #include <memory>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -16,105 +18,84 @@ namespace detail
 class TextSource;
 }
 
-/// Memory for the block sequences of one read: chunks handed out by bumping a pointer and
-/// freed all at once with the arena. Chunks grow to 64 MiB and the large ones are advised
-/// for huge pages, so the arrays of a large file cost a few page faults instead of one per
-/// 4 KiB (dear in a virtual machine). Not thread-safe: each thread of a read has its own.
-class BlockArena
+/// A growable array of trivially copyable elements in memory from malloc. Growing goes
+/// through realloc, which moves a large block by remapping its pages rather than copying
+/// them, and appending leaves unwritten what it does not write; large blocks are advised for
+/// huge pages, so that a large file's arrays cost a few page faults instead of one per 4 KiB.
+template <class T> class GrowArray
 {
 public:
-    BlockArena() = default;
-    BlockArena(const BlockArena&) = delete;
-    BlockArena& operator=(const BlockArena&) = delete;
-    ~BlockArena();
-
-    void* allocate(std::size_t bytes);
-
-private:
-    static constexpr std::size_t ChunkAlignment = std::size_t(2) << 20;
-    static constexpr std::size_t MaxChunkBytes = std::size_t(64) << 20;
-    struct Chunk
+    GrowArray() = default;
+    GrowArray(const GrowArray&) = delete;
+    GrowArray& operator=(const GrowArray&) = delete;
+    GrowArray(GrowArray&& other) noexcept { swap(other); }
+    GrowArray& operator=(GrowArray&& other) noexcept
     {
-        char* data;
-        std::size_t bytes;
-    };
-    std::vector<Chunk> m_chunks;
-    char* m_next = nullptr;
-    std::size_t m_left = 0;
-    std::size_t m_chunkBytes = std::size_t(1) << 20;
-};
+        GrowArray moved(std::move(other));
+        swap(moved);
+        return *this;
+    }
+    ~GrowArray() { std::free(m_data); }
 
-/// An append-only sequence in fixed blocks taken from an arena: appending never moves
-/// earlier entries, and growing it never copies (the arrays of a large file would otherwise
-/// be copied and re-faulted at every doubling).
-template <class T> class BlockSequence
-{
-public:
-    static constexpr std::size_t BlockBits = 16;
-    static constexpr std::size_t BlockSize = std::size_t(1) << BlockBits;
-
-    void setArena(BlockArena* arena) { m_arena = arena; }
+    T* data() { return m_data; }
+    const T* data() const { return m_data; }
     std::size_t size() const { return m_size; }
+    bool empty() const { return m_size == 0; }
+    T* begin() { return m_data; }
+    T* end() { return m_data + m_size; }
+    const T* begin() const { return m_data; }
+    const T* end() const { return m_data + m_size; }
+    T& operator[](std::size_t i) { return m_data[i]; }
+    const T& operator[](std::size_t i) const { return m_data[i]; }
+    T& back() { return m_data[m_size - 1]; }
+    const T& back() const { return m_data[m_size - 1]; }
+
     void push_back(T v)
     {
-        if (m_next == m_blockEnd)
-            grow();
-        *m_next++ = v;
-        ++m_size;
+        if (m_size == m_capacity)
+            grow(m_size + 1);
+        m_data[m_size++] = v;
     }
-    T operator[](std::size_t i) const { return m_blocks[i >> BlockBits][i & (BlockSize - 1)]; }
-    /// Calls fn(pointer, count) for the entries in order, a block at a time.
-    template <class Fn> void forEachBlock(Fn fn) const
+    /// Room for n more entries after the last one; the caller writes them and then sets the
+    /// size with resize().
+    T* extend(std::size_t n)
     {
-        for (std::size_t b = 0, done = 0; done < m_size; ++b)
-        {
-            const std::size_t n = std::min(BlockSize, m_size - done);
-            fn(m_blocks[b], n);
-            done += n;
-        }
+        if (m_capacity - m_size < n)
+            grow(m_size + n);
+        return m_data + m_size;
     }
-    /// Replaces every entry v by fn(v).
-    template <class Fn> void transform(Fn fn)
+    /// Sets the size; entries added are not initialised.
+    void resize(std::size_t n)
     {
-        forEachBlock(
-            [&fn](T* p, std::size_t n)
-            {
-                for (std::size_t i = 0; i < n; ++i)
-                    p[i] = fn(p[i]);
-            });
+        if (n > m_capacity)
+            grow(n);
+        m_size = n;
     }
-    /// Copies the contents to out[0 .. size()).
-    void copyTo(T* out) const
+    void clear() { m_size = 0; }
+    void swap(GrowArray& other) noexcept
     {
-        forEachBlock(
-            [&out](const T* p, std::size_t n)
-            {
-                std::copy(p, p + n, out);
-                out += n;
-            });
-    }
-    /// Empties the sequence (the arena keeps the memory).
-    void clear()
-    {
-        m_blocks.clear();
-        m_next = m_blockEnd = nullptr;
-        m_size = 0;
+        std::swap(m_data, other.m_data);
+        std::swap(m_size, other.m_size);
+        std::swap(m_capacity, other.m_capacity);
     }
 
 private:
-    void grow()
+    void grow(std::size_t need)
     {
-        T* block = static_cast<T*>(m_arena->allocate(BlockSize * sizeof(T)));
-        m_blocks.push_back(block);
-        m_next = block;
-        m_blockEnd = block + BlockSize;
+        const std::size_t capacity = std::max({need, 2 * m_capacity, std::size_t(1024)});
+        if (capacity > std::size_t(-1) / sizeof(T))
+            throw std::bad_alloc();
+        void* p = std::realloc(m_data, capacity * sizeof(T));
+        if (!p)
+            throw std::bad_alloc();
+        m_data = static_cast<T*>(p);
+        m_capacity = capacity;
+        qy::adviseHugePages(m_data, capacity * sizeof(T));
     }
 
-    BlockArena* m_arena = nullptr;
-    std::vector<T*> m_blocks;
-    T* m_next = nullptr;
-    T* m_blockEnd = nullptr;
+    T* m_data = nullptr;
     std::size_t m_size = 0;
+    std::size_t m_capacity = 0;
 };
 
 /// The faces of an OBJ text that pass validation, with the positions they index: what the
@@ -123,15 +104,15 @@ private:
 /// indices are 0-based, -1 for absent.
 struct ObjFaces
 {
-    qy::RawVector<float> positions; ///< 3 per position
-    qy::RawVector<float> texCoords; ///< 2 per texture coordinate
-    qy::RawVector<int> faceStart{0};
-    qy::RawVector<int> cornerPos;
+    GrowArray<float> positions; ///< 3 per position
+    GrowArray<float> texCoords; ///< 2 per texture coordinate
+    GrowArray<int> faceStart;   ///< one more than the faces
+    GrowArray<int> cornerPos;
     /// Empty for the reads without texture coordinates.
-    qy::RawVector<int> cornerTex;
+    GrowArray<int> cornerTex;
     /// Per face, the index in materialNames of the material in force, -1 for none (filled
     /// only when materials are wanted).
-    qy::RawVector<int> faceMaterial;
+    GrowArray<int> faceMaterial;
     /// Material names in the order of first use.
     std::vector<std::string> materialNames;
     std::string mtllib; ///< the last mtllib name, empty for none
@@ -193,19 +174,27 @@ private:
     /// order. False when the result could depend on the cuts (see the .cpp); nothing is kept
     /// then.
     bool parsePieces(const detail::TextSource& source);
-    /// Takes the blocks of every sequence from `arena` from now on.
-    void useArena(BlockArena* arena);
     /// The readers whose results make up this one's, in file order: the pieces of a
     /// parse in pieces, otherwise this reader.
     std::vector<const ObjLineReader*> parts() const;
     const char* readNumber(const char* p, const char* end, float& out);
     void parseFace(const char* p, const char* end);
     void useMaterial(const char* p, const char* end);
+    /// True when every face read names positions below numPositions only and no triangle
+    /// repeats a corner: validation would keep every face as it is.
+    bool keepsEveryFace(int numPositions) const
+    {
+        return m_numFaces == 0 || (m_minPos >= 0 && m_maxPos < numPositions && !m_sawDegenerate);
+    }
+    /// Hands this reader's arrays out as they are (see keepsEveryFace).
+    void moveOut(ObjFaces& out);
     struct PartCheck;
     /// Checks the faces of every part (in parallel), prints the degenerate triangles in file
     /// order and counts the faces set aside.
     std::vector<PartCheck> validateParts(const std::vector<const ObjLineReader*>& all,
                                          int numPositions, int& numSetAside) const;
+    /// Joins the faces of every part that validation keeps.
+    void joinParts(const std::vector<const ObjLineReader*>& all, ObjFaces& out);
 
     bool m_keepTexCoords;
     bool m_wantMaterials;
@@ -228,18 +217,20 @@ private:
     double m_readSeconds = 0;
     std::vector<std::string> m_materialNames;
     std::string m_mtllib;
-    std::vector<int> m_scratch; ///< (position, texture) pairs of the current face line
-    BlockSequence<float> m_positions, m_texCoords;
+    GrowArray<float> m_positions, m_texCoords;
     /// The pieces of a parse in pieces, in file order (empty otherwise).
     std::vector<std::unique_ptr<ObjLineReader>> m_pieces;
     /// The faces parsed; their sizes are kept from the first face that is not a triangle on.
+    /// Corner indices are kept 0-based as resolved: a position index p is stored as p - 1
+    /// (so a 0 read becomes -1), a texture index t as t - 1 when t >= 1 and -1 otherwise.
     std::size_t m_numFaces = 0;
     bool m_allTriangles = true;
     int parsedFaceSize(std::size_t f) const { return m_allTriangles ? 3 : m_faceSizes[f]; }
-    BlockSequence<int> m_faceSizes, m_cornerPos, m_cornerTex, m_faceMaterial;
-    /// The memory of the sequences: this reader's own arena first, then one per thread of a
-    /// parse in pieces (the pieces' sequences live in those).
-    std::vector<std::unique_ptr<BlockArena>> m_arenas;
+    GrowArray<int> m_faceSizes, m_cornerPos, m_cornerTex, m_faceMaterial;
+    /// What validation will find, gathered while parsing: the range of the stored position
+    /// indices, the largest stored texture index and whether a triangle repeats a corner.
+    int m_minPos = 0x7fffffff, m_maxPos = -1, m_maxTex = -1;
+    bool m_sawDegenerate = false;
 };
 
 } // namespace qyGeom

@@ -122,9 +122,11 @@ void sortFacesByMaterial(ObjFaces& r)
         bucketStart[std::size_t(r.faceMaterial[std::size_t(f)] + 2)] += r.faceSize(f);
     for (std::size_t k = 1; k < bucketStart.size(); ++k)
         bucketStart[k] += bucketStart[k - 1];
-    qy::RawVector<int> pos(r.cornerPos.size()), tex(pos.size());
+    GrowArray<int> pos, tex, material;
+    pos.resize(r.cornerPos.size());
+    tex.resize(pos.size());
     std::vector<int> faceSizes(static_cast<std::size_t>(nFaces));
-    qy::RawVector<int> material(faceSizes.size());
+    material.resize(faceSizes.size());
     std::vector<int> faceCount(std::size_t(nMat) + 2, 0);
     for (int f = 0; f < nFaces; ++f)
         ++faceCount[std::size_t(r.faceMaterial[std::size_t(f)] + 2)];

@@ -127,6 +127,40 @@ inline Decimal scanDecimal(const char* p, const char* end)
 /// underflow the rounded tiny value.
 double parseDouble(const char* p, const char* end, const char** stop);
 
+/// parseDouble with the usual form of the numbers of a mesh file, blanks then "[-]d+[.d*]"
+/// of at most 19 digits, converted inline; any other text takes parseDouble itself. The
+/// digits and the power of ten are exact doubles then, so one division rounds once and the
+/// result is the correctly rounded one, as strtod's.
+inline double parseDoubleShort(const char* p, const char* end, const char** stop)
+{
+    const char* q = p;
+    while (q < end && *q == ' ')
+        ++q;
+    const bool negative = q < end && *q == '-';
+    q += negative;
+    const char* const digits = q;
+    std::uint64_t mantissa = 0;
+    for (; q < end && isDigit(*q); ++q)
+        mantissa = mantissa * 10 + std::uint64_t(*q - '0');
+    const char* const point = q;
+    int fraction = 0;
+    if (q < end && *q == '.')
+    {
+        for (++q; q < end && isDigit(*q); ++q)
+            mantissa = mantissa * 10 + std::uint64_t(*q - '0');
+        fraction = int(q - point) - 1;
+    }
+    // No integer digit, too many digits, an exponent or a hexadecimal prefix: the general
+    // conversion (the mantissa may have wrapped then, and is not used).
+    if (point == digits || (point - digits) + fraction > 19 ||
+        mantissa > (std::uint64_t(1) << 53) ||
+        (q < end && (*q == 'e' || *q == 'E' || *q == 'x' || *q == 'X')))
+        return parseDouble(p, end, stop);
+    *stop = q;
+    const double v = double(mantissa) / exactPowersOf10[fraction];
+    return negative ? -v : v;
+}
+
 /// Scans the number at p (no white space is skipped) straight to float32, correctly rounded
 /// from its decimal text (no double rounding through a double): an optional sign, then a
 /// decimal number, "inf", "infinity" or "nan". Returns the end of the number, or p when there
