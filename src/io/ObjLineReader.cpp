@@ -188,14 +188,8 @@ std::vector<const ObjLineReader*> ObjLineReader::parts() const
     return out;
 }
 
-const char* ObjLineReader::readNumber(const char* p, const char* end, float& out)
+const char* ObjLineReader::readCommaNumber(const char* p, const char* end, float& out)
 {
-    const char* stop;
-    if (!m_commaDecimal)
-    {
-        out = float(detail::parseDoubleShort(p, end, &stop));
-        return stop;
-    }
     while (p < end && detail::isSpace(*p))
         ++p;
     char buf[310];
@@ -205,8 +199,24 @@ const char* ObjLineReader::readNumber(const char* p, const char* end, float& out
         buf[n] = p[n] == ',' ? '.' : p[n];
         ++n;
     }
+    const char* stop;
     out = float(detail::parseDouble(buf, buf + n, &stop));
     return p + (stop - buf);
+}
+
+inline void ObjLineReader::readNumbers(const char* p, const char* end, int count, float* out)
+{
+    for (int k = 0; k < count; ++k)
+    {
+        if (m_commaDecimal)
+        {
+            p = readCommaNumber(p, end, out[k]);
+            continue;
+        }
+        const char* stop;
+        out[k] = float(detail::parseDoubleShort(p, end, &stop));
+        p = stop;
+    }
 }
 
 void ObjLineReader::parseLine(const char* p, const char* end)
@@ -234,15 +244,11 @@ void ObjLineReader::parseLine(const char* p, const char* end)
     }
     if (c == 'v' && end - p >= 2)
     {
-        float x[3];
         if (p[1] == ' ')
         {
             m_lineBytes[KindV] += std::size_t(end - p);
-            const char* q = p + 2;
-            for (float& xi : x)
-                q = readNumber(q, end, xi);
-            for (const float xi : x)
-                m_positions.push_back(xi);
+            readNumbers(p + 2, end, 3, m_positions.extend(3));
+            m_positions.resize(m_positions.size() + 3);
             return;
         }
         if (end - p >= 3 && p[2] == ' ' && p[1] == 'n')
@@ -256,11 +262,8 @@ void ObjLineReader::parseLine(const char* p, const char* end)
             if (!m_keepTexCoords)
                 return;
             m_lineBytes[KindT] += std::size_t(end - p);
-            const char* q = p + 3;
-            for (int k = 0; k < 2; ++k)
-                q = readNumber(q, end, x[k]);
-            m_texCoords.push_back(x[0]);
-            m_texCoords.push_back(x[1]);
+            readNumbers(p + 3, end, 2, m_texCoords.extend(2));
+            m_texCoords.resize(m_texCoords.size() + 2);
             return;
         }
     }
@@ -310,81 +313,90 @@ void ObjLineReader::parseFace(const char* p, const char* end)
     // this many entries: they are written in place and kept only when the line makes a face.
     const std::size_t room = std::size_t(end - p) / 2 + 1;
     int* const pos = m_cornerPos.extend(room);
-    int* const texOut = m_keepTexCoords ? m_cornerTex.extend(room) : nullptr;
+    const bool keepTex = m_keepTexCoords;
+    int* const texOut = keepTex ? m_cornerTex.extend(room) : nullptr;
     // One texture index for the whole line: a corner that does not give one keeps the value
     // of the previous corner. (Normal indices are not kept: no result uses them.)
     int tex = -1;
     int lo = 0x7fffffff, hi = -1, texHi = -1;
+    bool relative = false;
     const int nPos = numPositions(), nTex = numTexCoords();
     std::size_t n = 0;
-    for (;;)
+    for (;; ++n)
     {
         while (p < end && isFaceBlank(*p))
             ++p;
         if (p == end)
             break;
-        // The usual corner ("12", "12/7", "12/7/3", "12//3") in one pass; anything else
-        // takes the general path below, which reads each part as atoi does.
-        int rawPos = 0, rawTex = 0;
-        bool hasTex = false;
-        const char* q = detail::scanIndex(p, end, rawPos);
-        bool fast = q != p;
-        if (fast && m_keepTexCoords && q < end && !isFaceBlank(*q))
+        // The usual corner: one to nine digits, then the end of the corner or a '/'. What
+        // follows the '/' is skipped when texture indices are not kept, and is the same
+        // plain texture index otherwise.
+        const char* q = p;
+        std::uint64_t value = 0;
+        for (; q < end && detail::isDigit(*q); ++q)
+            value = value * 10 + std::uint64_t(*q - '0');
+        bool plain = std::size_t(q - p) - 1 < 9 && (q == end || isFaceBlank(*q) || *q == '/');
+        if (plain && q < end && *q == '/' && keepTex)
         {
-            if (*q != '/')
-                fast = false;
-            else if (++q < end && *q != '/' && !isFaceBlank(*q))
+            const char* t = q + 1;
+            std::uint64_t texValue = 0;
+            for (; t < end && detail::isDigit(*t); ++t)
+                texValue = texValue * 10 + std::uint64_t(*t - '0');
+            plain = std::size_t(t - q - 1) - 1 < 9 && (t == end || isFaceBlank(*t) || *t == '/');
+            if (plain)
             {
-                const char* t = detail::scanIndex(q, end, rawTex);
-                fast = t != q && (t == end || isFaceBlank(*t) || *t == '/');
-                hasTex = true;
-                q = t;
+                tex = int(texValue) - 1;
+                texHi = std::max(texHi, tex);
             }
         }
-        if (fast)
+        if (plain)
         {
             while (q < end && !isFaceBlank(*q))
                 ++q;
+            const int v = int(value) - 1;
+            pos[n] = v;
+            lo = std::min(lo, v);
+            hi = std::max(hi, v);
+            if (keepTex)
+                texOut[n] = tex;
+            p = q;
+            continue;
         }
-        else
-        {
-            // One pass finds the end of the token and its first two slashes.
-            const char* slash = nullptr;
-            const char* slash2 = nullptr;
-            for (q = p; q < end && !isFaceBlank(*q); ++q)
-                if (*q == '/')
-                {
-                    if (!slash)
-                        slash = q;
-                    else if (!slash2)
-                        slash2 = q;
-                }
-            rawPos = detail::parseInt(p, q);
-            const char* texEnd = slash2 ? slash2 : q;
-            hasTex = slash && texEnd > slash + 1;
-            if (hasTex)
-                rawTex = detail::parseInt(slash + 1, texEnd);
-        }
-        m_sawRelativeIndex |= m_laterPiece && rawPos < 0;
+        // Anything else: each part as atoi reads it. One pass finds the end of the corner
+        // and its first two slashes.
+        const char* slash = nullptr;
+        const char* slash2 = nullptr;
+        for (q = p; q < end && !isFaceBlank(*q); ++q)
+            if (*q == '/')
+            {
+                if (!slash)
+                    slash = q;
+                else if (!slash2)
+                    slash2 = q;
+            }
+        const int rawPos = detail::parseInt(p, q);
+        relative |= rawPos < 0;
         const int v = resolveIndex(rawPos, nPos) - 1;
         pos[n] = v;
         lo = std::min(lo, v);
         hi = std::max(hi, v);
         // Texture indices matter only to the reads that keep them.
-        if (m_keepTexCoords)
+        const char* texEnd = slash2 ? slash2 : q;
+        if (keepTex)
         {
-            if (hasTex)
+            if (slash && texEnd > slash + 1)
             {
-                m_sawRelativeIndex |= m_laterPiece && rawTex < 0;
+                const int rawTex = detail::parseInt(slash + 1, texEnd);
+                relative |= rawTex < 0;
                 const int t = resolveIndex(rawTex, nTex);
                 tex = t >= 1 ? t - 1 : -1;
                 texHi = std::max(texHi, tex);
             }
             texOut[n] = tex;
         }
-        ++n;
         p = q;
     }
+    m_sawRelativeIndex |= m_laterPiece && relative;
     if (n < 3 || m_cornerPos.size() + n > std::size_t(0x7fffffff))
         return;
     m_cornerPos.resize(m_cornerPos.size() + n);

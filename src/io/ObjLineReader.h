@@ -177,7 +177,10 @@ private:
     /// The readers whose results make up this one's, in file order: the pieces of a
     /// parse in pieces, otherwise this reader.
     std::vector<const ObjLineReader*> parts() const;
-    const char* readNumber(const char* p, const char* end, float& out);
+    /// Reads `count` numbers of a v, vn or vt line into out[0 .. count).
+    void readNumbers(const char* p, const char* end, int count, float* out);
+    /// One number in comma-decimal mode.
+    const char* readCommaNumber(const char* p, const char* end, float& out);
     void parseFace(const char* p, const char* end);
     void useMaterial(const char* p, const char* end);
     /// True when every face read names positions below numPositions only and no triangle
