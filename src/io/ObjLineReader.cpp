@@ -1,6 +1,8 @@
 #include "io/ObjLineReader.h"
 
 #include <algorithm>
+#include <bit>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <new>
@@ -25,6 +27,30 @@ bool startsWith(const char* p, const char* end, const char* word, std::size_t n)
 bool isFaceBlank(char c)
 {
     return c == ' ' || c == '\t' || c == '\r';
+}
+
+/// The end of the corner at q: the first face blank at or after q, or `end`. Eight bytes are
+/// looked at a time for a byte not above ' ' (which every face blank is); the bytes from the
+/// first such one on are checked one by one.
+const char* cornerEnd(const char* q, const char* end)
+{
+    constexpr std::uint64_t ones = 0x0101010101010101u;
+    while (end - q >= 8)
+    {
+        std::uint64_t w;
+        std::memcpy(&w, q, 8);
+        // The lowest flagged byte is the first one below 0x21 (flags above it may be false).
+        const std::uint64_t low = (w - 0x21 * ones) & ~w & (0x80 * ones);
+        if (low)
+        {
+            q += std::countr_zero(low) / 8;
+            break;
+        }
+        q += 8;
+    }
+    while (q < end && !isFaceBlank(*q))
+        ++q;
+    return q;
 }
 
 /// A 1-based index as read (negative counts back from `count`); 0 when the result leaves
@@ -351,8 +377,7 @@ void ObjLineReader::parseFace(const char* p, const char* end)
         }
         if (plain)
         {
-            while (q < end && !isFaceBlank(*q))
-                ++q;
+            q = cornerEnd(q, end);
             const int v = int(value) - 1;
             pos[n] = v;
             lo = std::min(lo, v);
