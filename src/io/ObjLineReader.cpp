@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstring>
 #include <new>
+#include <sys/mman.h>
 
 #include "base/StopWatch.h"
 #include "base/ThreadPool.h"
@@ -65,6 +66,77 @@ int resolveIndex(int value, int count)
 
 } // namespace
 
+namespace detail
+{
+
+namespace
+{
+
+/// Blocks from this size on are mapped directly.
+constexpr std::size_t MappedBytes = std::size_t(4) << 20;
+constexpr std::size_t HugePageBytes = std::size_t(2) << 20;
+
+std::size_t mappedSize(std::size_t bytes)
+{
+    return (bytes + HugePageBytes - 1) & ~(HugePageBytes - 1);
+}
+
+/// A fresh mapping of `bytes` (a multiple of the huge page size) at a huge page boundary.
+void* mapAligned(std::size_t bytes)
+{
+    const std::size_t extra = bytes + HugePageBytes;
+    void* p = mmap(nullptr, extra, PROT_READ | PROT_WRITE,
+                   MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    if (p == MAP_FAILED)
+        throw std::bad_alloc();
+    const auto begin = reinterpret_cast<std::uintptr_t>(p);
+    const std::uintptr_t aligned = (begin + HugePageBytes - 1) & ~(HugePageBytes - 1);
+    if (aligned > begin)
+        munmap(p, aligned - begin);
+    if (begin + extra > aligned + bytes)
+        munmap(reinterpret_cast<void*>(aligned + bytes), begin + extra - (aligned + bytes));
+    return reinterpret_cast<void*>(aligned);
+}
+
+} // namespace
+
+void* resizeBlock(void* p, std::size_t bytes, std::size_t used, std::size_t newBytes)
+{
+    void* out;
+    if (newBytes < MappedBytes)
+    {
+        out = std::realloc(p, newBytes);
+        if (!out)
+            throw std::bad_alloc();
+        return out;
+    }
+    if (bytes >= MappedBytes)
+    {
+        out = mremap(p, mappedSize(bytes), mappedSize(newBytes), MREMAP_MAYMOVE);
+        if (out == MAP_FAILED)
+            throw std::bad_alloc();
+    }
+    else
+    {
+        out = mapAligned(mappedSize(newBytes));
+        if (used > 0)
+            std::memcpy(out, p, used);
+        std::free(p);
+    }
+    qy::adviseHugePages(out, mappedSize(newBytes));
+    return out;
+}
+
+void freeBlock(void* p, std::size_t bytes) noexcept
+{
+    if (bytes >= MappedBytes)
+        munmap(p, mappedSize(bytes));
+    else
+        std::free(p);
+}
+
+} // namespace detail
+
 ObjLineReader::ObjLineReader(bool keepTexCoords, bool wantMaterials)
     : m_keepTexCoords(keepTexCoords), m_wantMaterials(wantMaterials)
 {
@@ -81,7 +153,20 @@ bool ObjLineReader::readFile(const char* path)
           qyUtil::ThreadPool::get().getNumThreads() > 1 && parsePieces(source)))
     {
         // Block after block from the start; the block holds any line that the reading
-        // takes whole.
+        // takes whole. The arrays of a regular file are reserved at sizes that its lines
+        // seldom exceed: unwritten capacity costs address space only, and an array that
+        // needs more grows without a copy.
+        if (source.isRegular())
+        {
+            const std::size_t bytes = source.size();
+            m_positions.reserve(bytes / 8);
+            m_cornerPos.reserve(bytes / 4);
+            if (m_keepTexCoords)
+            {
+                m_texCoords.reserve(bytes / 8);
+                m_cornerTex.reserve(bytes / 4);
+            }
+        }
         detail::TextSource::Blocks blocks;
         detail::TextRange text;
         while (source.nextBlock(blocks, PieceBytes + LineBufferSize, text))
@@ -105,6 +190,7 @@ bool ObjLineReader::readMemory(const char* data, unsigned int length)
 
 bool ObjLineReader::parseLines(const char* p, const char* end, bool last, bool limitLines)
 {
+    m_readable = end;
     while (p < end)
     {
         const char* nl = static_cast<const char*>(std::memchr(p, '\n', std::size_t(end - p)));
@@ -357,17 +443,13 @@ void ObjLineReader::parseFace(const char* p, const char* end)
         // The usual corner: one to nine digits, then the end of the corner or a '/'. What
         // follows the '/' is skipped when texture indices are not kept, and is the same
         // plain texture index otherwise.
-        const char* q = p;
-        std::uint64_t value = 0;
-        for (; q < end && detail::isDigit(*q); ++q)
-            value = value * 10 + std::uint64_t(*q - '0');
+        std::uint64_t value;
+        const char* q = detail::scanDigits(p, end, m_readable, value);
         bool plain = std::size_t(q - p) - 1 < 9 && (q == end || isFaceBlank(*q) || *q == '/');
         if (plain && q < end && *q == '/' && keepTex)
         {
-            const char* t = q + 1;
-            std::uint64_t texValue = 0;
-            for (; t < end && detail::isDigit(*t); ++t)
-                texValue = texValue * 10 + std::uint64_t(*t - '0');
+            std::uint64_t texValue;
+            const char* t = detail::scanDigits(q + 1, end, m_readable, texValue);
             plain = std::size_t(t - q - 1) - 1 < 9 && (t == end || isFaceBlank(*t) || *t == '/');
             if (plain)
             {

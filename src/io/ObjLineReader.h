@@ -18,10 +18,19 @@ namespace detail
 class TextSource;
 }
 
-/// A growable array of trivially copyable elements in memory from malloc. Growing goes
-/// through realloc, which moves a large block by remapping its pages rather than copying
-/// them, and appending leaves unwritten what it does not write; large blocks are advised for
-/// huge pages, so that a large file's arrays cost a few page faults instead of one per 4 KiB.
+namespace detail
+{
+/// The memory of a GrowArray: a block of `bytes` bytes, of which the first `used` are kept,
+/// moved to a block of `newBytes`. Small blocks come from malloc; large ones are mapped
+/// directly, aligned for huge pages and advised for them, and grow by remapping their pages
+/// (no copy). Throws std::bad_alloc.
+void* resizeBlock(void* p, std::size_t bytes, std::size_t used, std::size_t newBytes);
+void freeBlock(void* p, std::size_t bytes) noexcept;
+} // namespace detail
+
+/// A growable array of trivially copyable elements. Growing never copies a large array (see
+/// resizeBlock), and appending leaves unwritten what it does not write; reserving a large
+/// capacity costs address space, not memory, until it is written.
 template <class T> class GrowArray
 {
 public:
@@ -35,7 +44,7 @@ public:
         swap(moved);
         return *this;
     }
-    ~GrowArray() { std::free(m_data); }
+    ~GrowArray() { detail::freeBlock(m_data, m_capacity * sizeof(T)); }
 
     T* data() { return m_data; }
     const T* data() const { return m_data; }
@@ -71,6 +80,11 @@ public:
             grow(n);
         m_size = n;
     }
+    void reserve(std::size_t n)
+    {
+        if (n > m_capacity)
+            setCapacity(n);
+    }
     void clear() { m_size = 0; }
     void swap(GrowArray& other) noexcept
     {
@@ -82,15 +96,15 @@ public:
 private:
     void grow(std::size_t need)
     {
-        const std::size_t capacity = std::max({need, 2 * m_capacity, std::size_t(1024)});
+        setCapacity(std::max({need, 2 * m_capacity, std::size_t(1024)}));
+    }
+    void setCapacity(std::size_t capacity)
+    {
         if (capacity > std::size_t(-1) / sizeof(T))
             throw std::bad_alloc();
-        void* p = std::realloc(m_data, capacity * sizeof(T));
-        if (!p)
-            throw std::bad_alloc();
-        m_data = static_cast<T*>(p);
+        m_data = static_cast<T*>(detail::resizeBlock(m_data, m_capacity * sizeof(T),
+                                                     m_size * sizeof(T), capacity * sizeof(T)));
         m_capacity = capacity;
-        qy::adviseHugePages(m_data, capacity * sizeof(T));
     }
 
     T* m_data = nullptr;
@@ -218,6 +232,8 @@ private:
     /// reader depends on them.
     std::size_t m_lineBytes[4] = {0, 0, 0, 0};
     double m_readSeconds = 0;
+    /// The end of the text being parsed: the number parsers may read up to it.
+    const char* m_readable = nullptr;
     std::vector<std::string> m_materialNames;
     std::string m_mtllib;
     GrowArray<float> m_positions, m_texCoords;

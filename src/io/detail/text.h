@@ -4,9 +4,11 @@
 #pragma once
 
 #include <algorithm>
+#include <bit>
 #include <charconv>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 
 #include "base/Memory.h"
 
@@ -127,6 +129,46 @@ inline Decimal scanDecimal(const char* p, const char* end)
 /// underflow the rounded tiny value.
 double parseDouble(const char* p, const char* end, const char** stop);
 
+/// The run of decimal digits at p, before `end`, and its value (wrapped past 19 digits). The
+/// bytes up to `readable` may be read: eight at a time when there is room, and a run shorter
+/// than eight is then converted without a loop.
+inline const char* scanDigits(const char* p, const char* end, const char* readable,
+                              std::uint64_t& value)
+{
+    if (readable - p >= 8)
+    {
+        constexpr std::uint64_t ones = 0x0101010101010101u;
+        std::uint64_t w;
+        std::memcpy(&w, p, 8);
+        const std::uint64_t digits = w ^ (0x30 * ones);
+        // The lowest flagged byte is the first that is no digit (flags above it may be false:
+        // the sum carries out of bytes that are no digit).
+        const std::uint64_t flags = ((digits + 0x76 * ones) | digits) & (0x80 * ones);
+        const int n = flags ? std::countr_zero(flags) / 8 : 8;
+        if (n < 8 && p + n <= end)
+        {
+            if (n == 0)
+            {
+                value = 0;
+                return p;
+            }
+            // The n digits moved to the top bytes (zeros before them), then summed pairwise:
+            // two digits per 16 bits, four per 32, eight in all.
+            std::uint64_t v = digits << (8 * (8 - n));
+            v = (v * 10 + (v >> 8)) & 0x00FF00FF00FF00FFu;
+            v = (v * 100 + (v >> 16)) & 0x0000FFFF0000FFFFu;
+            v = (v * 10000 + (v >> 32)) & 0xFFFFFFFFu;
+            value = v;
+            return p + n;
+        }
+    }
+    std::uint64_t v = 0;
+    for (; p < end && isDigit(*p); ++p)
+        v = v * 10 + std::uint64_t(*p - '0');
+    value = v;
+    return p;
+}
+
 /// parseDouble with the usual form of the numbers of a mesh file, blanks then "[-]d+[.d*]"
 /// of at most 19 digits, converted inline; any other text takes parseDouble itself. The
 /// digits and the power of ten are exact doubles then, so one division rounds once and the
@@ -143,16 +185,16 @@ inline double parseDoubleShort(const char* p, const char* end, const char** stop
     for (; q < end && isDigit(*q); ++q)
         mantissa = mantissa * 10 + std::uint64_t(*q - '0');
     const char* const point = q;
-    int fraction = 0;
+    std::size_t fraction = 0;
     if (q < end && *q == '.')
     {
         for (++q; q < end && isDigit(*q); ++q)
             mantissa = mantissa * 10 + std::uint64_t(*q - '0');
-        fraction = int(q - point) - 1;
+        fraction = std::size_t(q - point) - 1;
     }
     // No integer digit, too many digits, an exponent or a hexadecimal prefix: the general
     // conversion (the mantissa may have wrapped then, and is not used).
-    if (point == digits || (point - digits) + fraction > 19 ||
+    if (point == digits || std::size_t(point - digits) + fraction > 19 ||
         mantissa > (std::uint64_t(1) << 53) ||
         (q < end && (*q == 'e' || *q == 'E' || *q == 'x' || *q == 'X')))
         return parseDouble(p, end, stop);
