@@ -531,8 +531,8 @@ void ObjLineReader::parseFace(const char* p, const char* end)
 /// triangles to print (in order) and the counts.
 struct ObjLineReader::PartCheck
 {
-    std::vector<unsigned char> keep;
-    std::vector<int> degenerate; ///< corner triples to print
+    std::vector<unsigned char> keep; ///< per face; empty when every face is kept
+    std::vector<int> degenerate;     ///< corner triples to print
     std::size_t keptFaces = 0, keptCorners = 0, setAside = 0;
 };
 
@@ -552,6 +552,12 @@ ObjLineReader::validateParts(const std::vector<const ObjLineReader*>& all, int n
             {
                 const ObjLineReader& part = *all[std::size_t(k)];
                 PartCheck& res = results[std::size_t(k)];
+                if (part.keepsEveryFace(numPositions))
+                {
+                    res.keptFaces = part.m_numFaces;
+                    res.keptCorners = part.m_cornerPos.size();
+                    continue;
+                }
                 res.keep.resize(part.m_numFaces);
                 const int* corner = part.m_cornerPos.data();
                 for (std::size_t f = 0; f < part.m_numFaces; ++f)
@@ -662,6 +668,25 @@ void ObjLineReader::joinParts(const std::vector<const ObjLineReader*>& all, ObjF
                           out.texCoords.data() + atTex[std::size_t(k)]);
                 std::size_t corner = atCorner[std::size_t(k)];
                 std::size_t face = atFace[std::size_t(k)];
+                if (res.keep.empty())
+                {
+                    // Every face kept: the arrays as they are.
+                    std::copy(part.m_cornerPos.begin(), part.m_cornerPos.end(),
+                              out.cornerPos.data() + corner);
+                    if (m_keepTexCoords)
+                        std::transform(part.m_cornerTex.begin(), part.m_cornerTex.end(),
+                                       out.cornerTex.data() + corner,
+                                       [nTex](int t) { return t < nTex ? t : -1; });
+                    if (m_wantMaterials)
+                        std::copy(part.m_faceMaterial.begin(), part.m_faceMaterial.end(),
+                                  out.faceMaterial.data() + face);
+                    for (std::size_t f = 0; f < part.m_numFaces; ++f, ++face)
+                    {
+                        out.faceStart[face] = int(corner);
+                        corner += std::size_t(part.parsedFaceSize(f));
+                    }
+                    continue;
+                }
                 for (std::size_t f = 0, c = 0; f < part.m_numFaces; ++f)
                 {
                     const int n = part.parsedFaceSize(f);
