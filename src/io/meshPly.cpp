@@ -8,6 +8,7 @@
 #include <cmath>
 #include <cstring>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include "io/detail/MeshFormat.h"
@@ -406,28 +407,34 @@ template <class T> T loadRaw(const char* p, bool swap)
     return v;
 }
 
-double loadValue(const char* p, Type t, bool swap)
+/// Calls fn with a value-initialised object of the C++ type of t, whose return it returns.
+template <class Fn> auto withType(Type t, Fn fn)
 {
     switch (t)
     {
     case Type::Int8:
-        return double(std::int8_t(*p));
+        return fn(std::int8_t());
     case Type::UInt8:
-        return double(std::uint8_t(*p));
+        return fn(std::uint8_t());
     case Type::Int16:
-        return loadRaw<std::int16_t>(p, swap);
+        return fn(std::int16_t());
     case Type::UInt16:
-        return loadRaw<std::uint16_t>(p, swap);
+        return fn(std::uint16_t());
     case Type::Int32:
-        return loadRaw<std::int32_t>(p, swap);
+        return fn(std::int32_t());
     case Type::UInt32:
-        return loadRaw<std::uint32_t>(p, swap);
+        return fn(std::uint32_t());
     case Type::Float32:
-        return loadRaw<float>(p, swap);
+        return fn(float());
     case Type::Float64:
-        return loadRaw<double>(p, swap);
+        return fn(double());
     }
-    return 0;
+    return decltype(fn(float()))();
+}
+
+double loadValue(const char* p, Type t, bool swap)
+{
+    return withType(t, [&](auto type) { return double(loadRaw<decltype(type)>(p, swap)); });
 }
 
 /// A float32 value straight, without going through double (a float keeps its bits, NaN
@@ -437,25 +444,18 @@ float loadFloat(const char* p, Type t, bool swap)
     return t == Type::Float32 ? loadRaw<float>(p, swap) : float(loadValue(p, t, swap));
 }
 
+/// An integer value; 0 for a floating-point type.
 long long loadInteger(const char* p, Type t, bool swap)
 {
-    switch (t)
-    {
-    case Type::Int8:
-        return std::int8_t(*p);
-    case Type::UInt8:
-        return std::uint8_t(*p);
-    case Type::Int16:
-        return loadRaw<std::int16_t>(p, swap);
-    case Type::UInt16:
-        return loadRaw<std::uint16_t>(p, swap);
-    case Type::Int32:
-        return loadRaw<std::int32_t>(p, swap);
-    case Type::UInt32:
-        return loadRaw<std::uint32_t>(p, swap);
-    default:
-        return 0;
-    }
+    return withType(t,
+                    [&](auto type) -> long long
+                    {
+                        using T = decltype(type);
+                        if constexpr (std::is_integral_v<T>)
+                            return loadRaw<T>(p, swap);
+                        else
+                            return 0;
+                    });
 }
 
 class BinaryBody
