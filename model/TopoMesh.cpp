@@ -40,13 +40,16 @@ TopoMesh& TopoMesh::operator=(const TopoMesh& other)
     if (this != &other)
     {
         // Room first, so that a large copy gets huge pages like a large build.
+        clear();
+        m_wideDegrees = other.m_wideDegrees;
         reserve(int(other.m_points.size()), int(other.m_edges.size()),
                 int(other.m_faceEdge.size()));
         m_edges = other.m_edges;
         m_points = other.m_points;
         m_vertexEdge = other.m_vertexEdge;
         m_vertexTag = other.m_vertexTag;
-        m_vertexDegree = other.m_vertexDegree;
+        m_degreeNarrow = other.m_degreeNarrow;
+        m_degreeWide = other.m_degreeWide;
         m_faceEdge = other.m_faceEdge;
         m_faceTag = other.m_faceTag;
         m_freeVertices = other.m_freeVertices;
@@ -57,6 +60,8 @@ TopoMesh& TopoMesh::operator=(const TopoMesh& other)
         m_numFaces = other.m_numFaces;
         m_fanStartsKnown = other.m_fanStartsKnown;
         m_singleFans = other.m_singleFans;
+        m_wideDegrees = other.m_wideDegrees;
+        m_degreesFromBuilder = other.m_degreesFromBuilder;
     }
     return *this;
 }
@@ -69,7 +74,8 @@ TopoMesh& TopoMesh::operator=(TopoMesh&& other) noexcept
         m_points = std::move(other.m_points);
         m_vertexEdge = std::move(other.m_vertexEdge);
         m_vertexTag = std::move(other.m_vertexTag);
-        m_vertexDegree = std::move(other.m_vertexDegree);
+        m_degreeNarrow = std::move(other.m_degreeNarrow);
+        m_degreeWide = std::move(other.m_degreeWide);
         m_faceEdge = std::move(other.m_faceEdge);
         m_faceTag = std::move(other.m_faceTag);
         m_freeVertices = std::move(other.m_freeVertices);
@@ -80,6 +86,8 @@ TopoMesh& TopoMesh::operator=(TopoMesh&& other) noexcept
         m_numFaces = other.m_numFaces;
         m_fanStartsKnown = other.m_fanStartsKnown;
         m_singleFans = other.m_singleFans;
+        m_wideDegrees = other.m_wideDegrees;
+        m_degreesFromBuilder = other.m_degreesFromBuilder;
         other.clear();
     }
     return *this;
@@ -91,7 +99,8 @@ std::size_t TopoMesh::getSizeInBytes() const
 {
     return sizeof(*this) + m_edges.capacity() * sizeof(HalfEdge) +
            m_points.capacity() * sizeof(qyLinear::Point) +
-           (m_vertexEdge.capacity() + m_vertexTag.capacity() + m_vertexDegree.capacity() +
+           m_degreeNarrow.capacity() * sizeof(std::uint16_t) +
+           (m_vertexEdge.capacity() + m_vertexTag.capacity() + m_degreeWide.capacity() +
             m_faceEdge.capacity() + m_faceTag.capacity() + m_freeVertices.capacity() +
             m_freeEdges.capacity() + m_freeFaces.capacity() + m_scratch.capacity()) *
                sizeof(int);
@@ -99,13 +108,18 @@ std::size_t TopoMesh::getSizeInBytes() const
 
 void TopoMesh::reserve(int numVertices, int numEdges, int numFaces)
 {
-    m_points.reserve(std::size_t(std::max(numVertices, 0)));
-    m_vertexEdge.reserve(std::size_t(std::max(numVertices, 0)));
-    m_vertexTag.reserve(std::size_t(std::max(numVertices, 0)));
-    m_vertexDegree.reserve(std::size_t(std::max(numVertices, 0)));
+    const std::size_t nv = std::size_t(std::max(numVertices, 0));
+    const std::size_t nf = std::size_t(std::max(numFaces, 0));
+    m_points.reserve(nv);
+    m_vertexEdge.reserve(nv);
+    reserveDegrees(nv);
+    // Tags get room only once they exist: most meshes never set one.
+    if (!m_vertexTag.empty())
+        m_vertexTag.reserve(nv);
     m_edges.reserve(std::size_t(std::max(numEdges, 0)));
-    m_faceEdge.reserve(std::size_t(std::max(numFaces, 0)));
-    m_faceTag.reserve(std::size_t(std::max(numFaces, 0)));
+    m_faceEdge.reserve(nf);
+    if (!m_faceTag.empty())
+        m_faceTag.reserve(nf);
     adviseHugePages(m_edges);
     adviseHugePages(m_points);
 }
@@ -115,16 +129,59 @@ void TopoMesh::clear()
     m_edges.clear();
     m_points.clear();
     m_vertexEdge.clear();
-    m_vertexTag.clear();
-    m_vertexDegree.clear();
     m_faceEdge.clear();
-    m_faceTag.clear();
     m_freeVertices.clear();
     m_freeEdges.clear();
     m_freeFaces.clear();
+    // The tags and the counts of the other width go with their memory: a rebuild that sets no
+    // tag, or whose counts stay narrow, should not carry them.
+    std::vector<int>().swap(m_vertexTag);
+    std::vector<int>().swap(m_faceTag);
+    m_degreeNarrow.clear();
+    std::vector<int>().swap(m_degreeWide);
+    m_wideDegrees = false;
+    m_degreesFromBuilder = false;
     m_numVertices = m_numEdges = m_numFaces = 0;
     m_fanStartsKnown = true;
     m_singleFans = true;
+}
+
+void TopoMesh::allocVertexTags()
+{
+    m_vertexTag.reserve(m_vertexEdge.capacity());
+    m_vertexTag.assign(m_vertexEdge.size(), -1);
+}
+
+void TopoMesh::allocFaceTags()
+{
+    m_faceTag.reserve(m_faceEdge.capacity());
+    m_faceTag.assign(m_faceEdge.size(), -1);
+}
+
+void TopoMesh::pushDegree()
+{
+    if (m_wideDegrees)
+        m_degreeWide.push_back(0);
+    else
+        m_degreeNarrow.push_back(0);
+}
+
+void TopoMesh::widenDegrees()
+{
+    std::vector<int> wide;
+    wide.reserve(std::max(m_degreeNarrow.capacity(), m_vertexEdge.capacity()));
+    wide.assign(m_degreeNarrow.begin(), m_degreeNarrow.end());
+    m_degreeWide.swap(wide);
+    std::vector<std::uint16_t>().swap(m_degreeNarrow);
+    m_wideDegrees = true;
+}
+
+void TopoMesh::reserveDegrees(std::size_t n)
+{
+    if (m_wideDegrees)
+        m_degreeWide.reserve(n);
+    else
+        m_degreeNarrow.reserve(n);
 }
 
 // Slots ------------------------------------------------------------------------------------
@@ -142,12 +199,14 @@ int TopoMesh::newVertexSlot()
         v = int(m_vertexEdge.size());
         m_points.emplace_back();
         m_vertexEdge.push_back(-1);
-        m_vertexTag.push_back(-1);
-        m_vertexDegree.push_back(0);
+        if (!m_vertexTag.empty())
+            m_vertexTag.push_back(-1);
+        pushDegree();
     }
     m_vertexEdge[std::size_t(v)] = -1;
-    m_vertexTag[std::size_t(v)] = -1;
-    m_vertexDegree[std::size_t(v)] = 0;
+    if (!m_vertexTag.empty())
+        m_vertexTag[std::size_t(v)] = -1;
+    setDegree(v, 0);
     ++m_numVertices;
     return v;
 }
@@ -182,10 +241,12 @@ int TopoMesh::newFaceSlot()
     {
         f = int(m_faceEdge.size());
         m_faceEdge.push_back(-1);
-        m_faceTag.push_back(-1);
+        if (!m_faceTag.empty())
+            m_faceTag.push_back(-1);
     }
     m_faceEdge[std::size_t(f)] = -1;
-    m_faceTag[std::size_t(f)] = -1;
+    if (!m_faceTag.empty())
+        m_faceTag[std::size_t(f)] = -1;
     ++m_numFaces;
     return f;
 }
@@ -193,8 +254,9 @@ int TopoMesh::newFaceSlot()
 void TopoMesh::freeVertex(int v)
 {
     m_vertexEdge[std::size_t(v)] = -2;
-    m_vertexTag[std::size_t(v)] = -1;
-    m_vertexDegree[std::size_t(v)] = 0;
+    if (!m_vertexTag.empty())
+        m_vertexTag[std::size_t(v)] = -1;
+    setDegree(v, 0);
     m_freeVertices.push_back(v);
     --m_numVertices;
 }
@@ -209,7 +271,8 @@ void TopoMesh::freeEdge(int e)
 void TopoMesh::freeFace(int f)
 {
     m_faceEdge[std::size_t(f)] = -1;
-    m_faceTag[std::size_t(f)] = -1;
+    if (!m_faceTag.empty())
+        m_faceTag[std::size_t(f)] = -1;
     m_freeFaces.push_back(f);
     --m_numFaces;
 }
@@ -224,8 +287,9 @@ TopoMeshVertex TopoMesh::allocVertex(const qyLinear::Point& point)
         const int v = int(m_vertexEdge.size());
         m_points.push_back(p);
         m_vertexEdge.push_back(-1);
-        m_vertexTag.push_back(-1);
-        m_vertexDegree.push_back(0);
+        if (!m_vertexTag.empty())
+            m_vertexTag.push_back(-1);
+        pushDegree();
         ++m_numVertices;
         return {this, v};
     }
@@ -301,7 +365,7 @@ TopoMeshFace TopoMesh::buildFace(int n, const int* vertices)
             const int v = vertices[i];
             m_edges.push_back(HalfEdge{v, f, first + (i + 1 == n ? 0 : i + 1),
                                        first + (i == 0 ? n - 1 : i - 1), -1});
-            ++m_vertexDegree[std::size_t(v)];
+            incrementDegree(v);
             int& vertexEdge = m_vertexEdge[std::size_t(v)];
             if (vertexEdge < 0)
                 vertexEdge = first + i;
@@ -322,7 +386,7 @@ TopoMeshFace TopoMesh::buildFace(int n, const int* vertices)
             m_edges[std::size_t(previous)].next = e;
         else
             first = e;
-        ++m_vertexDegree[std::size_t(vertices[i])];
+        incrementDegree(vertices[i]);
         int& vertexEdge = m_vertexEdge[std::size_t(vertices[i])];
         if (vertexEdge < 0)
             vertexEdge = e;
@@ -336,120 +400,181 @@ TopoMeshFace TopoMesh::buildFace(int n, const int* vertices)
 
 void TopoMesh::meshTwin()
 {
+    // The counts of leaving half-edges size the work lists below. This class keeps them
+    // right; those written by a builder through allocBulk are counted again.
+    if (m_degreesFromBuilder)
+        recountDegrees();
+    m_degreesFromBuilder = false;
+    if (m_wideDegrees)
+        pairTwins(m_degreeWide.data());
+    else
+        pairTwins(m_degreeNarrow.data());
+}
+
+void TopoMesh::recountDegrees()
+{
+    for (int v = 0; v < getVertexCapacity(); ++v)
+        setDegree(v, 0);
+    for (const HalfEdge& h : m_edges)
+        if (h.vertex >= 0)
+            incrementDegree(h.vertex);
+}
+
+// The pairing works without a temporary of the mesh's size. The half-edges leaving each
+// vertex are listed vertex after vertex (a counting sort by the degrees) in the prev links,
+// which next determines and which are rebuilt from it at the end: list entry k is
+// edges[k].prev. While the lists exist, vertexEdge[v] holds the end of v's list. The half-edge
+// that v left by before (kept when v turns out to have no boundary half-edge) is remembered
+// by its list entry, stored as ~e; it is told apart while the lists are filled by its twin
+// link, which carries it as -3 - twin (below -1) from the moment vertexEdge is taken over
+// until the fill restores it.
+template <class Degree> void TopoMesh::pairTwins(const Degree* degree)
+{
     const int numSlots = getVertexCapacity();
     const int numEdgeSlots = getEdgeCapacity();
     HalfEdge* edges = m_edges.data();
+    int* vertexEdge = m_vertexEdge.data();
 
-    // Half-edges bucketed by the vertex they leave (counting sort), each with its end vertex.
-    // The search below reads only the buckets, so it stays in short contiguous runs instead
-    // of jumping through the half-edge array; an entry whose half-edge has a twin has its end
-    // set to -1, so that it matches nothing. start[v + 1] first counts v's half-edges, then
-    // holds the end of v's bucket; filling moves start[v] from v's beginning to its end, and
-    // the shift back restores the beginnings.
-    struct Entry
-    {
-        int end;
-        int edge;
-        int twin; ///< the half-edge's twin, kept up to date below
-        int prev; ///< the half-edge before it in its face, which arrives at the vertex
-    };
-    std::vector<int> start(std::size_t(numSlots) + 1, 0);
-    for (int e = 0; e < numEdgeSlots; ++e)
-        if (edges[e].vertex >= 0)
-            ++start[std::size_t(edges[e].vertex) + 1];
+    // The only allocation, done before anything changes: room for one vertex's spokes.
+    int maxDegree = 0;
     for (int v = 0; v < numSlots; ++v)
-        start[std::size_t(v) + 1] += start[std::size_t(v)];
-    std::unique_ptr<Entry[]> bucket(new Entry[static_cast<std::size_t>(m_numEdges)]);
-    adviseHugePages(bucket.get(), sizeof(Entry) * static_cast<std::size_t>(m_numEdges));
+        maxDegree = std::max(maxDegree, int(degree[v]));
+    struct Spoke
+    {
+        int end;  ///< the vertex it arrives at
+        int edge; ///< the half-edge
+    };
+    std::vector<Spoke> spokes;
+    spokes.reserve(std::size_t(maxDegree));
+
+    // Each list's beginning, and the mark on the half-edge each vertex leaves by. A vertex
+    // without half-edges (isolated, or a free slot) keeps its vertexEdge and has no list.
+    int running = 0;
+    for (int v = 0; v < numSlots; ++v)
+    {
+        if (degree[v] == 0)
+            continue;
+        const int kept = vertexEdge[v];
+        if (unsigned(kept) < unsigned(numEdgeSlots) && edges[kept].vertex == v)
+            edges[kept].twin = -3 - edges[kept].twin;
+        vertexEdge[v] = running;
+        running += int(degree[v]);
+    }
     for (int e = 0; e < numEdgeSlots; ++e)
     {
         const int v = edges[e].vertex;
         if (v < 0)
             continue;
-        const int end = edges[e].twin >= 0 ? -1 : edges[edges[e].next].vertex;
-        bucket[std::size_t(start[std::size_t(v)]++)] = Entry{end, e, edges[e].twin, edges[e].prev};
+        int entry = e;
+        if (edges[e].twin < -1)
+        {
+            edges[e].twin = -3 - edges[e].twin;
+            entry = ~e;
+        }
+        edges[vertexEdge[v]++].prev = entry;
     }
-    for (int v = numSlots; v > 0; --v)
-        start[std::size_t(v)] = start[std::size_t(v) - 1];
-    start[0] = 0;
+    const auto listed = [edges](int k)
+    {
+        const int entry = edges[k].prev;
+        return entry < 0 ? ~entry : entry;
+    };
 
-    // A half-edge a->b pairs with b->a when each is the only twinless one of its direction.
-    // Whether a pair is made does not depend on the order of the search.
+    // A half-edge a->b pairs with b->a when each is the only twinless half-edge of its
+    // direction. No pairing changes the count of a direction that has more than one, so the
+    // pairs do not depend on the order of the search: each edge is settled at its lower
+    // vertex a, where no half-edge a->b or b->a has been paired yet.
     for (int a = 0; a < numSlots; ++a)
     {
-        const int aBegin = start[std::size_t(a)], aEnd = start[std::size_t(a) + 1];
-        for (int p = aBegin; p < aEnd; ++p)
+        const int aEnd = vertexEdge[a], aBegin = aEnd - int(degree[a]);
+        if (aBegin == aEnd)
+            continue;
+        spokes.clear();
+        for (int k = aBegin; k < aEnd; ++k)
         {
-            const int b = bucket[std::size_t(p)].end;
-            if (b < 0)
+            const int e = listed(k);
+            if (edges[e].twin < 0)
+                spokes.push_back({edges[edges[e].next].vertex, e});
+        }
+        for (const Spoke& s : spokes)
+        {
+            const int b = s.end;
+            if (b < a)
                 continue;
             int same = 0;
-            for (int k = aBegin; k < aEnd; ++k)
-                same += bucket[std::size_t(k)].end == b;
+            for (const Spoke& t : spokes)
+                same += t.end == b;
             if (same != 1)
                 continue;
             int opposite = -1, count = 0;
-            for (int k = start[std::size_t(b)], kEnd = start[std::size_t(b) + 1]; k < kEnd; ++k)
-                if (bucket[std::size_t(k)].end == a)
+            const int bEnd = vertexEdge[b];
+            for (int k = bEnd - int(degree[b]); k < bEnd; ++k)
+            {
+                const int g = listed(k);
+                if (edges[g].twin < 0 && edges[edges[g].next].vertex == a)
                 {
-                    opposite = k;
+                    opposite = g;
                     ++count;
                 }
+            }
             if (count != 1)
                 continue;
-            const int e = bucket[std::size_t(p)].edge, g = bucket[std::size_t(opposite)].edge;
-            edges[e].twin = g;
-            edges[g].twin = e;
-            bucket[std::size_t(p)].end = -1;
-            bucket[std::size_t(opposite)].end = -1;
-            bucket[std::size_t(p)].twin = g;
-            bucket[std::size_t(opposite)].twin = e;
+            edges[s.edge].twin = opposite;
+            edges[opposite].twin = s.edge;
         }
     }
 
-    // Each vertex leaves by its first boundary half-edge, if it has one: the entries still
-    // carrying an end vertex are the twinless ones.
+    // Each vertex leaves by its lowest-numbered boundary half-edge if it has one, else by the
+    // half-edge it left by before (the lowest-numbered one if that was not one of its own).
     for (int v = 0; v < numSlots; ++v)
-        for (int k = start[std::size_t(v)], kEnd = start[std::size_t(v) + 1]; k < kEnd; ++k)
-            if (bucket[std::size_t(k)].end >= 0)
-            {
-                m_vertexEdge[std::size_t(v)] = bucket[std::size_t(k)].edge;
-                break;
-            }
+    {
+        const int end = vertexEdge[v], begin = end - int(degree[v]);
+        if (begin == end)
+            continue;
+        int boundary = -1, kept = -1, lowest = -1;
+        for (int k = begin; k < end; ++k)
+        {
+            const int entry = edges[k].prev;
+            const int e = entry < 0 ? ~entry : entry;
+            if (entry < 0)
+                kept = e;
+            if (lowest < 0 || e < lowest)
+                lowest = e;
+            if (edges[e].twin < 0 && (boundary < 0 || e < boundary))
+                boundary = e;
+        }
+        vertexEdge[v] = boundary >= 0 ? boundary : kept >= 0 ? kept : lowest;
+    }
     m_fanStartsKnown = true;
 
-    // One fan per vertex when the walk around it meets all its leaving half-edges. The walk
-    // goes from a leaving half-edge to the twin of the half-edge before it in its face, which
-    // leaves the vertex too: it stays in the vertex's bucket, so it is followed there (a
-    // short scan for the entry whose twin is that half-edge) rather than through the
-    // half-edge array. A twinless leaving half-edge is where an open fan starts.
+    // The prev links again, from next.
+    for (int e = 0; e < numEdgeSlots; ++e)
+    {
+        if (edges[e].vertex < 0)
+            edges[e].prev = -1;
+        else
+            edges[edges[e].next].prev = e;
+    }
+
+    // One fan per vertex when the walk around it from its half-edge meets all its leaving
+    // half-edges. A twinless leaving half-edge, where the vertex's walk starts if it has one,
+    // is where an open fan starts.
     bool single = true;
     for (int v = 0; v < numSlots && single; ++v)
     {
-        const int begin = start[std::size_t(v)], end = start[std::size_t(v) + 1];
-        if (begin == end)
+        const int first = vertexEdge[v];
+        if (first < 0)
             continue;
-        int first = begin;
-        for (int k = begin; k < end; ++k)
-            if (bucket[std::size_t(k)].twin < 0)
-            {
-                first = k;
-                break;
-            }
-        int count = 1;
-        for (int k = first;;)
+        const int d = int(degree[v]);
+        int count = 0;
+        for (int e = first; count <= d;)
         {
-            const int arriving = bucket[std::size_t(k)].prev;
-            int next = -1;
-            for (int j = begin; j < end && next < 0; ++j)
-                if (bucket[std::size_t(j)].twin == arriving)
-                    next = j;
-            if (next < 0 || next == first)
-                break;
-            k = next;
             ++count;
+            const int t = edges[edges[e].prev].twin;
+            if (t < 0 || t == first)
+                break;
+            e = t;
         }
-        single = count == end - begin && count == m_vertexDegree[std::size_t(v)];
+        single = count == d;
     }
     m_singleFans = single;
 }
@@ -460,14 +585,16 @@ TopoMesh::BulkArrays TopoMesh::allocBulk(int numVertices, int numEdges, int numF
     const std::size_t nv = std::size_t(std::max(numVertices, 0));
     const std::size_t ne = std::size_t(std::max(numEdges, 0));
     const std::size_t nf = std::size_t(std::max(numFaces, 0));
+    // The builder writes the counts as ints, possibly from several threads: they stay wide,
+    // and a later meshTwin counts them again rather than size its work lists by them.
+    m_wideDegrees = true;
+    m_degreesFromBuilder = true;
     reserve(int(nv), int(ne), int(nf));
     m_edges.resize(ne);
     m_points.resize(nv);
     m_vertexEdge.resize(nv);
-    m_vertexTag.assign(nv, -1);
-    m_vertexDegree.resize(nv);
+    m_degreeWide.resize(nv);
     m_faceEdge.resize(nf);
-    m_faceTag.assign(nf, -1);
     m_numVertices = int(nv);
     m_numEdges = int(ne);
     m_numFaces = int(nf);
@@ -475,7 +602,7 @@ TopoMesh::BulkArrays TopoMesh::allocBulk(int numVertices, int numEdges, int numF
     // Whatever the builder writes may have vertices where several fans meet: the valences
     // are walked.
     m_singleFans = false;
-    return {m_edges.data(), m_points.data(), m_vertexEdge.data(), m_vertexDegree.data(),
+    return {m_edges.data(), m_points.data(), m_vertexEdge.data(), m_degreeWide.data(),
             m_faceEdge.data()};
 }
 
@@ -536,7 +663,7 @@ int TopoMesh::fanValence(int v, bool& boundary) const
     if (m_singleFans && m_fanStartsKnown)
     {
         boundary = m_edges[std::size_t(first)].twin < 0;
-        return m_vertexDegree[std::size_t(v)] + int(boundary);
+        return getVertexDegree(v) + int(boundary);
     }
     // Backwards from the vertex's half-edge: an interior fan closes after `valence` steps, so
     // one walk both finds the fan's start and counts it; a boundary fan is counted forwards
@@ -736,10 +863,10 @@ bool TopoMesh::swapEdge(TopoMeshEdge edge)
     m_faceEdge[std::size_t(f2)] = t;
     // a and b lost a leaving half-edge; a boundary vertex never leaves by e or t (both have
     // twins), so any other leaving half-edge will do.
-    --m_vertexDegree[std::size_t(a)];
-    --m_vertexDegree[std::size_t(b)];
-    ++m_vertexDegree[std::size_t(c)];
-    ++m_vertexDegree[std::size_t(d)];
+    decrementDegree(a);
+    decrementDegree(b);
+    incrementDegree(c);
+    incrementDegree(d);
     if (m_vertexEdge[std::size_t(a)] == e)
         m_vertexEdge[std::size_t(a)] = t1;
     if (m_vertexEdge[std::size_t(b)] == t)
@@ -769,7 +896,7 @@ TopoMeshFace TopoMesh::deleteVertex(TopoMeshVertex vertex)
     const std::size_t k = spokes.size();
     // Half-edges of v outside the walked fan (a vertex where several fans meet, or faces added
     // since the twins were paired) would be left naming a deleted vertex.
-    if (int(k) != m_vertexDegree[std::size_t(v)])
+    if (int(k) != getVertexDegree(v))
         return {};
     const std::size_t ringBegin = spokes.size();
     for (std::size_t i = 0; i < k; ++i)
@@ -810,7 +937,7 @@ TopoMeshFace TopoMesh::deleteVertex(TopoMeshVertex vertex)
         // The ring vertex that leaves by the spoke arriving at v leaves by the next border
         // half-edge instead (the one that starts the next face's part of the border).
         const int y = E[in].vertex;
-        --m_vertexDegree[std::size_t(y)];
+        decrementDegree(y);
         if (m_vertexEdge[std::size_t(y)] == in)
             m_vertexEdge[std::size_t(y)] = E[spokes[(i + 1) % k]].next;
     }
@@ -882,7 +1009,7 @@ TopoMeshVertex TopoMesh::subdivideFace(TopoMeshFace f, const qyLinear::Point& po
         const int nextJoined = corners[std::size_t(((i + 1) % m) * stride)];
         E[out] = HalfEdge{w, face, chainBegin, in, -1};
         E[in] = HalfEdge{E[nextJoined].vertex, face, out, chainEnd, -1};
-        ++m_vertexDegree[std::size_t(E[nextJoined].vertex)];
+        incrementDegree(E[nextJoined].vertex);
         E[chainBegin].prev = out;
         E[chainEnd].next = in;
         for (int h = chainBegin;; h = E[h].next)
@@ -901,7 +1028,7 @@ TopoMeshVertex TopoMesh::subdivideFace(TopoMeshFace f, const qyLinear::Point& po
         E[nextOut].twin = in;
     }
     m_vertexEdge[std::size_t(w)] = corners[spokeBase];
-    m_vertexDegree[std::size_t(w)] = m;
+    setDegree(w, m);
     return {this, w};
 }
 
@@ -932,7 +1059,7 @@ TopoMeshVertex TopoMesh::subdivideEdge(TopoMeshEdge edge, const qyLinear::Point&
         E[t].twin = n;
     }
     m_vertexEdge[std::size_t(w)] = n; // without a twin on the boundary, as it should be
-    m_vertexDegree[std::size_t(w)] = t >= 0 ? 2 : 1;
+    setDegree(w, t >= 0 ? 2 : 1);
     return {this, w};
 }
 

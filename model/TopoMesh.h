@@ -241,10 +241,13 @@ private:
 ///
 /// Storage: contiguous arrays indexed by the handles' ints, with a free list per element
 /// kind; there is no heap node per element. A half-edge holds its vertex, face, next, prev
-/// and twin (20 bytes); a vertex its position (3 doubles), one leaving half-edge, its count of
-/// leaving half-edges and a tag; a face one half-edge and a tag. Deleted slots are reused
-/// last-freed first; the element lists (firstVertex ... nextInList) visit the live slots in index
-/// order.
+/// and twin (20 bytes); a vertex its position (3 doubles), one leaving half-edge and its count
+/// of leaving half-edges (2 bytes while every count is below 65535, 4 from the first that
+/// reaches it, and always 4 in a mesh laid out by allocBulk); a face one half-edge. The tags
+/// take no room until one is set to something other than -1: then the tags of that kind get
+/// one int per slot. A triangle mesh of V = F / 2 vertices thus holds 79 bytes per triangle.
+/// Deleted slots are reused last-freed first; the element lists (firstVertex ... nextInList)
+/// visit the live slots in index order.
 ///
 /// Building: allocate the vertices, then the faces (any corner count >= 3), then call
 /// meshTwin() to pair the twin half-edges. Every half-edge belongs to a face; a boundary edge
@@ -328,7 +331,8 @@ public:
     }
     /// Pairs the twinless half-edges a->b and b->a (see the class comment for what stays
     /// unpaired) and points every vertex at its leaving boundary half-edge when it has one.
-    /// Pairs made before are kept. Cost: O(V + E), one temporary of E pairs of ints.
+    /// Pairs made before are kept. Cost: O(V + E) for vertices of bounded valence; no
+    /// temporary but the spokes of one vertex (the work lists live in the mesh's own arrays).
     void meshTwin();
 
     // Lookup and iteration --------------------------------------------------------------
@@ -422,14 +426,35 @@ public:
     const qyLinear::Point& getPoint(int v) const { return m_points[std::size_t(v)]; }
     void setPoint(int v, const qyLinear::Point& p) { m_points[std::size_t(v)] = p; }
     int getVertexEdge(int v) const { return m_vertexEdge[std::size_t(v)]; }
-    int getVertexTag(int v) const { return m_vertexTag[std::size_t(v)]; }
-    void setVertexTag(int v, int tag) { m_vertexTag[std::size_t(v)] = tag; }
+    int getVertexTag(int v) const { return m_vertexTag.empty() ? -1 : m_vertexTag[std::size_t(v)]; }
+    void setVertexTag(int v, int tag)
+    {
+        if (m_vertexTag.empty())
+        {
+            if (tag == -1)
+                return;
+            allocVertexTags();
+        }
+        m_vertexTag[std::size_t(v)] = tag;
+    }
     /// Number of half-edges leaving v (all its fans).
-    int getVertexDegree(int v) const { return m_vertexDegree[std::size_t(v)]; }
+    int getVertexDegree(int v) const
+    {
+        return m_wideDegrees ? m_degreeWide[std::size_t(v)] : int(m_degreeNarrow[std::size_t(v)]);
+    }
     const HalfEdge& getHalfEdge(int e) const { return m_edges[std::size_t(e)]; }
     int getFaceEdge(int f) const { return m_faceEdge[std::size_t(f)]; }
-    int getFaceTag(int f) const { return m_faceTag[std::size_t(f)]; }
-    void setFaceTag(int f, int tag) { m_faceTag[std::size_t(f)] = tag; }
+    int getFaceTag(int f) const { return m_faceTag.empty() ? -1 : m_faceTag[std::size_t(f)]; }
+    void setFaceTag(int f, int tag)
+    {
+        if (m_faceTag.empty())
+        {
+            if (tag == -1)
+                return;
+            allocFaceTags();
+        }
+        m_faceTag[std::size_t(f)] = tag;
+    }
     int nextVertexIndex(int v) const;
     int nextEdgeIndex(int e) const;
     int nextFaceIndex(int f) const;
@@ -448,7 +473,48 @@ public:
     bool isNeighbour(int a, int b) const;
 
 private:
+    /// The narrow counts hold values below this; the first count to reach it widens them all.
+    static constexpr int narrowDegreeLimit = 0xFFFF;
+
     int searchFanStart(int first) const;
+    void allocVertexTags();
+    void allocFaceTags();
+    /// Degree updates, in whichever width the counts have.
+    void setDegree(int v, int degree)
+    {
+        if (m_wideDegrees)
+            m_degreeWide[std::size_t(v)] = degree;
+        else if (degree < narrowDegreeLimit)
+            m_degreeNarrow[std::size_t(v)] = std::uint16_t(degree);
+        else
+        {
+            widenDegrees();
+            m_degreeWide[std::size_t(v)] = degree;
+        }
+    }
+    void incrementDegree(int v)
+    {
+        if (m_wideDegrees)
+            ++m_degreeWide[std::size_t(v)];
+        else if (++m_degreeNarrow[std::size_t(v)] == narrowDegreeLimit)
+            widenDegrees();
+    }
+    void decrementDegree(int v)
+    {
+        if (m_wideDegrees)
+            --m_degreeWide[std::size_t(v)];
+        else
+            --m_degreeNarrow[std::size_t(v)];
+    }
+    void pushDegree();
+    void widenDegrees();
+    void reserveDegrees(std::size_t n);
+    std::size_t numDegreeSlots() const
+    {
+        return m_wideDegrees ? m_degreeWide.size() : m_degreeNarrow.size();
+    }
+    template <class Degree> void pairTwins(const Degree* degree);
+    void recountDegrees();
     int newVertexSlot();
     int newEdgeSlot();
     int newFaceSlot();
@@ -460,10 +526,13 @@ private:
     qy::RawVector<HalfEdge> m_edges; ///< resized unset: every slot is written next
     std::vector<qyLinear::Point> m_points;
     std::vector<int> m_vertexEdge; ///< a leaving half-edge; -1 isolated; -2 free slot
-    std::vector<int> m_vertexTag;
-    std::vector<int> m_vertexDegree; ///< half-edges leaving the vertex
-    std::vector<int> m_faceEdge;     ///< -1 in a free slot
-    std::vector<int> m_faceTag;
+    std::vector<int> m_vertexTag;  ///< empty while every vertex tag is -1
+    /// Half-edges leaving each vertex: m_degreeNarrow while m_wideDegrees is false (each
+    /// count below narrowDegreeLimit), else m_degreeWide; the other one is empty.
+    std::vector<std::uint16_t> m_degreeNarrow;
+    std::vector<int> m_degreeWide;
+    std::vector<int> m_faceEdge; ///< -1 in a free slot
+    std::vector<int> m_faceTag;  ///< empty while every face tag is -1
     std::vector<int> m_freeVertices, m_freeEdges, m_freeFaces;
     std::vector<int> m_scratch; ///< reused by the edits, so that they rarely allocate
     int m_numVertices = 0, m_numEdges = 0, m_numFaces = 0;
@@ -474,6 +543,9 @@ private:
     /// degree, plus one on the boundary. Set by meshTwin when it finds so, kept by the edits
     /// (none of them splits a fan), cleared by allocFace and allocBulk.
     bool m_singleFans = true;
+    bool m_wideDegrees = false;
+    /// True after allocBulk: the counts are the builder's, not yet checked by meshTwin.
+    bool m_degreesFromBuilder = false;
 };
 
 /// Pairs the twin half-edges of a mesh after its faces were allocated (TopoMesh::meshTwin).
