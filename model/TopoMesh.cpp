@@ -420,14 +420,15 @@ void TopoMesh::recountDegrees()
             incrementDegree(h.vertex);
 }
 
-// The pairing works without a temporary of the mesh's size. The half-edges leaving each
-// vertex are listed vertex after vertex (a counting sort by the degrees) in the prev links,
-// which next determines and which are rebuilt from it at the end: list entry k is
-// edges[k].prev. While the lists exist, vertexEdge[v] holds the end of v's list. The half-edge
-// that v left by before (kept when v turns out to have no boundary half-edge) is remembered
-// by its list entry, stored as ~e; it is told apart while the lists are filled by its twin
-// link, which carries it as -3 - twin (below -1) from the moment vertexEdge is taken over
-// until the fill restores it.
+// The pairing works without a temporary of the mesh's size. Every corner of a face at a
+// vertex v is a half-edge arriving at v followed by one leaving it; the corners are listed
+// vertex after vertex (a counting sort by the degrees), each by its arriving half-edge, in
+// the prev links, which next determines and which are rebuilt from it at the end: list entry
+// k is edges[k].prev. While the lists exist, vertexEdge[v] holds the end of v's list. The
+// half-edge that v left by before (kept when v turns out to have no boundary half-edge) is
+// remembered by its corner's entry, stored as ~entry; it is told apart while the lists are
+// filled by its twin link, which carries it as -3 - twin (below -1) from the moment
+// vertexEdge is taken over until the fill restores it.
 template <class Degree> void TopoMesh::pairTwins(const Degree* degree)
 {
     const int numSlots = getVertexCapacity();
@@ -435,17 +436,24 @@ template <class Degree> void TopoMesh::pairTwins(const Degree* degree)
     HalfEdge* edges = m_edges.data();
     int* vertexEdge = m_vertexEdge.data();
 
-    // The only allocation, done before anything changes: room for one vertex's spokes.
+    // The only allocations, made before anything changes: room for one vertex's corners.
     int maxDegree = 0;
     for (int v = 0; v < numSlots; ++v)
         maxDegree = std::max(maxDegree, int(degree[v]));
-    struct Spoke
+    struct Corner
     {
-        int end;  ///< the vertex it arrives at
-        int edge; ///< the half-edge
+        int in;   ///< the half-edge arriving at the vertex
+        int out;  ///< the one after it, leaving the vertex
+        int from; ///< the vertex `in` leaves
+        int to;   ///< the vertex `out` arrives at
     };
-    std::vector<Spoke> spokes;
-    spokes.reserve(std::size_t(maxDegree));
+    std::vector<Corner> corners;
+    corners.reserve(std::size_t(maxDegree));
+    std::vector<std::pair<int, int>> byOut; // (out, corner) sorted, for a vertex of many corners
+    constexpr int fewCorners = 16;
+    constexpr int prefetchDistance = 24; // list entries, about four vertices
+    if (maxDegree > fewCorners)
+        byOut.reserve(std::size_t(maxDegree));
 
     // Each list's beginning, and the mark on the half-edge each vertex leaves by. A vertex
     // without half-edges (isolated, or a free slot) keeps its vertexEdge and has no list.
@@ -460,91 +468,128 @@ template <class Degree> void TopoMesh::pairTwins(const Degree* degree)
         vertexEdge[v] = running;
         running += int(degree[v]);
     }
-    for (int e = 0; e < numEdgeSlots; ++e)
+    const int numListed = running;
+    for (int in = 0; in < numEdgeSlots; ++in)
     {
-        const int v = edges[e].vertex;
-        if (v < 0)
+        if (edges[in].vertex < 0)
             continue;
-        int entry = e;
-        if (edges[e].twin < -1)
+        HalfEdge& out = edges[edges[in].next];
+        int entry = in;
+        if (out.twin < -1)
         {
-            edges[e].twin = -3 - edges[e].twin;
-            entry = ~e;
+            out.twin = -3 - out.twin;
+            entry = ~in;
         }
-        edges[vertexEdge[v]++].prev = entry;
+        edges[vertexEdge[out.vertex]++].prev = entry;
     }
-    const auto listed = [edges](int k)
-    {
-        const int entry = edges[k].prev;
-        return entry < 0 ? ~entry : entry;
-    };
 
     // A half-edge a->b pairs with b->a when each is the only twinless half-edge of its
     // direction. No pairing changes the count of a direction that has more than one, so the
-    // pairs do not depend on the order of the search: each edge is settled at its lower
-    // vertex a, where no half-edge a->b or b->a has been paired yet.
+    // pairs do not depend on the order of the search. Each edge is settled at its lower end
+    // a, from a's corners alone: the half-edges a->b leave a, those b->a arrive at it. Once
+    // a is done, every half-edge at a has its final twin, so a's leaving half-edge and its
+    // fan are settled there too.
+    bool single = true;
     for (int a = 0; a < numSlots; ++a)
     {
-        const int aEnd = vertexEdge[a], aBegin = aEnd - int(degree[a]);
-        if (aBegin == aEnd)
+        const int end = vertexEdge[a], begin = end - int(degree[a]);
+        if (begin == end)
             continue;
-        spokes.clear();
-        for (int k = aBegin; k < aEnd; ++k)
+        corners.clear();
+        int kept = -1;
+        for (int k = begin; k < end; ++k)
         {
-            const int e = listed(k);
-            if (edges[e].twin < 0)
-                spokes.push_back({edges[edges[e].next].vertex, e});
-        }
-        for (const Spoke& s : spokes)
-        {
-            const int b = s.end;
-            if (b < a)
-                continue;
-            int same = 0;
-            for (const Spoke& t : spokes)
-                same += t.end == b;
-            if (same != 1)
-                continue;
-            int opposite = -1, count = 0;
-            const int bEnd = vertexEdge[b];
-            for (int k = bEnd - int(degree[b]); k < bEnd; ++k)
+            // The lists run on from vertex to vertex: ask early for the face of a corner a
+            // few vertices on, which lies elsewhere in the half-edge array.
+            if (k + prefetchDistance < numListed)
             {
-                const int g = listed(k);
-                if (edges[g].twin < 0 && edges[edges[g].next].vertex == a)
+                const int ahead = edges[k + prefetchDistance].prev;
+                __builtin_prefetch(edges + (ahead < 0 ? ~ahead : ahead));
+            }
+            const int entry = edges[k].prev;
+            const int in = entry < 0 ? ~entry : entry;
+            const int out = edges[in].next;
+            if (entry < 0)
+                kept = out;
+            corners.push_back({in, out, edges[in].vertex, edges[edges[out].next].vertex});
+        }
+        for (const Corner& c : corners)
+        {
+            const int b = c.to;
+            if (b < a || edges[c.out].twin >= 0)
+                continue;
+            int same = 0, count = 0, opposite = -1;
+            for (const Corner& d : corners)
+            {
+                same += d.to == b && edges[d.out].twin < 0;
+                if (d.from == b && edges[d.in].twin < 0)
                 {
-                    opposite = g;
+                    opposite = d.in;
                     ++count;
                 }
             }
-            if (count != 1)
+            if (same != 1 || count != 1)
                 continue;
-            edges[s.edge].twin = opposite;
-            edges[opposite].twin = s.edge;
+            edges[c.out].twin = opposite;
+            edges[opposite].twin = c.out;
         }
-    }
 
-    // Each vertex leaves by its lowest-numbered boundary half-edge if it has one, else by the
-    // half-edge it left by before (the lowest-numbered one if that was not one of its own).
-    for (int v = 0; v < numSlots; ++v)
-    {
-        const int end = vertexEdge[v], begin = end - int(degree[v]);
-        if (begin == end)
-            continue;
-        int boundary = -1, kept = -1, lowest = -1;
-        for (int k = begin; k < end; ++k)
+        // a leaves by its lowest-numbered boundary half-edge if it has one, else by the
+        // half-edge it left by before (the lowest-numbered one if that was not one of its own).
+        int boundary = -1, lowest = -1;
+        for (const Corner& c : corners)
         {
-            const int entry = edges[k].prev;
-            const int e = entry < 0 ? ~entry : entry;
-            if (entry < 0)
-                kept = e;
-            if (lowest < 0 || e < lowest)
-                lowest = e;
-            if (edges[e].twin < 0 && (boundary < 0 || e < boundary))
-                boundary = e;
+            if (lowest < 0 || c.out < lowest)
+                lowest = c.out;
+            if (edges[c.out].twin < 0 && (boundary < 0 || c.out < boundary))
+                boundary = c.out;
         }
-        vertexEdge[v] = boundary >= 0 ? boundary : kept >= 0 ? kept : lowest;
+        const int first = boundary >= 0 ? boundary : kept >= 0 ? kept : lowest;
+        vertexEdge[a] = first;
+
+        // One fan when the walk around a from that half-edge meets all its leaving half-edges:
+        // from a corner's leaving half-edge to the twin of its arriving one, which leaves a.
+        if (!single)
+            continue;
+        const int n = int(corners.size());
+        if (n > fewCorners)
+        {
+            byOut.clear();
+            for (int i = 0; i < n; ++i)
+                byOut.emplace_back(corners[std::size_t(i)].out, i);
+            std::sort(byOut.begin(), byOut.end());
+        }
+        // (-1 for a half-edge that does not leave a: only a builder's wrong twin gives one)
+        const auto cornerLeavingBy = [&](int out)
+        {
+            if (n > fewCorners)
+            {
+                const auto it =
+                    std::lower_bound(byOut.begin(), byOut.end(), std::make_pair(out, 0));
+                return it != byOut.end() && it->first == out ? it->second : -1;
+            }
+            for (int i = 0; i < n; ++i)
+                if (corners[std::size_t(i)].out == out)
+                    return i;
+            return -1;
+        };
+        int count = 1;
+        for (int i = cornerLeavingBy(first); count <= n; ++count)
+        {
+            if (i < 0)
+            {
+                count = 0;
+                break;
+            }
+            const int t = edges[corners[std::size_t(i)].in].twin;
+            if (t < 0 || t == first)
+                break;
+            i = cornerLeavingBy(t);
+        }
+        single = count == n;
     }
     m_fanStartsKnown = true;
+    m_singleFans = single;
 
     // The prev links again, from next.
     for (int e = 0; e < numEdgeSlots; ++e)
@@ -554,29 +599,6 @@ template <class Degree> void TopoMesh::pairTwins(const Degree* degree)
         else
             edges[edges[e].next].prev = e;
     }
-
-    // One fan per vertex when the walk around it from its half-edge meets all its leaving
-    // half-edges. A twinless leaving half-edge, where the vertex's walk starts if it has one,
-    // is where an open fan starts.
-    bool single = true;
-    for (int v = 0; v < numSlots && single; ++v)
-    {
-        const int first = vertexEdge[v];
-        if (first < 0)
-            continue;
-        const int d = int(degree[v]);
-        int count = 0;
-        for (int e = first; count <= d;)
-        {
-            ++count;
-            const int t = edges[edges[e].prev].twin;
-            if (t < 0 || t == first)
-                break;
-            e = t;
-        }
-        single = count == d;
-    }
-    m_singleFans = single;
 }
 
 TopoMesh::BulkArrays TopoMesh::allocBulk(int numVertices, int numEdges, int numFaces)
