@@ -449,11 +449,16 @@ template <class Degree> void TopoMesh::pairTwins(const Degree* degree)
     };
     std::vector<Corner> corners;
     corners.reserve(std::size_t(maxDegree));
-    std::vector<std::pair<int, int>> byOut; // (out, corner) sorted, for a vertex of many corners
+    // For a vertex of many corners, sorted (vertex, half-edge) pairs instead of scans.
     constexpr int fewCorners = 16;
-    constexpr int prefetchDistance = 24; // list entries, about four vertices
+    std::vector<std::pair<int, int>> leaving, arriving, byOut;
     if (maxDegree > fewCorners)
+    {
+        leaving.reserve(std::size_t(maxDegree));
+        arriving.reserve(std::size_t(maxDegree));
         byOut.reserve(std::size_t(maxDegree));
+    }
+    constexpr int prefetchDistance = 24; // list entries, about four vertices
 
     // Each list's beginning, and the mark on the half-edge each vertex leaves by. A vertex
     // without half-edges (isolated, or a free slot) keeps its vertexEdge and has no list.
@@ -513,25 +518,61 @@ template <class Degree> void TopoMesh::pairTwins(const Degree* degree)
                 kept = out;
             corners.push_back({in, out, edges[in].vertex, edges[edges[out].next].vertex});
         }
-        for (const Corner& c : corners)
+        const int n = int(corners.size());
+        if (n <= fewCorners)
         {
-            const int b = c.to;
-            if (b < a || edges[c.out].twin >= 0)
-                continue;
-            int same = 0, count = 0, opposite = -1;
-            for (const Corner& d : corners)
+            for (const Corner& c : corners)
             {
-                same += d.to == b && edges[d.out].twin < 0;
-                if (d.from == b && edges[d.in].twin < 0)
+                const int b = c.to;
+                if (b < a || edges[c.out].twin >= 0)
+                    continue;
+                int same = 0, count = 0, opposite = -1;
+                for (const Corner& d : corners)
                 {
-                    opposite = d.in;
-                    ++count;
+                    same += d.to == b && edges[d.out].twin < 0;
+                    if (d.from == b && edges[d.in].twin < 0)
+                    {
+                        opposite = d.in;
+                        ++count;
+                    }
+                }
+                if (same != 1 || count != 1)
+                    continue;
+                edges[c.out].twin = opposite;
+                edges[opposite].twin = c.out;
+            }
+        }
+        else
+        {
+            // Many corners: the twinless half-edges to and from higher vertices, each sorted
+            // by the other vertex, and a pair where each vertex occurs once on both sides.
+            leaving.clear();
+            arriving.clear();
+            for (const Corner& c : corners)
+            {
+                if (c.to > a && edges[c.out].twin < 0)
+                    leaving.emplace_back(c.to, c.out);
+                if (c.from > a && edges[c.in].twin < 0)
+                    arriving.emplace_back(c.from, c.in);
+            }
+            std::sort(leaving.begin(), leaving.end());
+            std::sort(arriving.begin(), arriving.end());
+            const std::size_t numLeaving = leaving.size(), numArriving = arriving.size();
+            for (std::size_t i = 0, j = 0; i < numLeaving; ++i)
+            {
+                const int b = leaving[i].first;
+                if ((i > 0 && leaving[i - 1].first == b) ||
+                    (i + 1 < numLeaving && leaving[i + 1].first == b))
+                    continue;
+                while (j < numArriving && arriving[j].first < b)
+                    ++j;
+                if (j < numArriving && arriving[j].first == b &&
+                    (j + 1 == numArriving || arriving[j + 1].first != b))
+                {
+                    edges[leaving[i].second].twin = arriving[j].second;
+                    edges[arriving[j].second].twin = leaving[i].second;
                 }
             }
-            if (same != 1 || count != 1)
-                continue;
-            edges[c.out].twin = opposite;
-            edges[opposite].twin = c.out;
         }
 
         // a leaves by its lowest-numbered boundary half-edge if it has one, else by the
@@ -551,7 +592,6 @@ template <class Degree> void TopoMesh::pairTwins(const Degree* degree)
         // from a corner's leaving half-edge to the twin of its arriving one, which leaves a.
         if (!single)
             continue;
-        const int n = int(corners.size());
         if (n > fewCorners)
         {
             byOut.clear();

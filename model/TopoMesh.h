@@ -331,8 +331,9 @@ public:
     }
     /// Pairs the twinless half-edges a->b and b->a (see the class comment for what stays
     /// unpaired) and points every vertex at its leaving boundary half-edge when it has one.
-    /// Pairs made before are kept. Cost: O(V + E) for vertices of bounded valence; no
-    /// temporary but the spokes of one vertex (the work lists live in the mesh's own arrays).
+    /// Pairs made before are kept. Cost: O(V + E) for vertices of bounded valence, a sort of
+    /// its corners for a vertex of many; no temporary but the corners of one vertex (the work
+    /// lists live in the mesh's own arrays, which are whole again on return).
     void meshTwin();
 
     // Lookup and iteration --------------------------------------------------------------

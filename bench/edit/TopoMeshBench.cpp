@@ -1,7 +1,16 @@
 // The half-edge mesh on a large UV sphere (998,000 triangles, poles of valence 1000): build
 // from the indexed mesh, one-ring walks, an edge-swap sweep, duplicate-triangle search.
-// "bytes/tri" is the memory of the built TopoMesh per triangle.
+// "bytes/tri" is the memory of the built TopoMesh per triangle; "peak bytes/tri" (Linux) is
+// how far the resident memory of the process rose while one mesh was built, the temporaries
+// of the build included.
 #include "model/TopoMesh.h"
+
+#include <fstream>
+#include <string>
+
+#if defined(__GLIBC__)
+#include <malloc.h>
+#endif
 
 #include <benchmark/benchmark.h>
 
@@ -49,6 +58,36 @@ const TopoMesh& sphereTopo()
     return topo;
 }
 
+// A field of /proc/self/status in bytes, or -1.
+long long statusBytes(const std::string& key)
+{
+    std::ifstream status("/proc/self/status");
+    std::string line;
+    while (std::getline(status, line))
+        if (line.compare(0, key.size(), key) == 0)
+            return std::stoll(line.substr(key.size())) * 1024;
+    return -1;
+}
+
+// How far the resident memory rose while `build` ran, or -1 where it cannot be told: the
+// high-water mark is reset first (Linux, /proc/self/clear_refs), after the allocator has given
+// back what it held free, which the build would otherwise reuse unseen.
+template <class Build> long long peakResidentGrowth(Build build)
+{
+#if defined(__GLIBC__)
+    malloc_trim(0);
+#endif
+    {
+        std::ofstream reset("/proc/self/clear_refs");
+        if (!(reset << "5" << std::flush))
+            return -1;
+    }
+    const long long before = statusBytes("VmRSS:");
+    build();
+    const long long peak = statusBytes("VmHWM:");
+    return before < 0 || peak < 0 ? -1 : peak - before;
+}
+
 void report(benchmark::State& state, std::size_t bytes)
 {
     const int numTris = uvSphere().getNumTriangles();
@@ -59,6 +98,12 @@ void report(benchmark::State& state, std::size_t bytes)
 void BM_TopoMeshBuild(benchmark::State& state)
 {
     const CompactMesh& mesh = uvSphere();
+    const long long peak = peakResidentGrowth(
+        [&]
+        {
+            TopoMesh topo;
+            buildTopo(mesh, topo);
+        });
     std::size_t bytes = 0;
     for (auto _ : state)
     {
@@ -68,6 +113,8 @@ void BM_TopoMeshBuild(benchmark::State& state)
         benchmark::DoNotOptimize(topo.getHalfEdges());
     }
     report(state, bytes);
+    if (peak >= 0)
+        state.counters["peak bytes/tri"] = double(peak) / mesh.getNumTriangles();
 }
 
 void BM_TopoMeshTwinOnly(benchmark::State& state)

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cmath>
 #include <map>
 #include <random>
 #include <set>
@@ -614,6 +615,235 @@ TEST(TopoMesh, RandomFaceListsAndEditsKeepTheStructureSound)
     }
     EXPECT_GT(refused, 100);
     EXPECT_GT(edits, 1000);
+}
+
+// meshTwin against its rule, on a closed mesh taking random polygons and random edits, with
+// pairs made before, free slots and vertices whose half-edge is not their lowest: a twinless
+// a->b pairs with b->a when each is the only twinless half-edge of its direction; every
+// vertex then leaves by its lowest-numbered twinless half-edge, or keeps the one it had;
+// nothing else moves. Valences are compared with a walk, which the shortcut for meshes of
+// single fans must agree with.
+TEST(TopoMesh, MeshTwinFollowsThePairingRule)
+{
+    std::mt19937 random(5);
+    auto pick = [&](int n) { return int(random() % unsigned(n)); };
+    int paired = 0, kept = 0, checked = 0;
+    for (int round = 0; round < 40; ++round)
+    {
+        // The torus's triangles come in two parts, twinned after each: the second part pairs
+        // with the first across its border.
+        const CompactMesh torus = qyTest::makeTorus(4 + round % 5, 5);
+        const int numTris = torus.getNumTriangles(), firstPart = numTris * 3 / 5;
+        TopoMesh mesh;
+        for (int v = 0; v < torus.getNumVertices(); ++v)
+            mesh.allocVertex(torus.getVertices()[v].asPoint());
+        for (int t = 0; t < firstPart; ++t)
+            mesh.allocFace(3, torus.getTrianglesRaw() + 3 * t);
+        // Odd rounds grow a hub: triangles from one vertex to random pairs of a ring of 8,
+        // whose edges soon run through several faces, either way, at vertices of many corners.
+        std::vector<TopoMeshVertex> hub;
+        for (int i = 0; round % 2 == 1 && i < 9; ++i)
+            hub.push_back(mesh.allocVertex(pick(100), pick(100), pick(100)));
+        for (int step = 0; step < 12; ++step)
+        {
+            for (int f = 0; !hub.empty() && step >= 2 && f < 6; ++f)
+            {
+                const int i = 1 + pick(8), j = 1 + pick(8);
+                if (i != j)
+                    mesh.allocTriangle(hub[0], hub[std::size_t(i)], hub[std::size_t(j)]);
+            }
+            for (int t = firstPart; step == 1 && t < numTris; ++t)
+                mesh.allocFace(3, torus.getTrianglesRaw() + 3 * t);
+            for (int f = 0, n = step < 2 ? 0 : pick(4); f < n; ++f)
+            {
+                int corners[4];
+                const int k = 3 + pick(2);
+                for (int c = 0; c < k; ++c)
+                    corners[c] = pick(mesh.getVertexCapacity());
+                mesh.allocFace(k, corners);
+            }
+            for (int e = 0; step >= 2 && e < 6; ++e)
+            {
+                const int pickEdge = pick(mesh.getEdgeCapacity());
+                if (pick(3) != 0)
+                    mesh.swapEdge(mesh.edge(pickEdge));
+                else
+                    mesh.deleteVertex(mesh.vertex(pick(mesh.getVertexCapacity())));
+            }
+
+            // The rule, on a copy of the arrays taken just before.
+            std::vector<TopoMesh::HalfEdge> edges(std::size_t(mesh.getEdgeCapacity()));
+            for (int e = 0; e < mesh.getEdgeCapacity(); ++e)
+                edges[std::size_t(e)] = mesh.getHalfEdge(e);
+            std::vector<int> vertexEdge, degree;
+            for (int v = 0; v < mesh.getVertexCapacity(); ++v)
+            {
+                vertexEdge.push_back(mesh.getVertexEdge(v));
+                degree.push_back(mesh.getVertexDegree(v));
+            }
+            std::map<std::pair<int, int>, std::vector<int>> twinless;
+            for (int e = 0; e < int(edges.size()); ++e)
+            {
+                const TopoMesh::HalfEdge& h = edges[std::size_t(e)];
+                if (h.vertex >= 0 && h.twin < 0)
+                    twinless[{h.vertex, edges[std::size_t(h.next)].vertex}].push_back(e);
+            }
+            std::vector<TopoMesh::HalfEdge> expected = edges;
+            for (const auto& [direction, list] : twinless)
+            {
+                const auto opposite = twinless.find({direction.second, direction.first});
+                if (list.size() == 1 && opposite != twinless.end() && opposite->second.size() == 1)
+                    expected[std::size_t(list[0])].twin = opposite->second[0];
+            }
+            std::map<int, int> lowestTwinless;
+            for (int e = int(expected.size()) - 1; e >= 0; --e)
+                if (expected[std::size_t(e)].vertex >= 0 && expected[std::size_t(e)].twin < 0)
+                    lowestTwinless[expected[std::size_t(e)].vertex] = e;
+            for (const auto& [v, e] : lowestTwinless)
+                vertexEdge[std::size_t(v)] = e;
+
+            mesh.meshTwin();
+            ASSERT_EQ(mesh.getEdgeCapacity(), int(expected.size()));
+            for (int e = 0; e < mesh.getEdgeCapacity(); ++e)
+            {
+                const TopoMesh::HalfEdge& h = mesh.getHalfEdge(e);
+                const TopoMesh::HalfEdge& x = expected[std::size_t(e)];
+                EXPECT_EQ(h.vertex, x.vertex);
+                EXPECT_EQ(h.face, x.face);
+                EXPECT_EQ(h.next, x.next);
+                EXPECT_EQ(h.prev, x.prev);
+                EXPECT_EQ(h.twin, x.twin) << "half-edge " << e;
+                paired += x.twin >= 0 && edges[std::size_t(e)].twin < 0;
+            }
+            for (int v = 0; v < mesh.getVertexCapacity(); ++v)
+            {
+                EXPECT_EQ(mesh.getVertexEdge(v), vertexEdge[std::size_t(v)]) << "vertex " << v;
+                EXPECT_EQ(mesh.getVertexDegree(v), degree[std::size_t(v)]);
+                kept += vertexEdge[std::size_t(v)] >= 0 &&
+                        vertexEdge[std::size_t(v)] == mesh.getVertexEdge(v) &&
+                        mesh.getHalfEdge(vertexEdge[std::size_t(v)]).twin >= 0;
+                if (!mesh.isAlive(mesh.vertex(v)))
+                    continue;
+                int spokes = 0;
+                for (TopoMeshEdgeVertexIterator it(mesh.vertex(v)); it.valid(); it.next())
+                    ++spokes;
+                bool boundary = false;
+                EXPECT_EQ(mesh.fanValence(v, boundary), spokes);
+                EXPECT_EQ(mesh.vertex(v).valence(), spokes);
+                ++checked;
+            }
+        }
+    }
+    EXPECT_GT(paired, 200);
+    EXPECT_GT(kept, 1000);
+    EXPECT_GT(checked, 5000);
+}
+
+// A vertex with more leaving half-edges than 16 bits count: its degree, valence and walk,
+// through the edits that change the count and through meshTwin, copy and clear.
+TEST(TopoMesh, DegreesPastSixteenBits)
+{
+    TopoMesh mesh;
+    const int n = 70000;
+    const TopoMeshVertex centre = mesh.allocVertex(0, 0, 0);
+    std::vector<TopoMeshVertex> ring;
+    const double step = 6.283185307179586 / n;
+    for (int i = 0; i < n; ++i)
+        ring.push_back(mesh.allocVertex(std::cos(i * step), std::sin(i * step), 0));
+    for (int i = 0; i < n; ++i)
+    {
+        mesh.allocTriangle(centre, ring[std::size_t(i)], ring[std::size_t((i + 1) % n)]);
+        if (i == 65533 || i == 65534)
+        {
+            EXPECT_EQ(mesh.getVertexDegree(centre.getIndex()), i + 1);
+        }
+    }
+    mesh.meshTwin();
+    EXPECT_EQ(mesh.getVertexDegree(centre.getIndex()), n);
+    EXPECT_EQ(centre.valence(), n);
+    EXPECT_FALSE(centre.onBoundary());
+    EXPECT_EQ(ring[5].valence(), 3);
+    EXPECT_TRUE(ring[5].onBoundary());
+    int spokes = 0;
+    for (TopoMeshEdgeVertexIterator it(centre); it.valid(); it.next())
+        spokes += it.otherVertex() != centre;
+    EXPECT_EQ(spokes, n);
+
+    // Swapping the spoke to ring vertex 2 takes one from the centre and gives one to ring
+    // vertices 1 and 3, which join.
+    EXPECT_TRUE(mesh.swapEdge(mesh.findEdge(centre, ring[2])));
+    EXPECT_EQ(mesh.getVertexDegree(centre.getIndex()), n - 1);
+    EXPECT_EQ(centre.valence(), n - 1);
+    const TopoMesh copy(mesh);
+    EXPECT_EQ(copy.getVertexDegree(centre.getIndex()), n - 1);
+    checkInvariants(mesh);
+
+    // The centre's removal leaves one face over its ring (all ring vertices but 2); a new
+    // centre splits it again.
+    const TopoMeshFace hole = mesh.deleteVertex(centre);
+    ASSERT_TRUE(hole);
+    EXPECT_EQ(hole.numCorners(), n - 1);
+    const TopoMeshVertex apex = mesh.subdivideFace(hole, {0, 0, 1});
+    EXPECT_EQ(mesh.getVertexDegree(apex.getIndex()), n - 1);
+    EXPECT_EQ(apex.valence(), n - 1);
+    checkInvariants(mesh);
+    mesh.meshTwin();
+    EXPECT_EQ(apex.valence(), n - 1);
+    checkInvariants(mesh);
+
+    mesh.clear();
+    const TopoMeshVertex a = mesh.allocVertex(0, 0, 0), b = mesh.allocVertex(1, 0, 0),
+                         c = mesh.allocVertex(0, 1, 0);
+    mesh.allocTriangle(a, b, c);
+    mesh.meshTwin();
+    EXPECT_EQ(a.valence(), 2);
+    EXPECT_EQ(mesh.getVertexDegree(a.getIndex()), 1);
+}
+
+// Tags read -1 until one is set and take no room until then; once they exist, new and reused
+// slots read -1 again and a split face keeps its tag.
+TEST(TopoMesh, TagsTakeRoomOnlyOnceSet)
+{
+    TopoMesh mesh;
+    build(mesh, qyTest::makeUVSphere(6, 8));
+    const std::size_t untagged = mesh.getSizeInBytes();
+    for (TopoMeshVertex v = mesh.firstVertex(); v; v = v.nextInList())
+        EXPECT_EQ(v.getTag(), -1);
+    mesh.vertex(3).setTag(-1);
+    mesh.face(2).setTag(-1);
+    EXPECT_EQ(mesh.getSizeInBytes(), untagged);
+
+    mesh.vertex(3).setTag(30);
+    mesh.face(2).setTag(20);
+    const std::size_t tags = sizeof(int) * std::size_t(mesh.getNumVertices() + mesh.getNumFaces());
+    EXPECT_GE(mesh.getSizeInBytes(), untagged + tags);
+    EXPECT_EQ(mesh.vertex(3).getTag(), 30);
+    EXPECT_EQ(mesh.vertex(4).getTag(), -1);
+    EXPECT_EQ(mesh.face(2).getTag(), 20);
+    EXPECT_EQ(mesh.face(1).getTag(), -1);
+
+    const TopoMeshVertex added = mesh.allocVertex(9, 9, 9);
+    EXPECT_EQ(added.getTag(), -1);
+    added.setTag(7);
+    const int firstNewFace = mesh.getFaceCapacity();
+    const TopoMeshVertex centre = mesh.subdivideFace(mesh.face(2), {0, 0, 0});
+    EXPECT_EQ(centre.getTag(), -1);
+    EXPECT_EQ(mesh.face(2).getTag(), 20);
+    for (int f = firstNewFace; f < mesh.getFaceCapacity(); ++f)
+        EXPECT_EQ(mesh.face(f).getTag(), -1);
+
+    // A deleted vertex's slot comes back untagged.
+    ASSERT_TRUE(mesh.deleteIsolatedVertex(added));
+    EXPECT_EQ(mesh.allocVertex(1, 1, 1), added);
+    EXPECT_EQ(added.getTag(), -1);
+
+    const TopoMesh copy(mesh);
+    EXPECT_EQ(copy.getVertexTag(3), 30);
+    EXPECT_EQ(copy.getFaceTag(2), 20);
+    mesh.clear();
+    build(mesh, qyTest::makeUVSphere(6, 8));
+    EXPECT_EQ(mesh.vertex(3).getTag(), -1);
+    EXPECT_LT(mesh.getSizeInBytes(), untagged + tags); // only the edits' scratch lists stay
 }
 
 } // namespace
