@@ -2,6 +2,8 @@
 // per face.
 #include "qyGeom/meshReadWrite.h"
 
+#include <algorithm>
+#include <climits>
 #include <cstdio>
 #include <vector>
 
@@ -236,6 +238,14 @@ void meshRead(TopoMesh& mesh, const qyOS::Filename& file)
     int nv = 0, nf = 0;
     if (!in.readInt(nv) || !in.readInt(nf))
         nv = nf = 0;
+    // Room for what the header announces, as far as the text can hold it (a vertex takes at
+    // least 6 characters, a face at least 8), with three half-edges a face: one allocation
+    // instead of growth, and no huge one for a header that lies.
+    const std::size_t chars = text.size();
+    const int reserveVertices = int(std::min<std::size_t>(std::size_t(std::max(nv, 0)), chars / 6));
+    const int reserveFaces =
+        int(std::min<std::size_t>({std::size_t(std::max(nf, 0)), chars / 8, INT_MAX / 3}));
+    mesh.reserve(reserveVertices, 3 * reserveFaces, reserveFaces);
     int numVertices = 0;
     bool ok = true;
     for (; ok && numVertices < nv; ++numVertices)
