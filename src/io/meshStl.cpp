@@ -43,8 +43,43 @@ inline void prefetchRead(const void* p)
 #endif
 }
 
-/// Welds corners into vertices by their exact coordinates: an open-addressing hash table of
-/// vertex indices over the vertex array, kept at most half full.
+/// The slot hash of a corner, on the bits of its coordinates with -0 taken for 0 (they
+/// compare equal, so both must land in one slot): the tables take its high bits (the low
+/// bits of a product see only the low bits of its factors, and short decimals leave the
+/// low mantissa bits of a float zero).
+inline std::uint64_t hashCorner(const float* p)
+{
+    std::uint32_t b[3];
+    std::memcpy(b, p, sizeof b);
+    for (std::uint32_t& x : b)
+        x = x == 0x80000000u ? 0 : x;
+    const std::uint64_t h = (std::uint64_t(b[0]) << 32 | b[1]) * 0x9E3779B97F4A7C15ull;
+    return (h ^ b[2]) * 0xC2B2AE3D27D4EB4Full;
+}
+
+/// Corner k of the triangle record at p.
+inline void cornerOf(const char* p, int k, float* c)
+{
+    for (int j = 0; j < 3; ++j)
+    {
+        const std::uint32_t b = detail::loadU32LE(p + 12 + 12 * k + 4 * j);
+        std::memcpy(&c[j], &b, 4);
+    }
+}
+
+/// Welds corners into vertices by their exact coordinates (as floats compare: -0 is 0 and
+/// a NaN is equal to nothing), numbered in order of first use: an open-addressing hash
+/// table of vertex indices over the vertex array, kept at most half full.
+///
+/// The binary reader welds in two levels. Corners are first welded within a window of some
+/// thousands of triangles, in a small table that stays near the core: in a file written
+/// from a mesh, most corners repeat one seen a few triangles before. Each window's distinct
+/// corners, in their order of first use, then go through the table of the whole mesh, far
+/// larger than the cache, and the window's triangles are rewritten from window to mesh
+/// numbers. A vertex's first use in the file lies in the first window that holds it, at
+/// its first use there, so the numbers are those of a weld corner by corner. A window whose
+/// corners are mostly distinct (a file in no particular order) would only add a pass: the
+/// triangles after it are welded corner by corner for a while.
 class Welder
 {
 public:
@@ -53,32 +88,83 @@ public:
         std::size_t capacity = 1024;
         while (capacity < 2 * expected)
             capacity *= 2;
-        m_table.assign(capacity, -1);
-        // Huge pages: the probes land anywhere in the table, and with small pages nearly
-        // every one would also miss the address translation cache.
-        qy::adviseHugePages(m_table.data(), m_table.size() * sizeof(int));
+        m_table.resize(capacity);
+        std::fill(m_table.begin(), m_table.end(), -1);
         m_mask = capacity - 1;
         m_shift = 64 - std::countr_zero(capacity);
         m_xyz.reserve(3 * expected);
         qy::adviseHugePages(m_xyz.data(), m_xyz.capacity() * sizeof(float));
     }
 
-    /// Asks the cache for the table entry of a corner that add() will see soon: the table
-    /// is far larger than the cache, so each new corner would otherwise wait for memory.
-    void prefetch(const float* p) const { prefetchRead(m_table.data() + hash(p)); }
-    /// The second step, nearer: the vertex that the corner's table entry names (when the
-    /// entry is already in the cache, its vertex is next to wait for).
-    void prefetchVertex(const float* p) const
+    /// The vertex of the corner at p (three floats), added when new.
+    int add(const float* p) { return find(p, hashCorner(p)); }
+
+    /// Welds the triangles of binary body bytes [p, p + 50 n), writing their corners'
+    /// vertices at `tri`, which continues the triangles of the previous call. The vertices
+    /// of the last window are written by finish().
+    void addTriangles(const char* p, std::size_t n, int* tri)
     {
-        const int v = m_table[hash(p)];
-        if (v >= 0)
-            prefetchRead(m_xyz.data() + 3 * std::size_t(v));
+        if (m_window.empty())
+        {
+            m_window.assign(windowSlots, -1);
+            m_keys.resize(windowKeys);
+            m_vertexOf.resize(windowKeys);
+        }
+        while (n > 0)
+        {
+            std::size_t count;
+            if (m_directTriangles > 0)
+            {
+                count = std::min(n, m_directTriangles);
+                weldDirect(p, count, tri);
+                m_directTriangles -= count;
+            }
+            else
+            {
+                if (m_windowCorners == 0)
+                    m_windowBegin = tri;
+                count = weldWindow(p, std::min(n, (windowCorners - m_windowCorners) / 3), tri);
+                m_windowCorners += 3 * count;
+                if (m_windowCorners == windowCorners || m_numKeys > windowKeys - 3)
+                    finishWindow();
+            }
+            p += count * triangleBytes;
+            tri += 3 * count;
+            n -= count;
+        }
+    }
+    /// Numbers the vertices of the last window.
+    void finish()
+    {
+        if (m_windowCorners > 0)
+            finishWindow();
     }
 
-    /// The vertex of the corner at p (three floats), added when new.
-    int add(const float* p)
+private:
+    static constexpr std::size_t triangleBytes = 50;
+    /// A window ends after 32,768 triangles or 12,288 distinct corners, whichever comes
+    /// first: its table then is at most 3/8 full whatever the file.
+    static constexpr std::size_t windowCorners = 3 * 32768;
+    static constexpr int windowBits = 15;
+    static constexpr std::size_t windowSlots = std::size_t(1) << windowBits;
+    static constexpr int windowKeys = int(3 * windowSlots / 8);
+    /// The triangles welded corner by corner after a window whose distinct corners are
+    /// more than half of its corners.
+    static constexpr std::size_t directTriangles = 262144;
+
+    /// A distinct corner of the window: its coordinates, its hash and its slot in the
+    /// window's table.
+    struct WindowKey
     {
-        std::size_t slot = hash(p);
+        float xyz[3];
+        std::uint32_t slot;
+        std::uint64_t hash;
+    };
+
+    /// The vertex of the corner at p, whose hash is h, added when new.
+    inline __attribute__((always_inline)) int find(const float* p, std::uint64_t h)
+    {
+        std::size_t slot = std::size_t(h >> m_shift);
         for (;;)
         {
             const int v = m_table[slot];
@@ -98,34 +184,125 @@ public:
             grow();
         return v;
     }
+    /// Starts loading the table entry of a corner that find() will see soon: the table is
+    /// far larger than the cache, so each new corner would otherwise wait for memory.
+    void prefetchSlot(std::uint64_t h) const { prefetchRead(m_table.data() + (h >> m_shift)); }
+    /// The second step, nearer: the vertex that the corner's table entry names (when the
+    /// entry is already in the cache, its vertex is next to wait for).
+    void prefetchVertex(std::uint64_t h) const
+    {
+        const int v = m_table[std::size_t(h >> m_shift)];
+        if (v >= 0)
+            prefetchRead(m_xyz.data() + 3 * std::size_t(v));
+    }
 
-private:
-    static std::uint32_t bits(float f)
+    /// Welds n triangles at p corner by corner into the mesh's table, writing their
+    /// vertices at tri.
+    void weldDirect(const char* p, std::size_t n, int* tri)
     {
-        std::uint32_t b;
-        std::memcpy(&b, &f, 4);
-        // -0 equals 0, so both must land in one slot.
-        return b == 0x80000000u ? 0 : b;
+        // The table entries of the triangles a few ahead are fetched while these are
+        // welded.
+        constexpr std::size_t ahead = 24, aheadVertex = 12;
+        for (std::size_t t = 0; t < n; ++t, p += triangleBytes, tri += 3)
+        {
+            for (int k = 0; k < 3; ++k)
+            {
+                float c[3];
+                if (t + ahead < n)
+                {
+                    cornerOf(p + ahead * triangleBytes, k, c);
+                    prefetchSlot(hashCorner(c));
+                }
+                if (t + aheadVertex < n)
+                {
+                    cornerOf(p + aheadVertex * triangleBytes, k, c);
+                    prefetchVertex(hashCorner(c));
+                }
+            }
+            for (int k = 0; k < 3; ++k)
+            {
+                float c[3];
+                cornerOf(p, k, c);
+                tri[k] = find(c, hashCorner(c));
+            }
+        }
     }
-    /// The slot of a corner: the high bits of a multiplicative hash (the low bits of a
-    /// product see only the low bits of its factors, and short decimals leave the low
-    /// mantissa bits of a float zero).
-    std::size_t hash(const float* p) const
+
+    /// Welds up to n triangles at p into the window, writing window numbers at tri, and
+    /// stops when the window holds as many keys as it takes; returns the triangles welded.
+    std::size_t weldWindow(const char* p, std::size_t n, int* tri)
     {
-        const std::uint64_t h =
-            (std::uint64_t(bits(p[0])) << 32 | bits(p[1])) * 0x9E3779B97F4A7C15ull;
-        return std::size_t(((h ^ bits(p[2])) * 0xC2B2AE3D27D4EB4Full) >> m_shift);
+        int* const window = m_window.data();
+        WindowKey* const keys = m_keys.data();
+        std::size_t t = 0;
+        for (; t < n && m_numKeys <= windowKeys - 3; ++t, p += triangleBytes)
+            for (int k = 0; k < 3; ++k)
+            {
+                float c[3];
+                cornerOf(p, k, c);
+                const std::uint64_t h = hashCorner(c);
+                std::size_t slot = std::size_t(h >> (64 - windowBits));
+                int v;
+                for (;;)
+                {
+                    v = window[slot];
+                    if (v < 0)
+                    {
+                        v = m_numKeys++;
+                        window[slot] = v;
+                        WindowKey& key = keys[v];
+                        std::memcpy(key.xyz, c, sizeof c);
+                        key.slot = std::uint32_t(slot);
+                        key.hash = h;
+                        break;
+                    }
+                    const float* q = keys[v].xyz;
+                    if (q[0] == c[0] && q[1] == c[1] && q[2] == c[2])
+                        break;
+                    slot = (slot + 1) & (windowSlots - 1);
+                }
+                tri[3 * t + std::size_t(k)] = v;
+            }
+        return t;
     }
+
+    /// Gives the window's distinct corners their vertices, in order, rewrites its
+    /// triangles and empties it.
+    void finishWindow()
+    {
+        constexpr int ahead = 32, aheadVertex = 16;
+        const WindowKey* const keys = m_keys.data();
+        int* const vertexOf = m_vertexOf.data();
+        const int n = m_numKeys;
+        for (int i = 0; i < n; ++i)
+        {
+            if (i + ahead < n)
+                prefetchSlot(keys[i + ahead].hash);
+            if (i + aheadVertex < n)
+                prefetchVertex(keys[i + aheadVertex].hash);
+            vertexOf[i] = find(keys[i].xyz, keys[i].hash);
+        }
+        for (std::size_t c = 0; c < m_windowCorners; ++c)
+            m_windowBegin[c] = vertexOf[m_windowBegin[c]];
+        for (int i = 0; i < n; ++i)
+            m_window[keys[i].slot] = -1;
+        if (2 * std::size_t(n) > m_windowCorners)
+            m_directTriangles = directTriangles;
+        m_numKeys = 0;
+        m_windowCorners = 0;
+    }
+
     void grow()
     {
-        m_table.assign(2 * m_table.size(), -1);
-        qy::adviseHugePages(m_table.data(), m_table.size() * sizeof(int));
+        m_table.resize(2 * m_table.size());
+        std::fill(m_table.begin(), m_table.end(), -1);
         m_mask = m_table.size() - 1;
         --m_shift;
         const int n = int(m_xyz.size() / 3);
         for (int v = 0; v < n; ++v)
         {
-            std::size_t slot = hash(m_xyz.data() + 3 * std::size_t(v));
+            std::size_t slot =
+                std::size_t(hashCorner(m_xyz.data() + 3 * std::size_t(v)) >> m_shift);
             while (m_table[slot] >= 0)
                 slot = (slot + 1) & m_mask;
             m_table[slot] = v;
@@ -133,9 +310,17 @@ private:
     }
 
     std::vector<float>& m_xyz;
-    std::vector<int> m_table;
+    qy::RawVector<int> m_table;
     std::size_t m_mask;
     int m_shift;
+    // The window: its table of key numbers, its keys, their vertices once numbered.
+    std::vector<int> m_window;
+    qy::RawVector<WindowKey> m_keys;
+    qy::RawVector<int> m_vertexOf;
+    int m_numKeys = 0;
+    std::size_t m_windowCorners = 0;
+    int* m_windowBegin = nullptr;
+    std::size_t m_directTriangles = 0;
 };
 
 bool isBinary(const char* head, std::size_t headSize, std::size_t size)
@@ -152,47 +337,6 @@ bool isBinary(const char* head, std::size_t headSize, std::size_t size)
     return std::memchr(head, 0, headSize) != nullptr;
 }
 
-/// Corner k of the triangle record at p.
-void cornerOf(const char* p, int k, float* c)
-{
-    for (int j = 0; j < 3; ++j)
-    {
-        const std::uint32_t b = detail::loadU32LE(p + 12 + 12 * k + 4 * j);
-        std::memcpy(&c[j], &b, 4);
-    }
-}
-
-/// Welds the triangles of binary body bytes [p, p + 50 n), writing their corners' vertices
-/// at `tri`.
-void weldTriangles(const char* p, std::size_t n, int* tri, Welder& welder)
-{
-    // The table entries of the triangles a few ahead are fetched while these are welded.
-    constexpr std::size_t ahead = 24, aheadVertex = 12;
-    for (std::size_t t = 0; t < n; ++t, p += triangleBytes, tri += 3)
-    {
-        for (int k = 0; k < 3; ++k)
-        {
-            float c[3];
-            if (t + ahead < n)
-            {
-                cornerOf(p + ahead * triangleBytes, k, c);
-                welder.prefetch(c);
-            }
-            if (t + aheadVertex < n)
-            {
-                cornerOf(p + aheadVertex * triangleBytes, k, c);
-                welder.prefetchVertex(c);
-            }
-        }
-        for (int k = 0; k < 3; ++k)
-        {
-            float c[3];
-            cornerOf(p, k, c);
-            tri[k] = welder.add(c);
-        }
-    }
-}
-
 /// The mesh of a binary file: the triangles welded straight into the mesh's own array, the
 /// vertices gathered by the weld and copied in at the end.
 struct BinaryMesh
@@ -204,6 +348,7 @@ struct BinaryMesh
     int* triangles() { return mesh.getTrianglesRaw(); }
     void build(CompactMesh& out)
     {
+        welder.finish();
         mesh.resizeVertexArray(int(xyz.size() / 3));
         if (!xyz.empty())
             std::memcpy(mesh.getVerticesRaw(), xyz.data(), xyz.size() * sizeof(float));
@@ -359,7 +504,7 @@ qyUtil::Error readMemory(CompactMesh& mesh, const char* p, std::size_t size,
         {
             const std::size_t n = binaryCount(p, size, failure);
             BinaryMesh out(n);
-            weldTriangles(p + headerBytes, n, out.triangles(), out.welder);
+            out.welder.addTriangles(p + headerBytes, n, out.triangles());
             out.build(mesh);
             return {};
         }
@@ -573,7 +718,7 @@ qyUtil::Error meshReadStl(CompactMesh& mesh, const qyOS::Filename& file)
         // triangles in the head's buffer come first.
         std::size_t done = 0;
         const std::size_t inHead = std::min(n, (headSize - headerBytes) / triangleBytes);
-        weldTriangles(head + headerBytes, inHead, tri, out.welder);
+        out.welder.addTriangles(head + headerBytes, inHead, tri);
         done = inHead;
         const std::size_t headRest = headSize - headerBytes - inHead * triangleBytes;
         constexpr std::size_t blockTriangles = 4096;
@@ -588,7 +733,7 @@ qyUtil::Error meshReadStl(CompactMesh& mesh, const qyOS::Filename& file)
                 failure.fail("the file shrank while it was read (at triangle %zu of %zu)", done + 1,
                              n);
             const std::size_t count = (carry + got) / triangleBytes;
-            weldTriangles(block.data(), count, tri + 3 * done, out.welder);
+            out.welder.addTriangles(block.data(), count, tri + 3 * done);
             done += count;
             carry = 0;
         }

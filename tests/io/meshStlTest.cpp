@@ -1,7 +1,12 @@
 #include "qyGeom/meshStl.h"
 
+#include <algorithm>
+#include <array>
+#include <cmath>
 #include <cstring>
 #include <filesystem>
+#include <map>
+#include <random>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -106,6 +111,85 @@ TEST(meshStl, WeldsExactlyAndTellsBinaryFromAsciiByContents)
     EXPECT_EQ("", readStl(ascii, mesh));
     EXPECT_EQ(4, mesh.getNumVertices());
     EXPECT_EQ(2, mesh.getNumTriangles());
+}
+
+TEST(meshStl, LargeSoupsWeldToTheVerticesOfAWeldCornerByCorner)
+{
+    // A grid's soup in mesh order, then a shuffled copy of it, then the grid again: many
+    // windows of the two-level weld, windows ended by their count of distinct corners,
+    // the corner-by-corner stretch after them, and vertices first seen in one window and
+    // used again in later ones. The zeros on the axes come as -0 and 0 (one vertex, with
+    // the sign of its first corner); corners with a NaN are never welded.
+    constexpr int side = 300;
+    auto coord = [](int i, int salt)
+    { return i == side / 2 ? (salt % 3 ? 0.0f : -0.0f) : 0.01f * float(i - side / 2); };
+    std::vector<std::array<float, 9>> grid;
+    for (int j = 0; j + 1 < side; ++j)
+        for (int i = 0; i + 1 < side; ++i)
+        {
+            const int salt = int(grid.size());
+            auto corner = [&](int a, int b, float* c)
+            {
+                c[0] = coord(a, salt);
+                c[1] = coord(b, salt + 1);
+                c[2] = float(a * b % 7);
+            };
+            std::array<float, 9> t, u;
+            corner(i, j, &t[0]);
+            corner(i + 1, j, &t[3]);
+            corner(i + 1, j + 1, &t[6]);
+            corner(i, j, &u[0]);
+            corner(i + 1, j + 1, &u[3]);
+            corner(i, j + 1, &u[6]);
+            if (salt % 9973 == 0)
+                std::fill(t.begin(), t.end(), std::nanf("")); // three corners, three vertices
+            grid.push_back(t);
+            grid.push_back(u);
+        }
+    std::vector<std::array<float, 9>> shuffled = grid;
+    std::shuffle(shuffled.begin(), shuffled.end(), std::mt19937(5));
+    std::vector<float> corners;
+    for (const auto* part : {&grid, &shuffled, &grid})
+        for (const auto& t : *part)
+            corners.insert(corners.end(), t.begin(), t.end());
+
+    // The reference: a map from the coordinates' bits, -0 as 0.
+    std::map<std::array<std::uint32_t, 3>, int> seen;
+    std::vector<std::uint32_t> xyz;
+    std::vector<int> tris;
+    for (std::size_t c = 0; c < corners.size(); c += 3)
+    {
+        std::array<std::uint32_t, 3> key;
+        std::memcpy(key.data(), &corners[c], 12);
+        bool nan = false;
+        for (std::uint32_t& b : key)
+        {
+            nan = nan || (b & 0x7FFFFFFFu) > 0x7F800000u;
+            b = b == 0x80000000u ? 0 : b;
+        }
+        const int next = int(xyz.size() / 3);
+        const int v = nan ? next : seen.emplace(key, next).first->second;
+        if (v == next)
+        {
+            const std::size_t at = xyz.size();
+            xyz.resize(at + 3);
+            std::memcpy(&xyz[at], &corners[c], 12);
+        }
+        tris.push_back(v);
+    }
+
+    CompactMesh mesh;
+    const std::string file = binaryStl(corners);
+    ASSERT_EQ("", readStl(file, mesh, "large.stl"));
+    ASSERT_EQ(int(xyz.size() / 3), mesh.getNumVertices());
+    ASSERT_EQ(int(tris.size() / 3), mesh.getNumTriangles());
+    EXPECT_TRUE(std::equal(tris.begin(), tris.end(), mesh.getTrianglesRaw()));
+    EXPECT_EQ(0, std::memcmp(xyz.data(), mesh.getVerticesRaw(), xyz.size() * 4));
+    // The memory form welds the same.
+    CompactMesh inMemory;
+    ASSERT_TRUE(qyGeom::meshReadStl(inMemory, file.data(), unsigned(file.size())).isSuccess());
+    EXPECT_TRUE(std::equal(tris.begin(), tris.end(), inMemory.getTrianglesRaw()));
+    EXPECT_EQ(0, std::memcmp(xyz.data(), inMemory.getVerticesRaw(), xyz.size() * 4));
 }
 
 TEST(meshStl, RefusesBadInputWithOneLineNamingTheFileAndTheLine)
