@@ -67,6 +67,92 @@ inline void cornerOf(const char* p, int k, float* c)
     }
 }
 
+/// The triangle records of a binary body, handed out in runs: from memory at once, or from
+/// a file through a buffer of whole triangles that stays in the cache (the triangles in the
+/// buffer of the file's head first).
+class TriangleSource
+{
+public:
+    /// The n records at body.
+    TriangleSource(const char* body, std::size_t n) : m_cur(body), m_avail(n), m_n(n), m_given(n) {}
+    /// The n records of a file whose first headBytes body bytes are at head (a whole number
+    /// of records or not); the rest is read from `file`.
+    TriangleSource(detail::TextSource& file, const char* head, std::size_t headBytes, std::size_t n,
+                   const ReadFailure& failure)
+        : m_file(&file), m_failure(&failure), m_head(head), m_headBytes(headBytes), m_n(n)
+    {
+    }
+
+    /// The next records at p, at least one while any are left; returns their count.
+    std::size_t peek(const char*& p)
+    {
+        if (m_avail == 0 && m_given < m_n)
+            refill();
+        p = m_cur;
+        return m_avail;
+    }
+    /// Takes the first k records of the last peek.
+    void consume(std::size_t k)
+    {
+        m_cur += k * triangleBytes;
+        m_avail -= k;
+    }
+
+private:
+    static constexpr std::size_t blockTriangles = 4096;
+
+    void refill()
+    {
+        std::size_t carry = 0;
+        if (m_head)
+        {
+            const std::size_t inHead = std::min(m_n, m_headBytes / triangleBytes);
+            const std::size_t rest = m_headBytes - inHead * triangleBytes;
+            const char* const restAt = m_head + inHead * triangleBytes;
+            m_head = nullptr;
+            m_block.resize(blockTriangles * triangleBytes);
+            if (inHead > 0)
+            {
+                // The head's records are handed out from a copy, with the bytes after them
+                // kept for the first read.
+                std::memcpy(m_block.data(), restAt - inHead * triangleBytes, m_headBytes);
+                m_cur = m_block.data();
+                m_avail = inHead;
+                m_given = inHead;
+                m_carryFrom = inHead * triangleBytes;
+                m_carry = rest;
+                return;
+            }
+            std::memcpy(m_block.data(), restAt, rest);
+            carry = rest;
+        }
+        else if (m_carry > 0)
+        {
+            std::memmove(m_block.data(), m_block.data() + m_carryFrom, m_carry);
+            carry = m_carry;
+            m_carry = 0;
+        }
+        const std::size_t want = std::min(blockTriangles, m_n - m_given) * triangleBytes - carry;
+        const std::size_t got = m_file->read(m_block.data() + carry, want);
+        if (got != want)
+            m_failure->fail("the file shrank while it was read (at triangle %zu of %zu)",
+                            m_given + 1, m_n);
+        m_cur = m_block.data();
+        m_avail = (carry + got) / triangleBytes;
+        m_given += m_avail;
+    }
+
+    static constexpr std::size_t triangleBytes = 50;
+    detail::TextSource* m_file = nullptr;
+    const ReadFailure* m_failure = nullptr;
+    const char* m_head = nullptr;
+    std::size_t m_headBytes = 0;
+    const char* m_cur = nullptr;
+    std::size_t m_avail = 0, m_n, m_given = 0;
+    std::size_t m_carryFrom = 0, m_carry = 0;
+    std::vector<char> m_block;
+};
+
 /// Welds corners into vertices by their exact coordinates (as floats compare: -0 is 0 and
 /// a NaN is equal to nothing), numbered in order of first use: an open-addressing hash
 /// table of vertex indices over the vertex array, kept at most half full.
@@ -99,45 +185,76 @@ public:
     /// The vertex of the corner at p (three floats), added when new.
     int add(const float* p) { return find(p, hashCorner(p)); }
 
-    /// Welds the triangles of binary body bytes [p, p + 50 n), writing their corners'
-    /// vertices at `tri`, which continues the triangles of the previous call. The vertices
-    /// of the last window are written by finish().
-    void addTriangles(const char* p, std::size_t n, int* tri)
+    /// Welds the n triangles of a binary body, writing their corners' vertices at `tri`.
+    /// On a pool of several threads, a window's distinct corners are numbered on one task
+    /// while the next window is read and welded on another; the result is the same.
+    void weldAll(TriangleSource& source, std::size_t n, int* tri)
     {
-        if (m_window.empty())
+        for (Window& w : m_windows)
         {
-            m_window.assign(windowSlots, -1);
-            m_keys.resize(windowKeys);
-            m_vertexOf.resize(windowKeys);
+            w.table.assign(windowSlots, -1);
+            w.keys.resize(windowKeys);
+            w.vertexOf.resize(windowKeys);
         }
-        while (n > 0)
+        const bool parallel = qyUtil::ThreadPool::get().getNumThreads() > 1;
+        std::size_t done = 0;
+        Window* pending = nullptr; // welded, its corners not yet numbered
+        int next = 0;
+        for (;;)
         {
-            std::size_t count;
-            if (m_directTriangles > 0)
+            if (m_directTriangles > 0 && done < n)
             {
-                count = std::min(n, m_directTriangles);
-                weldDirect(p, count, tri);
-                m_directTriangles -= count;
+                if (pending)
+                    finishWindow(*pending);
+                pending = nullptr;
+                while (m_directTriangles > 0 && done < n)
+                {
+                    const char* p;
+                    const std::size_t count =
+                        std::min({source.peek(p), n - done, m_directTriangles});
+                    weldDirect(p, count, tri + 3 * done);
+                    source.consume(count);
+                    done += count;
+                    m_directTriangles -= count;
+                }
+                continue;
+            }
+            if (done == n)
+                break;
+            Window& w = m_windows[next];
+            next ^= 1;
+            const auto fill = [&]
+            {
+                w.begin = tri + 3 * done;
+                while (done < n && w.corners < windowCorners && w.numKeys <= windowKeys - 3)
+                {
+                    const char* p;
+                    const std::size_t avail = source.peek(p);
+                    const std::size_t count = weldWindow(
+                        w, p, std::min({avail, n - done, (windowCorners - w.corners) / 3}),
+                        tri + 3 * done);
+                    source.consume(count);
+                    done += count;
+                    w.corners += 3 * count;
+                }
+            };
+            if (pending && parallel)
+            {
+                Overlap job(fill, [&] { finishWindow(*pending); });
+                qyUtil::ThreadPool::get().run(job);
             }
             else
             {
-                if (m_windowCorners == 0)
-                    m_windowBegin = tri;
-                count = weldWindow(p, std::min(n, (windowCorners - m_windowCorners) / 3), tri);
-                m_windowCorners += 3 * count;
-                if (m_windowCorners == windowCorners || m_numKeys > windowKeys - 3)
-                    finishWindow();
+                if (pending)
+                    finishWindow(*pending);
+                fill();
             }
-            p += count * triangleBytes;
-            tri += 3 * count;
-            n -= count;
+            if (2 * std::size_t(w.numKeys) > w.corners)
+                m_directTriangles = directTriangles;
+            pending = &w;
         }
-    }
-    /// Numbers the vertices of the last window.
-    void finish()
-    {
-        if (m_windowCorners > 0)
-            finishWindow();
+        if (pending)
+            finishWindow(*pending);
     }
 
 private:
@@ -159,6 +276,42 @@ private:
         float xyz[3];
         std::uint32_t slot;
         std::uint64_t hash;
+    };
+
+    /// A window: its table of key numbers, its keys, their vertices once numbered, its
+    /// corners and where their vertices go.
+    struct Window
+    {
+        std::vector<int> table;
+        qy::RawVector<WindowKey> keys;
+        qy::RawVector<int> vertexOf;
+        int numKeys = 0;
+        std::size_t corners = 0;
+        int* begin = nullptr;
+    };
+
+    /// Two jobs at once on the pool: task 0 runs the first, task 1 the second (one after
+    /// the other when the pool runs its tasks in turn).
+    template <class First, class Second> class Overlap final : public qyUtil::ThreadedAlg
+    {
+    public:
+        Overlap(const First& first, const Second& second) : m_first(first), m_second(second) {}
+        void execute(int task, int numTasks) override
+        {
+            if (numTasks < 2)
+            {
+                m_second();
+                m_first();
+            }
+            else if (task == 0)
+                m_first();
+            else if (task == 1)
+                m_second();
+        }
+
+    private:
+        First m_first;
+        Second m_second;
     };
 
     /// The vertex of the corner at p, whose hash is h, added when new.
@@ -230,12 +383,12 @@ private:
 
     /// Welds up to n triangles at p into the window, writing window numbers at tri, and
     /// stops when the window holds as many keys as it takes; returns the triangles welded.
-    std::size_t weldWindow(const char* p, std::size_t n, int* tri)
+    static std::size_t weldWindow(Window& w, const char* p, std::size_t n, int* tri)
     {
-        int* const window = m_window.data();
-        WindowKey* const keys = m_keys.data();
+        int* const window = w.table.data();
+        WindowKey* const keys = w.keys.data();
         std::size_t t = 0;
-        for (; t < n && m_numKeys <= windowKeys - 3; ++t, p += triangleBytes)
+        for (; t < n && w.numKeys <= windowKeys - 3; ++t, p += triangleBytes)
             for (int k = 0; k < 3; ++k)
             {
                 float c[3];
@@ -248,7 +401,7 @@ private:
                     v = window[slot];
                     if (v < 0)
                     {
-                        v = m_numKeys++;
+                        v = w.numKeys++;
                         window[slot] = v;
                         WindowKey& key = keys[v];
                         std::memcpy(key.xyz, c, sizeof c);
@@ -268,12 +421,12 @@ private:
 
     /// Gives the window's distinct corners their vertices, in order, rewrites its
     /// triangles and empties it.
-    void finishWindow()
+    void finishWindow(Window& w)
     {
         constexpr int ahead = 32, aheadVertex = 16;
-        const WindowKey* const keys = m_keys.data();
-        int* const vertexOf = m_vertexOf.data();
-        const int n = m_numKeys;
+        const WindowKey* const keys = w.keys.data();
+        int* const vertexOf = w.vertexOf.data();
+        const int n = w.numKeys;
         for (int i = 0; i < n; ++i)
         {
             if (i + ahead < n)
@@ -282,14 +435,12 @@ private:
                 prefetchVertex(keys[i + aheadVertex].hash);
             vertexOf[i] = find(keys[i].xyz, keys[i].hash);
         }
-        for (std::size_t c = 0; c < m_windowCorners; ++c)
-            m_windowBegin[c] = vertexOf[m_windowBegin[c]];
+        for (std::size_t c = 0; c < w.corners; ++c)
+            w.begin[c] = vertexOf[w.begin[c]];
         for (int i = 0; i < n; ++i)
-            m_window[keys[i].slot] = -1;
-        if (2 * std::size_t(n) > m_windowCorners)
-            m_directTriangles = directTriangles;
-        m_numKeys = 0;
-        m_windowCorners = 0;
+            w.table[keys[i].slot] = -1;
+        w.numKeys = 0;
+        w.corners = 0;
     }
 
     void grow()
@@ -313,13 +464,7 @@ private:
     qy::RawVector<int> m_table;
     std::size_t m_mask;
     int m_shift;
-    // The window: its table of key numbers, its keys, their vertices once numbered.
-    std::vector<int> m_window;
-    qy::RawVector<WindowKey> m_keys;
-    qy::RawVector<int> m_vertexOf;
-    int m_numKeys = 0;
-    std::size_t m_windowCorners = 0;
-    int* m_windowBegin = nullptr;
+    Window m_windows[2];
     std::size_t m_directTriangles = 0;
 };
 
@@ -348,7 +493,6 @@ struct BinaryMesh
     int* triangles() { return mesh.getTrianglesRaw(); }
     void build(CompactMesh& out)
     {
-        welder.finish();
         mesh.resizeVertexArray(int(xyz.size() / 3));
         if (!xyz.empty())
             std::memcpy(mesh.getVerticesRaw(), xyz.data(), xyz.size() * sizeof(float));
@@ -504,7 +648,8 @@ qyUtil::Error readMemory(CompactMesh& mesh, const char* p, std::size_t size,
         {
             const std::size_t n = binaryCount(p, size, failure);
             BinaryMesh out(n);
-            out.welder.addTriangles(p + headerBytes, n, out.triangles());
+            TriangleSource source(p + headerBytes, n);
+            out.welder.weldAll(source, n, out.triangles());
             out.build(mesh);
             return {};
         }
@@ -713,30 +858,8 @@ qyUtil::Error meshReadStl(CompactMesh& mesh, const qyOS::Filename& file)
         }
         const std::size_t n = binaryCount(head, size, failure);
         BinaryMesh out(n);
-        int* tri = out.triangles();
-        // The body goes through a buffer of whole triangles that stays in the cache; the
-        // triangles in the head's buffer come first.
-        std::size_t done = 0;
-        const std::size_t inHead = std::min(n, (headSize - headerBytes) / triangleBytes);
-        out.welder.addTriangles(head + headerBytes, inHead, tri);
-        done = inHead;
-        const std::size_t headRest = headSize - headerBytes - inHead * triangleBytes;
-        constexpr std::size_t blockTriangles = 4096;
-        std::vector<char> block(blockTriangles * triangleBytes);
-        std::memcpy(block.data(), head + headSize - headRest, headRest);
-        std::size_t carry = headRest;
-        while (done < n)
-        {
-            const std::size_t want = std::min(blockTriangles, n - done) * triangleBytes - carry;
-            const std::size_t got = source.read(block.data() + carry, want);
-            if (got != want)
-                failure.fail("the file shrank while it was read (at triangle %zu of %zu)", done + 1,
-                             n);
-            const std::size_t count = (carry + got) / triangleBytes;
-            out.welder.addTriangles(block.data(), count, tri + 3 * done);
-            done += count;
-            carry = 0;
-        }
+        TriangleSource body(source, head + headerBytes, headSize - headerBytes, n, failure);
+        out.welder.weldAll(body, n, out.triangles());
         out.build(mesh);
     }
     catch (const qyUtil::Error& e)

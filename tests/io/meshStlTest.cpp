@@ -178,18 +178,24 @@ TEST(meshStl, LargeSoupsWeldToTheVerticesOfAWeldCornerByCorner)
         tris.push_back(v);
     }
 
-    CompactMesh mesh;
+    // On one thread and on several (a window numbered while the next is welded), from a
+    // file and from memory: the same mesh, bit for bit.
     const std::string file = binaryStl(corners);
-    ASSERT_EQ("", readStl(file, mesh, "large.stl"));
-    ASSERT_EQ(int(xyz.size() / 3), mesh.getNumVertices());
-    ASSERT_EQ(int(tris.size() / 3), mesh.getNumTriangles());
-    EXPECT_TRUE(std::equal(tris.begin(), tris.end(), mesh.getTrianglesRaw()));
-    EXPECT_EQ(0, std::memcmp(xyz.data(), mesh.getVerticesRaw(), xyz.size() * 4));
-    // The memory form welds the same.
-    CompactMesh inMemory;
-    ASSERT_TRUE(qyGeom::meshReadStl(inMemory, file.data(), unsigned(file.size())).isSuccess());
-    EXPECT_TRUE(std::equal(tris.begin(), tris.end(), inMemory.getTrianglesRaw()));
-    EXPECT_EQ(0, std::memcmp(xyz.data(), inMemory.getVerticesRaw(), xyz.size() * 4));
+    for (const int threads : {1, 3})
+    {
+        SCOPED_TRACE(threads);
+        qyTest::ScopedThreadCount scoped(threads);
+        CompactMesh mesh, inMemory;
+        ASSERT_EQ("", readStl(file, mesh, "large.stl"));
+        ASSERT_TRUE(qyGeom::meshReadStl(inMemory, file.data(), unsigned(file.size())).isSuccess());
+        for (const CompactMesh* m : {&mesh, &inMemory})
+        {
+            ASSERT_EQ(int(xyz.size() / 3), m->getNumVertices());
+            ASSERT_EQ(int(tris.size() / 3), m->getNumTriangles());
+            EXPECT_TRUE(std::equal(tris.begin(), tris.end(), m->getTrianglesRaw()));
+            EXPECT_EQ(0, std::memcmp(xyz.data(), m->getVerticesRaw(), xyz.size() * 4));
+        }
+    }
 }
 
 TEST(meshStl, RefusesBadInputWithOneLineNamingTheFileAndTheLine)
