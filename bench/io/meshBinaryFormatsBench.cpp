@@ -4,10 +4,14 @@
 // system's temporary directory; the reads time those files. When the build found assimp,
 // its importer reads the same files in the same run (without post-processing, and with
 // the vertex join that gives a welded mesh like ours), for a ratio within one run.
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <numeric>
+#include <random>
 #include <string>
+#include <vector>
 
 #include <benchmark/benchmark.h>
 
@@ -44,6 +48,29 @@ const qyGeom::CompactMesh& sphere()
         return m;
     }();
     return mesh;
+}
+
+/// The sphere's triangles in a shuffled order (a soup in which no corner is near another
+/// use of its vertex), as binary STL, written once.
+const std::string& shuffledStlFile()
+{
+    static const std::string path = []
+    {
+        qyGeom::CompactMesh m = sphere();
+        const int n = m.getNumTriangles();
+        std::vector<int> order(static_cast<std::size_t>(n));
+        std::iota(order.begin(), order.end(), 0);
+        std::shuffle(order.begin(), order.end(), std::mt19937(1));
+        std::vector<int> tris(m.getTrianglesRaw(), m.getTrianglesRaw() + 3 * std::size_t(n));
+        int* out = m.getTrianglesRaw();
+        for (int t = 0; t < n; ++t)
+            std::copy_n(tris.data() + 3 * std::size_t(order[std::size_t(t)]), 3,
+                        out + 3 * std::size_t(t));
+        const std::string p = tempFile("qygeom_bench_sphere_shuffled.stl");
+        qyGeom::meshWriteStl(m, qyOS::Filename(p.c_str()));
+        return p;
+    }();
+    return path;
 }
 
 /// The sphere as a binary file of the format, written once.
@@ -86,6 +113,19 @@ void BM_ReadPly(benchmark::State& state)
 void BM_ReadStl(benchmark::State& state)
 {
     const std::string& path = sphereFile(false);
+    for (auto _ : state)
+    {
+        qyGeom::CompactMesh mesh;
+        if (!qyGeom::meshReadStl(mesh, qyOS::Filename(path.c_str())).isSuccess())
+            state.SkipWithError("read failed");
+        benchmark::DoNotOptimize(mesh.getNumVertices());
+    }
+    setTriangles(state);
+}
+
+void BM_ReadStlShuffled(benchmark::State& state)
+{
+    const std::string& path = shuffledStlFile();
     for (auto _ : state)
     {
         qyGeom::CompactMesh mesh;
@@ -140,6 +180,7 @@ BENCHMARK_CAPTURE(BM_AssimpRead, stl_joined, false, unsigned(aiProcess_JoinIdent
 
 BENCHMARK(BM_ReadPly)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(BM_ReadStl)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_ReadStlShuffled)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(BM_WritePly)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(BM_WriteStl)->Unit(benchmark::kMillisecond)->UseRealTime();
 int main(int argc, char** argv)

@@ -37,8 +37,11 @@ enum class StlEncoding
 /// triangles (their corners would overflow an int), an ASCII file with a keyword out of
 /// place, a number that is not one, a facet of other than three vertices, or an end before
 /// "endsolid".
-/// Cost: O(file size) time; a binary file is streamed, so the memory is the mesh and the
-/// weld's hash table (4 bytes per 2 vertices, at least).
+/// Cost: O(file size) time; a binary file is streamed, so the memory is the mesh, the
+/// weld's hash table (4 bytes per 2 vertices, at least) and about 1 MB of fixed buffers.
+/// Threads: a binary file's weld runs on two tasks of a pool of several threads (one welds
+/// the file's next triangles among themselves while the other numbers the ones before);
+/// the result does not depend on the thread count.
 QYGEOM_API qyUtil::Error meshReadStl(CompactMesh& mesh, const qyOS::Filename& file);
 
 /// Reads the STL file held in the `length` bytes at `data`; errors name a "memory block".
