@@ -463,3 +463,128 @@ TEST(MeshCompact, TheExactRouteGivesTheSameWeldOnOneTaskAndOnTwo)
             expectWeld(before, reference, expected);
     }
 }
+
+namespace
+{
+
+// The triangle soup of a mesh (one vertex per corner; the triangles shuffled first when asked),
+// with explicit normals and UVs when asked. Some corners at a zero coordinate get -0, a few get
+// a NaN, and some copies of a position get a normal or UV of their own, so that groups of one
+// position split and the sort must look past the position.
+CompactMesh markedSoup(CompactMesh mesh, bool shuffled, bool attributes)
+{
+    if (shuffled)
+    {
+        std::mt19937 rng(5);
+        qyGeom::MeshTriangle* tris = mesh.getTriangles();
+        std::shuffle(tris, tris + mesh.getNumTriangles(), rng);
+    }
+    CompactMesh soup = qyTest::makeTriangleSoup(mesh);
+    const int n = soup.getNumVertices();
+    float* v = soup.getVerticesRaw();
+    for (int i = 0; i < n; ++i)
+    {
+        for (int c = 0; c < 3; ++c)
+            if (v[3 * i + c] == 0 && i % 3 != 0)
+                v[3 * i + c] = -0.0f;
+        if (i % 997 == 5)
+            v[3 * i + i % 3] = qnan;
+    }
+    if (attributes)
+    {
+        soup.allocNormalArray();
+        soup.allocUVArray();
+        soup.setNormalsComputed(false);
+        v = soup.getVerticesRaw();
+        float* nrm = soup.getNormalsRaw();
+        float* uv = soup.getUVsRaw();
+        for (int i = 0; i < n; ++i)
+        {
+            for (int c = 0; c < 3; ++c)
+                nrm[3 * i + c] = i % 11 == 0 ? float(c == 0) : v[3 * i + c];
+            uv[2 * i] = i % 13 == 0 ? 0.5f : v[3 * i];
+            uv[2 * i + 1] = i % 17 == 0 ? -0.0f : 0.0f;
+        }
+    }
+    return soup;
+}
+
+// The mesh with its coordinates turned (x, y, z) -> (z + shift, x, y): x is then the same
+// (shift) for every vertex of a flat grid.
+CompactMesh turned(CompactMesh mesh, float shift)
+{
+    float* v = mesh.getVerticesRaw();
+    for (int i = 0; i < mesh.getNumVertices(); ++i)
+    {
+        const float x = v[3 * i], y = v[3 * i + 1], z = v[3 * i + 2];
+        v[3 * i] = z + shift;
+        v[3 * i + 1] = x;
+        v[3 * i + 2] = y;
+    }
+    return mesh;
+}
+
+} // namespace
+
+TEST(MeshCompact, TheExactRouteWeldsSoupsAsTheSortAndScanDoesOnAnyThreadCount)
+{
+    struct Case
+    {
+        const char* name;
+        CompactMesh mesh;
+    };
+    // Spheres give many keys that share one or two coordinates (mirror images); the grids
+    // share x everywhere (all +0 and -0 for the first, all 1 for the second), and a column of
+    // the grid shares y. Sizes span the small and the large sort of the groups.
+    std::vector<Case> cases;
+    for (int rings : {3, 8, 32, 100})
+        cases.push_back({"sphere", qyTest::makeUVSphere(rings, 2 * rings)});
+    cases.push_back({"grid in x = 0", turned(qyTest::makeGrid(40, 30), 0.0f)});
+    cases.push_back({"grid in x = 1", turned(qyTest::makeGrid(40, 30), 1.0f)});
+    {
+        // Many more distinct positions than the soup's copies share: the table grows.
+        CompactMesh mesh = qyTest::makeUVSphere(16, 32);
+        CompactMesh scattered = qyTest::makeTriangleSoup(mesh);
+        float* v = scattered.getVerticesRaw();
+        for (int i = 0; i < scattered.getNumVertices(); ++i)
+            if (i % 4 != 0)
+                v[3 * i] += float(i);
+        cases.push_back({"mostly distinct", scattered});
+    }
+    CallerChecker sortAndScan;
+    for (const Case& c : cases)
+        for (bool shuffled : {false, true})
+            for (bool attributes : {false, true})
+            {
+                SCOPED_TRACE(testing::Message()
+                             << c.name << " " << c.mesh.getNumVertices() << " shuffled " << shuffled
+                             << " attributes " << attributes);
+                const CompactMesh before = markedSoup(c.mesh, shuffled, attributes);
+                CompactMesh reference = before;
+                Remap expected;
+                {
+                    qyTest::ScopedThreadCount scope(1);
+                    expected = weld(reference, &sortAndScan);
+                }
+                if (before.getNumVertices() < 20000)
+                    expectWeld(before, reference, expected);
+                ASSERT_FALSE(expected.isSequential());
+                const int size = reference.getNumVertices();
+                const int numIndices = 3 * before.getNumTriangles();
+                for (int threads : {1, 3})
+                {
+                    qyTest::ScopedThreadCount scope(threads);
+                    CompactMesh mesh = before;
+                    const Remap remap = weld(mesh);
+                    ASSERT_EQ(mesh.getNumVertices(), size) << threads;
+                    EXPECT_EQ(entries(remap), entries(expected)) << threads;
+                    EXPECT_TRUE(
+                        sameBits(mesh.getVerticesRaw(), reference.getVerticesRaw(), 3 * size));
+                    EXPECT_TRUE(
+                        sameBits(mesh.getNormalsRaw(), reference.getNormalsRaw(), 3 * size));
+                    EXPECT_TRUE(sameBits(mesh.getUVsRaw(), reference.getUVsRaw(), 2 * size));
+                    EXPECT_EQ(values(mesh.getTrianglesRaw(), numIndices),
+                              values(reference.getTrianglesRaw(), numIndices));
+                }
+            }
+}
