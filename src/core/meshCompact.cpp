@@ -174,8 +174,10 @@ template <int W> bool hasNaN(const float* key)
     return nan;
 }
 
-// Hash of a NaN-free key that gives +0 and -0 the same value, as they are equal.
-template <int W> std::uint64_t hashKey(const float* key)
+// Hash of a NaN-free key that gives +0 and -0 the same value, as they are equal: one product
+// per component by a constant of its own, the products xor-ed. Tables take the top bits of the
+// hash, which every bit of every component reaches.
+template <int W> inline std::uint64_t hashKey(const float* key)
 {
     static constexpr std::uint64_t mul[8] = {
         0x9E3779B97F4A7C15ull, 0xC2B2AE3D27D4EB4Full, 0x165667B19E3779F9ull, 0xD6E8FEB86659FD93ull,
@@ -185,11 +187,8 @@ template <int W> std::uint64_t hashKey(const float* key)
     {
         std::uint32_t b = std::bit_cast<std::uint32_t>(key[k]);
         b = (b << 1) == 0 ? 0 : b;
-        h ^= (std::uint64_t(b) + std::uint64_t(k)) * mul[k];
+        h ^= std::uint64_t(b) * mul[k];
     }
-    h ^= h >> 32;
-    h *= 0xD6E8FEB86659FD93ull;
-    h ^= h >> 32;
     return h;
 }
 
@@ -207,66 +206,63 @@ template <int W> bool sameKey(const float* a, const float* b)
 // Sorts m items, given in increasing index order, by `less`, using `scratch` (m items). Keys
 // rarely tie in their primary component, so a stable radix sort on it (digits of `DigitBits`
 // bits from the lowest; a digit that is the same in every item is skipped) leaves only short
-// runs of equal words, each then sorted by the full order. Eleven-bit digits take three passes;
-// eight-bit ones take four, but their 256 buckets are written within the first-level cache,
-// which pays while the items are few.
-//
-// The full order reads the keys of the items that tie, wherever they are: `fetch(item)` asks
-// for an item's key to be loaded, a little ahead of the run that it ties in.
-template <int DigitBits = 11, class Item, class Less, class Fetch>
-void sortItems(Item* items, Item* scratch, std::ptrdiff_t m, Less less, Fetch fetch)
+// runs of equal words, each then sorted by the full order, by insertion while it is short (the
+// items carry the next key words, so most comparisons do not read the keys). Eleven-bit digits
+// take three passes; eight-bit ones take four, but their 256 buckets are written within the
+// first-level cache, which pays while the items are few.
+template <int DigitBits = 11, class Item, class Less>
+void sortItems(Item* items, Item* scratch, std::ptrdiff_t m, Less less)
 {
     constexpr int numBuckets = 1 << DigitBits;
     constexpr int numDigits = (32 + DigitBits - 1) / DigitBits;
-    std::vector<std::ptrdiff_t> counts(numDigits * numBuckets, 0);
+    constexpr std::uint32_t digitMask = numBuckets - 1;
+    // Counts fit in 32 bits: m is at most the vertex count, an int.
+    std::uint32_t counts[numDigits][numBuckets] = {};
     for (std::ptrdiff_t i = 0; i < m; ++i)
     {
         const std::uint32_t w = items[i].word;
         for (int d = 0; d < numDigits; ++d)
-            ++counts[std::size_t(d * numBuckets) + ((w >> (d * DigitBits)) & (numBuckets - 1))];
+            ++counts[d][(w >> (d * DigitBits)) & digitMask];
     }
     Item* from = items;
     Item* to = scratch;
     for (int digit = 0; digit < numDigits && m > 1; ++digit)
     {
-        std::ptrdiff_t* offsets = counts.data() + digit * numBuckets;
+        std::uint32_t* offsets = counts[digit];
         const int shift = digit * DigitBits;
-        if (offsets[(from[0].word >> shift) & (numBuckets - 1)] == m)
+        if (std::ptrdiff_t(offsets[(from[0].word >> shift) & digitMask]) == m)
             continue;
-        std::ptrdiff_t sum = 0;
+        std::uint32_t sum = 0;
         for (int b = 0; b < numBuckets; ++b)
         {
-            const std::ptrdiff_t c = offsets[b];
+            const std::uint32_t c = offsets[b];
             offsets[b] = sum;
             sum += c;
         }
         for (std::ptrdiff_t i = 0; i < m; ++i)
-            to[offsets[(from[i].word >> shift) & (numBuckets - 1)]++] = from[i];
+            to[offsets[(from[i].word >> shift) & digitMask]++] = from[i];
         std::swap(from, to);
     }
     if (from != items)
         std::memcpy(static_cast<void*>(items), from, sizeof(Item) * std::size_t(m));
 
-    constexpr std::ptrdiff_t fetchAhead = 16;
-    std::ptrdiff_t fetched = 0; // items below this have been looked at for fetching
+    constexpr std::ptrdiff_t shortRun = 16;
     for (std::ptrdiff_t i = 0; i < m;)
     {
-        for (const std::ptrdiff_t stop = std::min(i + fetchAhead, m - 1); fetched < stop; ++fetched)
-            if (items[fetched].word == items[fetched + 1].word)
-            {
-                fetch(items[fetched]);
-                fetch(items[fetched + 1]);
-            }
         std::ptrdiff_t j = i + 1;
         while (j < m && items[j].word == items[i].word)
             ++j;
-        if (j - i == 2)
-        {
-            if (less(items[i + 1], items[i]))
-                std::swap(items[i], items[i + 1]);
-        }
-        else if (j - i > 2)
+        if (j - i > shortRun)
             std::sort(items + i, items + j, less);
+        else
+            for (std::ptrdiff_t k = i + 1; k < j; ++k)
+            {
+                const Item item = items[k];
+                std::ptrdiff_t p = k;
+                for (; p > i && less(item, items[p - 1]); --p)
+                    items[p] = items[p - 1];
+                items[p] = item;
+            }
         i = j;
     }
 }
@@ -350,16 +346,25 @@ struct ListStream
 template <int W> class StreamGrouper
 {
     // Below this many groups the sort takes eight-bit digits.
-    static constexpr std::ptrdiff_t smallSort = std::ptrdiff_t(1) << 17;
+    static constexpr std::ptrdiff_t smallSort = std::ptrdiff_t(1) << 13;
+
+    // From this many vertices the table and the group keys outgrow the second-level cache:
+    // the table takes one slot per two vertices instead of one per vertex, and the grouping
+    // asks for the slots and keys that it will read a few vertices ahead. Below, the requests
+    // would only cost instructions, and the sparser table ends most lookups at their first
+    // slot, so that the exit of the probe loop is well predicted.
+    static constexpr std::ptrdiff_t largeItems = std::ptrdiff_t(1) << 18;
 
 public:
-    // For `m` vertices in all. The table is sized for one distinct key in four vertices at a
-    // load of at most a half, and doubles beyond that.
-    StreamGrouper(const KeyReader<W>& keys, std::ptrdiff_t m) : m_keys(keys)
+    // For `m` vertices in all. The table doubles when groups fill half of it.
+    StreamGrouper(const KeyReader<W>& keys, std::ptrdiff_t m)
+        : m_keys(keys), m_prefetch(m >= largeItems)
     {
-        std::size_t capacity = 64;
-        while (capacity < std::size_t(m) / 2)
-            capacity *= 2;
+        int bits = 6;
+        while ((std::size_t(1) << bits) < std::size_t(m) / (m_prefetch ? 2 : 1))
+            ++bits;
+        const std::size_t capacity = std::size_t(1) << bits;
+        m_shift = 64 - bits;
         m_table.reserve(capacity);
         qy::adviseHugePages(m_table);
         m_table.assign(capacity, -1);
@@ -371,69 +376,10 @@ public:
     // Takes the m vertices of `stream`, whose indices are all above those taken before.
     template <class Stream> void add(const Stream& stream, std::ptrdiff_t m)
     {
-        std::vector<int>& table = m_table;
-        std::size_t mask = table.size() - 1;
-        float* groupKeys = m_groupKeys.get();
-        int* last = m_last.get();
-        int count = m_count;
-
-        auto hashAhead = [&](std::ptrdiff_t j)
-        {
-            float key[W];
-            m_keys.load(stream.vertex(j), key);
-            const std::uint64_t hash = hashKey<W>(key);
-            __builtin_prefetch(table.data() + (hash & mask));
-            return hash;
-        };
-        std::uint64_t hashes[ahead];
-        for (std::ptrdiff_t j = 0; j < std::min(ahead, m); ++j)
-            hashes[j % ahead] = hashAhead(j);
-        for (std::ptrdiff_t j = 0; j < m; ++j)
-        {
-            const std::uint64_t hash = hashes[j % ahead];
-            // Half way, the slot fetched for a vertex is there to be read: the key of the
-            // group that it names (the one that vertex most likely joins) is fetched too.
-            if (j + ahead / 2 < m)
-            {
-                const int r = table[hashes[(j + ahead / 2) % ahead] & mask];
-                if (r >= 0)
-                    __builtin_prefetch(groupKeys + std::ptrdiff_t(W) * r);
-            }
-            const int i = stream.vertex(j);
-            if (j + ahead < m)
-                hashes[j % ahead] = hashAhead(j + ahead);
-            float key[W];
-            m_keys.load(i, key);
-            int g = -1;
-            if (!hasNaN<W>(key))
-            {
-                for (std::size_t slot = hash & mask;; slot = (slot + 1) & mask)
-                {
-                    const int r = table[slot];
-                    if (r < 0)
-                    {
-                        table[slot] = count;
-                        break;
-                    }
-                    if (sameKey<W>(key, groupKeys + std::ptrdiff_t(W) * r))
-                    {
-                        g = r;
-                        break;
-                    }
-                }
-            }
-            if (g < 0)
-            {
-                // A new group (a NaN key is one of its own, outside the table).
-                g = count++;
-                std::memcpy(groupKeys + std::ptrdiff_t(W) * g, key, sizeof(key));
-                if (2 * std::size_t(count) > table.size())
-                    mask = grow();
-            }
-            stream.put(j, g);
-            last[g] = i;
-        }
-        m_count = count;
+        if (m_prefetch)
+            addAll<true>(stream, m);
+        else
+            addAll<false>(stream, m);
     }
 
     int count() const { return m_count; }
@@ -476,13 +422,12 @@ public:
                 if (mask != 0)
                     build(std::countr_zero(mask));
             }
-            const KeyItemLess<DenseKeyOrder<W>> less{DenseKeyOrder<W>{keys}};
             // Keys that tie in the three words of their items are rare but for NaN keys.
-            auto fetch = [](const KeyItem&) {};
+            const KeyItemLess<DenseKeyOrder<W>> less{DenseKeyOrder<W>{keys}};
             if (count < smallSort)
-                sortItems<8>(items.get(), scratch.get(), count, less, fetch);
+                sortItems<8>(items.get(), scratch.get(), count, less);
             else
-                sortItems(items.get(), scratch.get(), count, less, fetch);
+                sortItems(items.get(), scratch.get(), count, less);
         }
         m_groupKeys.reset();
         // The group's highest vertex supplies the data; its entry then holds its new index.
@@ -499,28 +444,112 @@ public:
     const int* newIndex() const { return m_last.get(); }
 
 private:
+    template <bool Prefetch, class Stream> void addAll(const Stream& stream, std::ptrdiff_t m)
+    {
+        std::vector<int>& table = m_table;
+        std::size_t mask = table.size() - 1;
+        int shift = m_shift;
+        float* groupKeys = m_groupKeys.get();
+        int* last = m_last.get();
+        int count = m_count;
+
+        // With Prefetch, the slot of the vertex `ahead` places on is fetched early, its hash
+        // kept in a ring for when the loop gets there.
+        [[maybe_unused]] std::uint64_t hashes[Prefetch ? ahead : 1];
+        auto hashAhead = [&](std::ptrdiff_t j)
+        {
+            float key[W];
+            m_keys.load(stream.vertex(j), key);
+            const std::uint64_t hash = hashKey<W>(key);
+            __builtin_prefetch(table.data() + (hash >> shift));
+            return hash;
+        };
+        if constexpr (Prefetch)
+            for (std::ptrdiff_t j = 0; j < std::min(ahead, m); ++j)
+                hashes[j % ahead] = hashAhead(j);
+        for (std::ptrdiff_t j = 0; j < m; ++j)
+        {
+            const int i = stream.vertex(j);
+            float key[W];
+            m_keys.load(i, key);
+            std::uint64_t hash;
+            if constexpr (Prefetch)
+            {
+                hash = hashes[j % ahead];
+                // Half way, the slot fetched for a vertex is there to be read: the key of the
+                // group that it names (the one that vertex most likely joins) is fetched too.
+                if (j + ahead / 2 < m)
+                {
+                    const int r = table[hashes[(j + ahead / 2) % ahead] >> shift];
+                    if (r >= 0)
+                        __builtin_prefetch(groupKeys + std::ptrdiff_t(W) * r);
+                }
+                if (j + ahead < m)
+                    hashes[j % ahead] = hashAhead(j + ahead);
+            }
+            else
+                hash = hashKey<W>(key);
+            int g = -1;
+            if (!hasNaN<W>(key))
+            {
+                for (std::size_t slot = hash >> shift;; slot = (slot + 1) & mask)
+                {
+                    const int r = table[slot];
+                    if (r < 0)
+                    {
+                        table[slot] = count;
+                        break;
+                    }
+                    if (sameKey<W>(key, groupKeys + std::ptrdiff_t(W) * r))
+                    {
+                        g = r;
+                        break;
+                    }
+                }
+            }
+            if (g < 0)
+            {
+                // A new group (a NaN key is one of its own, outside the table).
+                g = count++;
+                std::memcpy(groupKeys + std::ptrdiff_t(W) * g, key, sizeof(key));
+                if (2 * std::size_t(count) > table.size())
+                {
+                    grow();
+                    mask = table.size() - 1;
+                    shift = m_shift;
+                }
+            }
+            stream.put(j, g);
+            last[g] = i;
+        }
+        m_count = count;
+    }
+
     // Doubles the table; the groups in it are entered again (NaN keys' groups never are).
-    std::size_t grow()
+    void grow()
     {
         std::vector<int> old(m_table.size() * 2, -1);
         old.swap(m_table);
+        --m_shift;
         const std::size_t mask = m_table.size() - 1;
         const float* groupKeys = m_groupKeys.get();
         for (int g : old)
         {
             if (g < 0)
                 continue;
-            std::size_t slot = hashKey<W>(groupKeys + std::ptrdiff_t(W) * g) & mask;
+            std::size_t slot = hashKey<W>(groupKeys + std::ptrdiff_t(W) * g) >> m_shift;
             while (m_table[slot] >= 0)
                 slot = (slot + 1) & mask;
             m_table[slot] = g;
         }
-        return mask;
     }
 
     KeyReader<W> m_keys;
+    bool m_prefetch;
     int m_count = 0;
     std::vector<int> m_table;
+    // The table has 2^(64 - m_shift) slots; a key's first slot is its hash >> m_shift.
+    int m_shift = 0;
     std::unique_ptr<float[]> m_groupKeys;
     std::unique_ptr<int[]> m_last;
 };
