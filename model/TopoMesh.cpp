@@ -2,6 +2,7 @@
 #include "model/TopoMesh.h"
 
 #include <algorithm>
+#include <cassert>
 #include <memory>
 #include <utility>
 
@@ -666,6 +667,32 @@ TopoMesh::BulkArrays TopoMesh::allocBulk(int numVertices, int numEdges, int numF
     m_singleFans = false;
     return {m_edges.data(), m_points.data(), m_vertexEdge.data(), m_degreeWide.data(),
             m_faceEdge.data()};
+}
+
+void TopoMesh::endBulk(bool singleFans)
+{
+#ifndef NDEBUG
+    {
+        TopoMesh check(*this);
+        check.meshTwin();
+        assert(check.m_singleFans == singleFans);
+        for (int v = 0; v < getVertexCapacity(); ++v)
+        {
+            assert(check.getVertexEdge(v) == getVertexEdge(v));
+            assert(check.getVertexDegree(v) == getVertexDegree(v));
+        }
+        for (int e = 0; e < getEdgeCapacity(); ++e)
+        {
+            const HalfEdge& a = check.getHalfEdge(e);
+            const HalfEdge& b = getHalfEdge(e);
+            assert(a.vertex == b.vertex && a.face == b.face && a.next == b.next &&
+                   a.prev == b.prev && a.twin == b.twin);
+        }
+    }
+#endif
+    m_degreesFromBuilder = false;
+    m_fanStartsKnown = true;
+    m_singleFans = singleFans;
 }
 
 // Iteration --------------------------------------------------------------------------------

@@ -422,6 +422,12 @@ public:
     /// half-edge when it has one, else its lowest-numbered leaving half-edge (-1 for an
     /// isolated vertex). Nothing is checked.
     BulkArrays allocBulk(int numVertices, int numEdges, int numFaces);
+    /// Ends a build through allocBulk whose builder wrote everything as meshTwin would leave
+    /// it: every twin, every leaving half-edge and every degree. The builder tells whether
+    /// each vertex has one fan, which its walk from its leaving half-edge covers; then the
+    /// valences are read off the degrees instead of walked. meshTwin need not run after it.
+    /// Debug builds check all of this against meshTwin on a copy.
+    void endBulk(bool singleFans);
 
     // Element access used by the handles ------------------------------------------------
     const qyLinear::Point& getPoint(int v) const { return m_points[std::size_t(v)]; }

@@ -198,18 +198,25 @@ void MeshConvertRep::build()
     // and every half-edge b->a lie in faces around a. A half-edge a->b pairs with b->a when
     // each is the only one of its direction in the region; a pair is set from the vertex that
     // each side leaves. A vertex leaves by its lowest twinless half-edge, else its lowest.
+    // Both sides of a pair see the same counts, so the pairs agree from either end and are
+    // those that meshTwin would make; what it would still find out, whether every vertex has
+    // one fan, is found here from the same lists, so that the region needs no meshTwin pass.
     std::vector<int>& scratch = m_scratch;
+    bool singleFans = true;
     for (int s = 0; s < n; ++s)
     {
         const int a = m_vertices[std::size_t(s)];
         const int* around = m_adjTris.triIndices(a);
         const int count = m_adjTris.numTris(a);
-        if (scratch.size() < 4 * std::size_t(count))
-            scratch.resize(4 * std::size_t(count));
+        if (scratch.size() < 5 * std::size_t(count))
+            scratch.resize(5 * std::size_t(count));
         int* outV = scratch.data();
         int* inV = outV + count;
         int* outE = inV + count;
         int* inE = outE + count;
+        // succ[i]: the corner whose leaving half-edge is the twin of corner i's arriving one,
+        // the next spoke of the walk around a; -1 where that half-edge has no twin.
+        int* succ = inE + count;
         int m = 0;
         for (int i = 0; i < count; ++i)
         {
@@ -223,10 +230,11 @@ void MeshConvertRep::build()
             inV[m] = tris[u][jPrev];
             outE[m] = 3 * f + j;
             inE[m] = 3 * f + jPrev;
+            succ[m] = -1;
             ++m;
         }
         arrays.vertexDegree[s] = m;
-        int lowest = -1, lowestTwinless = -1;
+        int lowest = -1, lowestTwinless = -1, lowestAt = -1, lowestTwinlessAt = -1;
         for (int i = 0; i < m; ++i)
         {
             // Scalar scans with early exits: the lists are a handful of entries long, just
@@ -252,15 +260,34 @@ void MeshConvertRep::build()
                 }
             const int e = outE[i];
             if (opposite >= 0)
+            {
                 edges[e].twin = inE[opposite];
+                succ[opposite] = i;
+            }
             else if (lowestTwinless < 0 || e < lowestTwinless)
+            {
                 lowestTwinless = e;
+                lowestTwinlessAt = i;
+            }
             if (lowest < 0 || e < lowest)
+            {
                 lowest = e;
+                lowestAt = i;
+            }
         }
         arrays.vertexEdge[s] = lowestTwinless >= 0 ? lowestTwinless : lowest;
+        // One fan when the walk from the leaving half-edge meets all m spokes: it stops at a
+        // spoke without a twin or back at its start.
+        if (singleFans && m > 0)
+        {
+            const int start = lowestTwinless >= 0 ? lowestTwinlessAt : lowestAt;
+            int walked = 1;
+            for (int i = succ[start]; i >= 0 && i != start && walked <= m; i = succ[i])
+                ++walked;
+            singleFans = walked == m;
+        }
     }
-    m_topo.meshTwin();
+    m_topo.endBulk(singleFans);
 }
 
 MeshConvertRep::~MeshConvertRep() = default;
