@@ -163,7 +163,7 @@ void MeshReduceBase::computeFlatness()
     const qy::Reference<MeshAdjVertices> adjacency = m_cache.getAdjVertices(*m_mesh);
     const MeshVertex* vertices = m_mesh->getVertices();
     const std::size_t room = std::size_t(adjacency->getMaxValence()) + 1;
-    m_fans.resize(4 * room);
+    m_fans.resize(8 * room);
     constexpr double never = std::numeric_limits<double>::max();
     // The fan of v, then v: k + 1 points.
     auto gather = [&](int v, int k, Point* fan)
@@ -183,7 +183,7 @@ void MeshReduceBase::computeFlatness()
         return std::isfinite(flatness) ? flatness : never;
     };
     // The fans are fitted a group at a time (fitEach interleaves their eigen-solves).
-    constexpr int group = 4;
+    constexpr int group = 8;
     int members[group], counts[group];
     const Point* groupFans[group];
     qyLinear::Plane planes[group];

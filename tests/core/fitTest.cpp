@@ -102,7 +102,8 @@ TEST(Fit, EachGivesTheResultsOfSingleFitsBitForBit)
 {
     // Fans of varied sizes, flatness and scale, grouped with each other and with degenerate
     // sets (one point, collinear points, a non-finite coordinate, no point) in runs of every
-    // length from 1 to 9 (full groups of four, then the rest): the lanes of a group converge
+    // length from 1 to 19 (full groups of eight, then the rest, which leaves idle lanes in a
+    // vector register): the lanes of a group converge
     // after different numbers of sweeps, and a set that cannot be fitted must leave its plane
     // untouched as fit does.
     std::mt19937 random(7);
@@ -131,7 +132,7 @@ TEST(Fit, EachGivesTheResultsOfSingleFitsBitForBit)
         return std::memcmp(&ao, &bo, sizeof ao) == 0 && std::memcmp(&an, &bn, sizeof an) == 0;
     };
     const qyLinear::Plane untouched(Point(9, 9, 9), qyLinear::Normal(Vector(1, 0, 0)));
-    for (int length = 1; length <= 9; ++length)
+    for (int length = 1; length <= 19; ++length)
         for (std::size_t first = 0; first + std::size_t(length) <= sets.size(); first += 2)
         {
             std::vector<int> n;
