@@ -933,7 +933,10 @@ bool TopoMesh::swapEdge(TopoMeshEdge edge)
         if (fanValence(v, boundary) <= (boundary ? 2 : 3))
             return false;
     }
-    if (isNeighbour(c, d))
+    // With one fan per vertex, a vertex's walk meets every half-edge at it, so c and d are
+    // neighbours seen from either end: walk the shorter ring.
+    const bool fromD = m_singleFans && m_fanStartsKnown && getVertexDegree(d) < getVertexDegree(c);
+    if (fromD ? isNeighbour(d, c) : isNeighbour(c, d))
         return false;
 
     const int f1 = E[e].face, f2 = E[t].face;
