@@ -2,6 +2,7 @@
 #include "model/CompactMesh.h"
 
 #include <algorithm>
+#include <cassert>
 #include <climits>
 #include <utility>
 
@@ -158,6 +159,25 @@ void CompactMesh::copyTriangles(int n, const int* indices)
 {
     n = std::max(n, 0);
     m_triangles.assign(n, indices);
+    if (m_hasTriangleNormals)
+        m_triangleNormals.resize(n);
+    if (n > m_selectedTriangles.size())
+        m_selectedTriangles.resize(n);
+}
+
+void CompactMesh::adoptVerticesAndTriangles(MeshArray& vertices, MeshArray& triangles)
+{
+    assert(vertices.getElementSize() == sizeof(MeshVertex));
+    assert(triangles.getElementSize() == sizeof(MeshTriangle));
+    // The positions are attribute array 0; the others follow its count.
+    getAttributes(0)->storage() = std::move(vertices);
+    const int numVertices = getNumVertices();
+    for (int i = 1; i < getNumAttributes(); ++i)
+        getAttributes(i)->resize(numVertices);
+    if (numVertices > getSelectedVertices().size())
+        getSelectedVertices().resize(numVertices);
+    m_triangles = std::move(triangles);
+    const int n = getNumTriangles();
     if (m_hasTriangleNormals)
         m_triangleNormals.resize(n);
     if (n > m_selectedTriangles.size())

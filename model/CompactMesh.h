@@ -50,6 +50,12 @@ public:
     void resizeTriangleArray(int n);
     /// Replaces the triangles by n triangles given as 3n indices.
     void copyTriangles(int n, const int* indices);
+    /// Replaces the vertex positions by `vertices` and the triangles by `triangles`, taking
+    /// over their memory instead of copying it; the other per-vertex arrays, the triangle
+    /// normals and the selections follow the new counts as after copyVertices and
+    /// copyTriangles. Both arguments are left empty.
+    /// @pre vertices holds MeshVertex elements and triangles MeshTriangle elements.
+    void adoptVerticesAndTriangles(MeshArray& vertices, MeshArray& triangles);
 
     /// Null when the mesh has no triangle normals.
     MeshNormal* getTriangleNormals();

@@ -103,13 +103,13 @@ void MeshArray::swap(MeshArray& other) noexcept
     m_allocator.swap(other.m_allocator);
 }
 
-void MeshArray::reallocate(int capacity)
+void MeshArray::reallocate(int capacity, bool zeroed)
 {
     void* fresh = nullptr;
     if (capacity > 0)
     {
         const std::size_t bytes = qy::byteSize(capacity, m_elementSize);
-        fresh = m_allocator->allocateZeroed(bytes);
+        fresh = zeroed ? m_allocator->allocateZeroed(bytes) : m_allocator->allocate(bytes);
         // A large array is usually written from end to end next: huge pages make that a few
         // faults instead of one per 4 KiB.
         qy::adviseHugePages(fresh, bytes);
@@ -140,14 +140,23 @@ void MeshArray::resize(int n)
     m_size = n;
 }
 
+void MeshArray::resizeForOverwrite(int n)
+{
+    n = std::max(n, 0);
+    if (n > m_capacity || n < m_capacity / 2)
+        reallocate(n, false);
+    m_size = n;
+}
+
 void MeshArray::assign(int n, const void* src)
 {
     n = std::max(n, 0);
     if (n > m_capacity || n < m_capacity / 2)
     {
-        // Fill a new buffer before the old one goes: src may point into it.
+        // Fill a new buffer before the old one goes: src may point into it. Every element
+        // is written, so the buffer need not be cleared first.
         MeshArray fresh(m_elementSize, m_allocator);
-        fresh.reallocate(n);
+        fresh.reallocate(n, false);
         if (n > 0)
             std::memcpy(fresh.m_data, src, std::size_t(n) * m_elementSize);
         fresh.m_size = n;
@@ -157,6 +166,16 @@ void MeshArray::assign(int n, const void* src)
     if (n > 0)
         std::memmove(m_data, src, std::size_t(n) * m_elementSize);
     m_size = n;
+}
+
+void MeshArray::adopt(void* data, int size, int capacity, qy::Reference<ArrayAllocator> allocator)
+{
+    if (m_data)
+        m_allocator->deallocate(m_data, getSizeInBytes());
+    m_data = data;
+    m_size = size;
+    m_capacity = capacity;
+    m_allocator = allocator ? std::move(allocator) : ArrayAllocator::getDefault();
 }
 
 void MeshArray::setAllocator(qy::Reference<ArrayAllocator> allocator)

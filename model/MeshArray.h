@@ -47,8 +47,17 @@ public:
     template <class T> const T* as() const { return static_cast<const T*>(m_data); }
 
     void resize(int n);
+    /// Sets the size as resize() does, but leaves the elements added as the memory had them:
+    /// for a caller that writes every one of them before anything reads them.
+    void resizeForOverwrite(int n);
     /// Replaces the contents by n elements copied from src.
     void assign(int n, const void* src);
+    /// Takes over `data`, a block of `capacity` elements taken from `allocator` (null: the
+    /// default), of which the first `size` are the contents, in place of the array's own
+    /// memory: no element is copied. The block goes back to `allocator`, which serves this
+    /// array from then on, as a setAllocator() would have made it.
+    /// @pre 0 <= size <= capacity; the block's byte size is capacity * getElementSize().
+    void adopt(void* data, int size, int capacity, qy::Reference<ArrayAllocator> allocator);
     void clear() { resize(0); }
     /// Moves the contents into memory from another allocator (null: the default).
     void setAllocator(qy::Reference<ArrayAllocator> allocator);
@@ -56,9 +65,9 @@ public:
     void swap(MeshArray& other) noexcept;
 
 private:
-    /// Moves the first min(size, capacity) elements to a buffer of `capacity`; the rest of
-    /// the new buffer reads as zero.
-    void reallocate(int capacity);
+    /// Moves the first min(size, capacity) elements to a buffer of `capacity`; with `zeroed`
+    /// the rest of the new buffer reads as zero, otherwise it is left as allocated.
+    void reallocate(int capacity, bool zeroed = true);
 
     void* m_data = nullptr;
     int m_size = 0;

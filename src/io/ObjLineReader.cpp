@@ -103,6 +103,16 @@ void* mapAligned(std::size_t bytes)
 void* resizeBlock(void* p, std::size_t bytes, std::size_t used, std::size_t newBytes)
 {
     void* out;
+    if (newBytes < MappedBytes && bytes >= MappedBytes)
+    {
+        // A mapped block cut below the mapped size moves to the heap.
+        out = std::malloc(newBytes);
+        if (!out)
+            throw std::bad_alloc();
+        std::memcpy(out, p, std::min(used, newBytes));
+        munmap(p, mappedSize(bytes));
+        return out;
+    }
     if (newBytes < MappedBytes)
     {
         out = std::realloc(p, newBytes);
@@ -133,6 +143,38 @@ void freeBlock(void* p, std::size_t bytes) noexcept
         munmap(p, mappedSize(bytes));
     else
         std::free(p);
+}
+
+namespace
+{
+
+/// Blocks of resizeBlock: a block is mapped or taken from the heap by its size alone, so
+/// that freeBlock() gives it back given the same size.
+class BlockAllocator final : public ArrayAllocator
+{
+public:
+    void* allocate(std::size_t bytes) override { return resizeBlock(nullptr, 0, 0, bytes); }
+    void* allocateZeroed(std::size_t bytes) override
+    {
+        void* p = allocate(bytes);
+        // A fresh mapping reads as zero already.
+        if (bytes < MappedBytes)
+            std::memset(p, 0, bytes);
+        return p;
+    }
+    void deallocate(void* p, std::size_t bytes) noexcept override
+    {
+        if (p)
+            freeBlock(p, bytes);
+    }
+};
+
+} // namespace
+
+qy::Reference<ArrayAllocator> blockAllocator()
+{
+    static qy::Reference<ArrayAllocator> instance(new BlockAllocator);
+    return instance;
 }
 
 } // namespace detail

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "base/Memory.h"
+#include "model/MeshArray.h"
 
 namespace qyGeom
 {
@@ -26,6 +27,9 @@ namespace detail
 /// (no copy). Throws std::bad_alloc.
 void* resizeBlock(void* p, std::size_t bytes, std::size_t used, std::size_t newBytes);
 void freeBlock(void* p, std::size_t bytes) noexcept;
+/// The allocator of the blocks above, so that a mesh array can take a GrowArray's memory
+/// over (GrowArray::moveInto) and keep growing in the same kind of memory.
+qy::Reference<ArrayAllocator> blockAllocator();
 } // namespace detail
 
 /// A growable array of trivially copyable elements. Growing never copies a large array (see
@@ -86,6 +90,27 @@ public:
             setCapacity(n);
     }
     void clear() { m_size = 0; }
+    /// Hands the contents to `out` without copying them: its elements are the bytes of this
+    /// array cut into out.getElementSize() pieces (which must divide them evenly). The memory
+    /// is first cut to the contents (a large block shrinks in place). This array is left
+    /// empty.
+    void moveInto(MeshArray& out)
+    {
+        const std::size_t bytes = m_size * sizeof(T);
+        const std::size_t n = bytes / out.getElementSize();
+        if (n > std::size_t(0x7fffffff))
+            throw std::bad_alloc();
+        if (m_size == 0)
+        {
+            out.clear();
+            return;
+        }
+        if (m_capacity != m_size)
+            setCapacity(m_size);
+        out.adopt(m_data, int(n), int(n), detail::blockAllocator());
+        m_data = nullptr;
+        m_size = m_capacity = 0;
+    }
     void swap(GrowArray& other) noexcept
     {
         std::swap(m_data, other.m_data);

@@ -65,13 +65,32 @@ void buildMesh(CompactMesh& mesh, int numVertices, const float* xyz, const ObjFa
     mesh = std::move(built);
 }
 
+/// Replaces `mesh` by one vertex per position and the faces as they are, as buildMesh does.
+/// A triangle list takes the position and corner arrays over without a copy (a float triple
+/// is a MeshVertex, an int triple a MeshTriangle); `faces` is left without them then.
+void buildMeshFromFaces(CompactMesh& mesh, ObjFaces& faces)
+{
+    if (faces.numCorners() != 3 * faces.numFaces())
+    {
+        buildMesh(mesh, faces.numPositions(), faces.positions.data(), faces,
+                  faces.cornerPos.data());
+        return;
+    }
+    MeshArray vertices(sizeof(MeshVertex)), triangles(sizeof(MeshTriangle));
+    faces.positions.moveInto(vertices);
+    faces.cornerPos.moveInto(triangles);
+    CompactMesh built;
+    built.adoptVerticesAndTriangles(vertices, triangles);
+    mesh = std::move(built);
+}
+
 /// The mesh of the plain read: one vertex per position, the faces as they are. False when
 /// there is no position or no face.
-bool buildPlainMesh(const ObjFaces& faces, CompactMesh& mesh)
+bool buildPlainMesh(ObjFaces&& faces, CompactMesh& mesh)
 {
     if (faces.numPositions() == 0 || faces.numFaces() == 0)
         return false;
-    buildMesh(mesh, faces.numPositions(), faces.positions.data(), faces, faces.cornerPos.data());
+    buildMeshFromFaces(mesh, faces);
     return true;
 }
 
@@ -380,7 +399,7 @@ bool buildWithSubsets(ObjFaces& r, bool parsed, double parseSeconds, CompactMesh
     if (r.numTexCoords() == 0)
     {
         dbg.print("no texture coords found!  Doing the simple thing.\n");
-        buildMesh(mesh, nPos, r.positions.data(), r, r.cornerPos.data());
+        buildMeshFromFaces(mesh, r);
         meshCompact(mesh, quiet);
         removeDuplicateTriangles(mesh);
         return true;
@@ -390,7 +409,7 @@ bool buildWithSubsets(ObjFaces& r, bool parsed, double parseSeconds, CompactMesh
     if (split.numSplit() > nPos && split.numSplit() >= 101)
     {
         dbg.print("Texture coords deleted!\n");
-        buildMesh(mesh, nPos, r.positions.data(), r, r.cornerPos.data());
+        buildMeshFromFaces(mesh, r);
         removeDuplicateTriangles(mesh);
         return true;
     }

@@ -203,3 +203,33 @@ TEST(MeshReadObjPieces, StateThatCrossesTheCutsResolvesAsInOneStream)
     const Reads l = expectSameWithAnyThreadCount("long.obj", gridText(longLine));
     EXPECT_EQ(l.plain.getNumVertices(), 41 * 300);
 }
+
+TEST(MeshReadObjPieces, MeshesTakeOverTheReadersArraysAndKeepWorking)
+{
+    // Normals, which the plain read skips, make up most of the file: the reader's arrays are
+    // reserved by the file's size and hold little, so the mesh takes over cut blocks.
+    const std::string grid = gridText({}, 3);
+    std::string padded = grid;
+    for (int i = 0; i < 1200000; ++i)
+        padded += "vn 0 0 1\n";
+    const Reads small = expectSameWithAnyThreadCount("unpadded.obj", grid);
+    for (int numThreads : {1, 4})
+    {
+        Reads r = readAll(qyIoTest::writeFile("padded.obj", padded), numThreads);
+        ASSERT_TRUE(r.plainOk);
+        EXPECT_EQ(vertices(r.plain), vertices(small.plain));
+        EXPECT_EQ(faces(r.plain), faces(small.plain));
+        // The adopted arrays grow, shrink, copy and go away as any others.
+        CompactMesh& mesh = r.plain;
+        const int n = mesh.getNumVertices(), numTris = mesh.getNumTriangles();
+        mesh.resizeVertexArray(1 << 20);
+        mesh.resizeTriangleArray(1 << 20);
+        EXPECT_EQ(mesh.getVerticesRaw()[3 * (1 << 20) - 1], 0.0f);
+        EXPECT_EQ(mesh.getTrianglesRaw()[3 * (1 << 20) - 1], 0);
+        mesh.resizeVertexArray(n);
+        mesh.resizeTriangleArray(numTris);
+        const CompactMesh copy(mesh);
+        EXPECT_EQ(vertices(copy), vertices(small.plain));
+        EXPECT_EQ(faces(copy), faces(small.plain));
+    }
+}

@@ -378,3 +378,75 @@ TEST(MeshModification, DestroyedSignalFiresOnceWithTheMeshAddress)
     mesh.reset();
     EXPECT_EQ(destroyed, (std::vector<const qyRTB::Entity*>{address}));
 }
+
+TEST(CompactMesh, AdoptedArraysAreTakenWithoutACopyAndGoBackToTheirAllocator)
+{
+    struct CountingAllocator : qyGeom::ArrayAllocator
+    {
+        std::size_t outstanding = 0;
+        void* allocate(std::size_t bytes) override
+        {
+            outstanding += bytes;
+            return ::operator new(bytes);
+        }
+        void deallocate(void* p, std::size_t bytes) noexcept override
+        {
+            outstanding -= bytes;
+            ::operator delete(p);
+        }
+    };
+    qy::Reference<CountingAllocator> counting(new CountingAllocator);
+    // Two vertices in a block of four, one triangle in a block of two.
+    qyGeom::MeshArray vertices(sizeof(qyGeom::MeshVertex)), triangles(sizeof(qyGeom::MeshTriangle));
+    auto* xyz = static_cast<float*>(counting->allocate(4 * sizeof(qyGeom::MeshVertex)));
+    auto* tri = static_cast<int*>(counting->allocate(2 * sizeof(qyGeom::MeshTriangle)));
+    std::fill(xyz, xyz + 6, 2.5f);
+    std::copy_n(std::vector<int>{0, 1, 1}.begin(), 3, tri);
+    vertices.adopt(xyz, 2, 4, counting);
+    triangles.adopt(tri, 1, 2, counting);
+    {
+        CompactMesh mesh;
+        mesh.resizeVertexArray(5);
+        stampArrays(mesh); // normals, UVs and the others must follow the adopted count
+        mesh.allocTriangleNormalArray();
+        mesh.adoptVerticesAndTriangles(vertices, triangles);
+        EXPECT_TRUE(vertices.empty() && triangles.empty());
+        EXPECT_EQ(mesh.getVerticesRaw(), xyz); // no copy
+        EXPECT_EQ(mesh.getTrianglesRaw(), tri);
+        EXPECT_EQ(mesh.getNumVertices(), 2);
+        for (int i = 0; i < mesh.getNumAttributes(); ++i)
+            EXPECT_EQ(mesh.getAttributes(i)->getNumElements(), 2);
+        EXPECT_EQ(mesh.getNormals()[1].x, stamp(1, 3)); // kept below the new count
+        EXPECT_NE(mesh.getTriangleNormals(), nullptr);
+        EXPECT_EQ(mesh.getSelectedVertices().size(), 5); // selections grow, never shrink here
+        EXPECT_EQ(mesh.getSelectedTriangles().size(), 1);
+
+        // Growing inside the block zero-fills the new entries whatever the block held there;
+        // growing past it takes memory from its allocator, zero-filled as always.
+        mesh.resizeVertexArray(3);
+        EXPECT_EQ(mesh.getVerticesRaw(), xyz);
+        EXPECT_EQ(std::vector<float>(mesh.getVerticesRaw(), mesh.getVerticesRaw() + 9),
+                  (std::vector<float>{2.5f, 2.5f, 2.5f, 2.5f, 2.5f, 2.5f, 0, 0, 0}));
+        mesh.resizeTriangleArray(3);
+        EXPECT_EQ(faceIndexArrays(mesh)[0], (std::vector<int>{0, 1, 1, 0, 0, 0, 0, 0, 0}));
+        EXPECT_GT(counting->outstanding, 0u);
+        // A copy in another mesh lives in that mesh's allocator.
+        CompactMesh copy;
+        copy = mesh;
+        copy.resizeVertexArray(0);
+    }
+    EXPECT_EQ(counting->outstanding, 0u);
+
+    // Sizing for overwrite keeps what is below the new size and reads as any other array.
+    qyGeom::MeshArray ints(sizeof(int));
+    const std::vector<int> values{4, 5, 6};
+    ints.assign(3, values.data());
+    ints.resizeForOverwrite(2);
+    ints.resizeForOverwrite(1000);
+    ints.as<int>()[999] = 7;
+    EXPECT_EQ(ints.size(), 1000);
+    EXPECT_EQ(std::vector<int>(ints.as<int>(), ints.as<int>() + 2), (std::vector<int>{4, 5}));
+    ints.resize(1); // and a later resize zero-fills as ever
+    ints.resize(3);
+    EXPECT_EQ(std::vector<int>(ints.as<int>(), ints.as<int>() + 3), (std::vector<int>{4, 0, 0}));
+}
