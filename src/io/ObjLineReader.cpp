@@ -647,15 +647,17 @@ void ObjLineReader::moveOut(ObjFaces& out)
         for (int& t : m_cornerTex)
             if (t >= nTex)
                 t = -1;
-    out.faceStart.resize(m_numFaces + 1);
-    int* start = out.faceStart.data();
-    start[0] = 0;
-    if (m_allTriangles)
-        for (std::size_t f = 0; f < m_numFaces; ++f)
-            start[f + 1] = int(3 * f + 3);
-    else
+    out.faceCount = int(m_numFaces);
+    out.cornerCount = int(m_cornerPos.size());
+    // A list of triangles needs no starts unless a builder asks for them.
+    if (!m_allTriangles)
+    {
+        out.faceStart.resize(m_numFaces + 1);
+        int* start = out.faceStart.data();
+        start[0] = 0;
         for (std::size_t f = 0; f < m_numFaces; ++f)
             start[f + 1] = start[f] + m_faceSizes[f];
+    }
     out.positions = std::move(m_positions);
     out.texCoords = std::move(m_texCoords);
     out.cornerPos = std::move(m_cornerPos);
@@ -693,6 +695,8 @@ void ObjLineReader::joinParts(const std::vector<const ObjLineReader*>& all, ObjF
     out.cornerTex.resize(m_keepTexCoords ? corners : 0);
     out.faceMaterial.resize(m_wantMaterials ? kept : 0);
     out.faceStart[kept] = int(corners);
+    out.faceCount = int(kept);
+    out.cornerCount = int(corners);
 
     // The kept faces, with texture indices out of range made absent; every part writes its
     // own range.

@@ -145,7 +145,9 @@ struct ObjFaces
 {
     GrowArray<float> positions; ///< 3 per position
     GrowArray<float> texCoords; ///< 2 per texture coordinate
-    GrowArray<int> faceStart;   ///< one more than the faces
+    /// One more than the faces; left empty for a list of triangles until makeFaceStarts().
+    GrowArray<int> faceStart;
+    int faceCount = 0, cornerCount = 0;
     GrowArray<int> cornerPos;
     /// Empty for the reads without texture coordinates.
     GrowArray<int> cornerTex;
@@ -162,9 +164,21 @@ struct ObjFaces
 
     int numPositions() const { return int(positions.size() / 3); }
     int numTexCoords() const { return int(texCoords.size() / 2); }
-    int numFaces() const { return int(faceStart.size()) - 1; }
-    int numCorners() const { return faceStart.back(); }
-    int faceSize(int f) const { return faceStart[std::size_t(f) + 1] - faceStart[std::size_t(f)]; }
+    int numFaces() const { return faceCount; }
+    int numCorners() const { return cornerCount; }
+    int faceSize(int f) const
+    {
+        return faceStart.empty() ? 3 : faceStart[std::size_t(f) + 1] - faceStart[std::size_t(f)];
+    }
+    /// Fills faceStart for a list of triangles, which the plain mesh build does not need.
+    void makeFaceStarts()
+    {
+        if (faceStart.size() == std::size_t(faceCount) + 1)
+            return;
+        faceStart.resize(std::size_t(faceCount) + 1);
+        for (std::size_t f = 0; f <= std::size_t(faceCount); ++f)
+            faceStart[f] = int(3 * f);
+    }
 };
 
 /// Reads OBJ text line by line. It never reports a syntax error: what it does not

@@ -136,6 +136,7 @@ void sortFacesByMaterial(ObjFaces& r)
     const int nMat = int(r.materialNames.size());
     if (nMat == 0 || r.faceMaterial.size() != std::size_t(nFaces))
         return;
+    r.makeFaceStarts();
     std::vector<int> bucketStart(std::size_t(nMat) + 2, 0);
     for (int f = 0; f < nFaces; ++f)
         bucketStart[std::size_t(r.faceMaterial[std::size_t(f)] + 2)] += r.faceSize(f);
@@ -494,7 +495,8 @@ bool meshReadObj(TopoMesh& mesh, const qyOS::Filename& file, bool allowNonManifo
     mesh.clear();
     if (!reader.readFile(file.c_str()))
         return false;
-    const ObjFaces faces = reader.finish();
+    ObjFaces faces = reader.finish();
+    faces.makeFaceStarts();
     if (!allowNonManifold && !edgesManifold(faces))
         return false;
     const int nPos = faces.numPositions(), nFaces = faces.numFaces();
