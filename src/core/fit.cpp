@@ -20,6 +20,17 @@ using qyLinear::Vector;
 namespace
 {
 
+// The largest magnitude in the upper triangle of a symmetric matrix, or 1 when that is zero or
+// not finite: the matrix is divided by it before the rotations.
+double matrixScale(const double (*A)[3])
+{
+    double scale = 0.0;
+    for (int i = 0; i < 3; ++i)
+        for (int j = i; j < 3; ++j)
+            scale = std::max(scale, std::fabs(A[i][j]));
+    return scale > 0.0 && std::isfinite(scale) ? scale : 1.0;
+}
+
 // The Jacobi solve of L matrices side by side. Each lane runs exactly the operations of a
 // solve on its own (a lane that has converged stops rotating while the others go on), so its
 // results do not depend on its company; with several lanes the processor overlaps their chains
@@ -33,12 +44,7 @@ void eigenLanes(const double (*const* A)[3], double* const* values, Vector* cons
     bool active[L];
     for (int l = 0; l < L; ++l)
     {
-        scale[l] = 0.0;
-        for (int i = 0; i < 3; ++i)
-            for (int j = i; j < 3; ++j)
-                scale[l] = std::max(scale[l], std::fabs(A[l][i][j]));
-        if (!(scale[l] > 0.0) || !std::isfinite(scale[l]))
-            scale[l] = 1.0;
+        scale[l] = matrixScale(A[l]);
         const double inv = 1.0 / scale[l];
         for (int i = 0; i < 3; ++i)
             for (int j = i; j < 3; ++j)
@@ -155,16 +161,7 @@ void eigenPairs(int count, const double (*const* A)[3], double* const* values,
     {
         const int x = l / 2, y = l % 2;
         active[l] = l < count;
-        scale[l] = 1.0;
-        if (active[l])
-        {
-            scale[l] = 0.0;
-            for (int i = 0; i < 3; ++i)
-                for (int j = i; j < 3; ++j)
-                    scale[l] = std::max(scale[l], std::fabs(A[l][i][j]));
-            if (!(scale[l] > 0.0) || !std::isfinite(scale[l]))
-                scale[l] = 1.0;
-        }
+        scale[l] = active[l] ? matrixScale(A[l]) : 1.0;
         const double inv = 1.0 / scale[l];
         for (int i = 0; i < 3; ++i)
             for (int j = i; j < 3; ++j)
