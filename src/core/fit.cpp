@@ -156,70 +156,82 @@ void eigenPairs(int count, const double (*const* A)[3], double* const* values,
     double scale[L];
     Pair a[3][3][W];
     Pair v[3][3][W];
-    bool active[L];
+    PairMask live[W];
     for (int l = 0; l < L; ++l)
     {
         const int x = l / 2, y = l % 2;
-        active[l] = l < count;
-        scale[l] = active[l] ? matrixScale(A[l]) : 1.0;
+        const bool used = l < count;
+        scale[l] = used ? matrixScale(A[l]) : 1.0;
         const double inv = 1.0 / scale[l];
         for (int i = 0; i < 3; ++i)
             for (int j = i; j < 3; ++j)
-                a[i][j][x][y] = a[j][i][x][y] = active[l] ? A[l][i][j] * inv : 0.0;
+                a[i][j][x][y] = a[j][i][x][y] = used ? A[l][i][j] * inv : 0.0;
         for (int i = 0; i < 3; ++i)
             for (int j = 0; j < 3; ++j)
                 v[i][j][x][y] = i == j ? 1.0 : 0.0;
+        live[x][y] = used ? -1 : 0;
     }
 
+    const Pair one = {1.0, 1.0};
+    const Pair zero = {0.0, 0.0};
+    const Pair tolerance = {1e-3, 1e-3};
     for (int sweep = 0; sweep < 32; ++sweep)
     {
-        bool any = false;
-        PairMask live[W] = {};
-        for (int l = 0; l < L; ++l)
+        // The convergence test of every lane at once: the packed sums add in the scalar
+        // order, so each lane decides as a solve on its own does.
+        PairMask any = {0, 0};
+        for (int x = 0; x < W; ++x)
         {
-            const int x = l / 2, y = l % 2;
-            if (active[l])
-            {
-                const double off =
-                    std::fabs(a[0][1][x][y]) + std::fabs(a[0][2][x][y]) + std::fabs(a[1][2][x][y]);
-                const double diag =
-                    std::fabs(a[0][0][x][y]) + std::fabs(a[1][1][x][y]) + std::fabs(a[2][2][x][y]);
-                active[l] = !(off == 0.0 || diag + off * 1e-3 == diag);
-                any = any || active[l];
-            }
-            live[x][y] = active[l] ? -1 : 0;
+            const Pair off = absPair(a[0][1][x]) + absPair(a[0][2][x]) + absPair(a[1][2][x]);
+            const Pair diag = absPair(a[0][0][x]) + absPair(a[1][1][x]) + absPair(a[2][2][x]);
+            live[x] = live[x] & ~((off == zero) | (diag + off * tolerance == diag));
+            any |= live[x];
         }
-        if (!any)
+        if ((any[0] | any[1]) == 0)
             break;
         for (int p = 0; p < 2; ++p)
             for (int q = p + 1; q < 3; ++q)
             {
+                // Stage by stage over the W registers rather than register by register, so
+                // that their chains of divisions and square roots are in flight together.
                 const int r = 3 - p - q;
+                PairMask on[W];
+                Pair t[W], c[W], s[W];
                 for (int x = 0; x < W; ++x)
                 {
                     const Pair apq = a[p][q][x];
-                    const PairMask on = live[x] & (apq != 0.0);
+                    on[x] = live[x] & (apq != zero);
+                    t[x] = (a[q][q][x] - a[p][p][x]) / (2.0 * apq);
+                }
+                for (int x = 0; x < W; ++x)
+                {
+                    const Pair theta = t[x];
+                    const Pair sign = theta >= zero ? one : -one;
+                    t[x] = sign / (absPair(theta) + sqrtPair(theta * theta + one));
+                }
+                for (int x = 0; x < W; ++x)
+                {
+                    c[x] = one / sqrtPair(t[x] * t[x] + one);
+                    s[x] = t[x] * c[x];
+                }
+                for (int x = 0; x < W; ++x)
+                {
+                    const Pair apq = a[p][q][x];
                     const Pair app = a[p][p][x], aqq = a[q][q][x];
                     const Pair arp = a[r][p][x], arq = a[r][q][x];
-                    const Pair theta = (aqq - app) / (2.0 * apq);
-                    const Pair one = {1.0, 1.0};
-                    const Pair sign = theta >= 0.0 ? one : -one;
-                    const Pair t = sign / (absPair(theta) + sqrtPair(theta * theta + 1.0));
-                    const Pair c = 1.0 / sqrtPair(t * t + 1.0);
-                    const Pair s = t * c;
-                    const Pair cpp = c * app - s * apq, cqp = c * apq - s * aqq;
-                    const Pair cpq = s * app + c * apq, cqq = s * apq + c * aqq;
-                    const Pair zero = {0.0, 0.0};
-                    a[p][p][x] = on ? c * cpp - s * cqp : app;
-                    a[q][q][x] = on ? s * cpq + c * cqq : aqq;
-                    a[r][p][x] = a[p][r][x] = on ? c * arp - s * arq : arp;
-                    a[r][q][x] = a[q][r][x] = on ? s * arp + c * arq : arq;
-                    a[p][q][x] = a[q][p][x] = on ? zero : apq;
+                    const Pair cx = c[x], sx = s[x];
+                    const Pair cpp = cx * app - sx * apq, cqp = cx * apq - sx * aqq;
+                    const Pair cpq = sx * app + cx * apq, cqq = sx * apq + cx * aqq;
+                    a[p][p][x] = on[x] ? cx * cpp - sx * cqp : app;
+                    a[q][q][x] = on[x] ? sx * cpq + cx * cqq : aqq;
+                    a[r][p][x] = a[p][r][x] = on[x] ? cx * arp - sx * arq : arp;
+                    a[r][q][x] = a[q][r][x] = on[x] ? sx * arp + cx * arq : arq;
+                    a[p][q][x] = a[q][p][x] = on[x] ? zero : apq;
                     for (int k = 0; k < 3; ++k)
                     {
                         const Pair vkp = v[k][p][x], vkq = v[k][q][x];
-                        v[k][p][x] = on ? c * vkp - s * vkq : vkp;
-                        v[k][q][x] = on ? s * vkp + c * vkq : vkq;
+                        v[k][p][x] = on[x] ? cx * vkp - sx * vkq : vkp;
+                        v[k][q][x] = on[x] ? sx * vkp + cx * vkq : vkq;
                     }
                 }
             }
