@@ -123,12 +123,7 @@ void eigenLanes(const double (*const* A)[3], double* const* values, Vector* cons
     }
 }
 
-// The same solves with two lanes to a vector register. Every lane computes exactly what
-// eigenLanes computes for it, operation for operation (the rotation of a lane that is done, or
-// whose entry is already zero, is computed and then dropped by a select), so the results are
-// those of the scalar solve bit for bit; the packed divisions and square roots double the
-// throughput of the chains that bound the solve. W vectors hold 2W lanes; a lane beyond
-// `count` is idle from the start.
+// Two lanes of doubles in one SSE2 register, and the lane masks of their comparisons.
 typedef double Pair __attribute__((vector_size(16)));
 typedef long long PairMask __attribute__((vector_size(16)));
 
@@ -148,32 +143,159 @@ inline Pair absPair(Pair x)
     return Pair(PairMask(x) & sign);
 }
 
-template <int W>
-void eigenPairs(int count, const double (*const* A)[3], double* const* values,
-                Vector* const* vectors)
+// The centroid and the covariance about it; false (nothing set) when n < 1 or the centroid
+// is not finite.
+bool covariance(int n, const Point* points, Point& centroid, double A[3][3])
 {
-    constexpr int L = 2 * W;
-    double scale[L];
+    if (n < 1)
+        return false;
+    double cx = 0.0, cy = 0.0, cz = 0.0;
+    for (int i = 0; i < n; ++i)
+    {
+        cx += points[i].x;
+        cy += points[i].y;
+        cz += points[i].z;
+    }
+    centroid = Point(cx / n, cy / n, cz / n);
+    if (!std::isfinite(centroid.x) || !std::isfinite(centroid.y) || !std::isfinite(centroid.z))
+        return false;
+    for (int i = 0; i < 3; ++i)
+        for (int j = 0; j < 3; ++j)
+            A[i][j] = 0.0;
+    for (int i = 0; i < n; ++i)
+    {
+        const Vector d = points[i] - centroid;
+        A[0][0] += d.x * d.x;
+        A[0][1] += d.x * d.y;
+        A[0][2] += d.x * d.z;
+        A[1][1] += d.y * d.y;
+        A[1][2] += d.y * d.z;
+        A[2][2] += d.z * d.z;
+    }
+    return true;
+}
+
+// The plane from the solve, and whether it is determined.
+bool planeOf(const Point& centroid, const double values[3], const Vector vectors[3],
+             qyLinear::Plane& plane)
+{
+    plane = qyLinear::Plane(centroid, qyLinear::Normal(vectors[0]));
+    // The plane is unique when the middle eigenvalue stands clear of the smallest; for
+    // points on a line (or one point) the two smallest vanish together.
+    return values[1] > values[0] && values[1] > 1e-12 * values[2];
+}
+
+// The fits of up to 2W consecutive sets, two to a vector register: the centroids and
+// covariances, the solves and the planes. Every lane computes exactly what covariance,
+// eigenLanes and planeOf compute for its set, operation for operation: the sums run over its
+// own points in order (the points beyond the shorter set of a register are added to its other
+// lane alone), the rotation of a lane that is done, or whose entry is already zero, is
+// computed and then dropped by a select, and a lane whose set cannot be fitted is idle from
+// the start. So the results are those of fit bit for bit, while the packed divisions and
+// square roots double the throughput of the chains that bound the solve.
+template <int W>
+void fitPairs(int count, const int* n, const Point* const* points, qyLinear::Plane* planes,
+              bool* fitted)
+{
+    const Pair one = {1.0, 1.0};
+    const Pair zero = {0.0, 0.0};
+    Pair centroid[3][W];
+    Pair scale[W];
     Pair a[3][3][W];
     Pair v[3][3][W];
     PairMask live[W];
-    for (int l = 0; l < L; ++l)
+    for (int x = 0; x < W; ++x)
     {
-        const int x = l / 2, y = l % 2;
-        const bool used = l < count;
-        scale[l] = used ? matrixScale(A[l]) : 1.0;
-        const double inv = 1.0 / scale[l];
-        for (int i = 0; i < 3; ++i)
-            for (int j = i; j < 3; ++j)
-                a[i][j][x][y] = a[j][i][x][y] = used ? A[l][i][j] * inv : 0.0;
+        const int l0 = 2 * x, l1 = l0 + 1;
+        const int n0 = l0 < count ? std::max(n[l0], 0) : 0;
+        const int n1 = l1 < count ? std::max(n[l1], 0) : 0;
+        const Point* p0 = n0 > 0 ? points[l0] : nullptr;
+        const Point* p1 = n1 > 0 ? points[l1] : nullptr;
+        const int both = std::min(n0, n1);
+
+        Pair sx = zero, sy = zero, sz = zero;
+        for (int i = 0; i < both; ++i)
+        {
+            sx += Pair{p0[i].x, p1[i].x};
+            sy += Pair{p0[i].y, p1[i].y};
+            sz += Pair{p0[i].z, p1[i].z};
+        }
+        for (int i = both; i < n0; ++i)
+        {
+            sx[0] += p0[i].x;
+            sy[0] += p0[i].y;
+            sz[0] += p0[i].z;
+        }
+        for (int i = both; i < n1; ++i)
+        {
+            sx[1] += p1[i].x;
+            sy[1] += p1[i].y;
+            sz[1] += p1[i].z;
+        }
+        const Pair size = {double(std::max(n0, 1)), double(std::max(n1, 1))};
+        const Pair cx = sx / size, cy = sy / size, cz = sz / size;
+        centroid[0][x] = cx;
+        centroid[1][x] = cy;
+        centroid[2][x] = cz;
+        const Pair infinity = {HUGE_VAL, HUGE_VAL};
+        const PairMask finite =
+            (absPair(cx) < infinity) & (absPair(cy) < infinity) & (absPair(cz) < infinity);
+        const PairMask some = {n0 > 0 ? -1 : 0, n1 > 0 ? -1 : 0};
+        live[x] = finite & some;
+
+        Pair A00 = zero, A01 = zero, A02 = zero, A11 = zero, A12 = zero, A22 = zero;
+        for (int i = 0; i < both; ++i)
+        {
+            const Pair dx = Pair{p0[i].x, p1[i].x} - cx;
+            const Pair dy = Pair{p0[i].y, p1[i].y} - cy;
+            const Pair dz = Pair{p0[i].z, p1[i].z} - cz;
+            A00 += dx * dx;
+            A01 += dx * dy;
+            A02 += dx * dz;
+            A11 += dy * dy;
+            A12 += dy * dz;
+            A22 += dz * dz;
+        }
+        const auto tail = [&](int y, const Point* p, int from, int to)
+        {
+            for (int i = from; i < to; ++i)
+            {
+                const double dx = p[i].x - cx[y], dy = p[i].y - cy[y], dz = p[i].z - cz[y];
+                A00[y] += dx * dx;
+                A01[y] += dx * dy;
+                A02[y] += dx * dz;
+                A11[y] += dy * dy;
+                A12[y] += dy * dz;
+                A22[y] += dz * dz;
+            }
+        };
+        tail(0, p0, both, n0);
+        tail(1, p1, both, n1);
+
+        // matrixScale of both lanes: the largest magnitude (a NaN entry is passed over, as
+        // std::max passes it over), or 1 when that is zero or not finite.
+        const Pair entries[6] = {A00, A01, A02, A11, A12, A22};
+        Pair largest = zero;
+        for (const Pair e : entries)
+        {
+            const Pair magnitude = absPair(e);
+            largest = largest < magnitude ? magnitude : largest;
+        }
+        const PairMask usable = (largest > zero) & (largest < infinity) & live[x];
+        scale[x] = usable ? largest : one;
+        const Pair inv = one / scale[x];
+        const Pair m[3][3] = {{A00, A01, A02}, {A01, A11, A12}, {A02, A12, A22}};
         for (int i = 0; i < 3; ++i)
             for (int j = 0; j < 3; ++j)
-                v[i][j][x][y] = i == j ? 1.0 : 0.0;
-        live[x][y] = used ? -1 : 0;
+            {
+                a[i][j][x] = live[x] ? m[i][j] * inv : zero;
+                v[i][j][x] = i == j ? one : zero;
+            }
     }
+    PairMask live0[W];
+    for (int x = 0; x < W; ++x)
+        live0[x] = live[x];
 
-    const Pair one = {1.0, 1.0};
-    const Pair zero = {0.0, 0.0};
     const Pair tolerance = {1e-3, 1e-3};
     for (int sweep = 0; sweep < 32; ++sweep)
     {
@@ -240,57 +362,24 @@ void eigenPairs(int count, const double (*const* A)[3], double* const* values,
     for (int l = 0; l < count; ++l)
     {
         const int x = l / 2, y = l % 2;
+        if (!live0[x][y])
+        {
+            fitted[l] = false;
+            continue;
+        }
         int order[3] = {0, 1, 2};
         std::sort(order, order + 3, [&](int i, int j) { return a[i][i][x][y] < a[j][j][x][y]; });
+        double values[3];
+        Vector vectors[3];
         for (int i = 0; i < 3; ++i)
         {
             const int k = order[i];
-            values[l][i] = a[k][k][x][y] * scale[l];
-            vectors[l][i] = Vector(v[0][k][x][y], v[1][k][x][y], v[2][k][x][y]);
+            values[i] = a[k][k][x][y] * scale[x][y];
+            vectors[i] = Vector(v[0][k][x][y], v[1][k][x][y], v[2][k][x][y]);
         }
+        const Point c(centroid[0][x][y], centroid[1][x][y], centroid[2][x][y]);
+        fitted[l] = planeOf(c, values, vectors, planes[l]);
     }
-}
-
-// The centroid and the covariance about it; false (nothing set) when n < 1 or the centroid
-// is not finite.
-bool covariance(int n, const Point* points, Point& centroid, double A[3][3])
-{
-    if (n < 1)
-        return false;
-    double cx = 0.0, cy = 0.0, cz = 0.0;
-    for (int i = 0; i < n; ++i)
-    {
-        cx += points[i].x;
-        cy += points[i].y;
-        cz += points[i].z;
-    }
-    centroid = Point(cx / n, cy / n, cz / n);
-    if (!std::isfinite(centroid.x) || !std::isfinite(centroid.y) || !std::isfinite(centroid.z))
-        return false;
-    for (int i = 0; i < 3; ++i)
-        for (int j = 0; j < 3; ++j)
-            A[i][j] = 0.0;
-    for (int i = 0; i < n; ++i)
-    {
-        const Vector d = points[i] - centroid;
-        A[0][0] += d.x * d.x;
-        A[0][1] += d.x * d.y;
-        A[0][2] += d.x * d.z;
-        A[1][1] += d.y * d.y;
-        A[1][2] += d.y * d.z;
-        A[2][2] += d.z * d.z;
-    }
-    return true;
-}
-
-// The plane from the solve, and whether it is determined.
-bool planeOf(const Point& centroid, const double values[3], const Vector vectors[3],
-             qyLinear::Plane& plane)
-{
-    plane = qyLinear::Plane(centroid, qyLinear::Normal(vectors[0]));
-    // The plane is unique when the middle eigenvalue stands clear of the smallest; for
-    // points on a line (or one point) the two smallest vanish together.
-    return values[1] > values[0] && values[1] > 1e-12 * values[2];
 }
 
 } // namespace
@@ -318,41 +407,20 @@ bool fit(int n, const Point* points, qyLinear::Plane& plane)
 void fitEach(int count, const int* n, const Point* const* points, qyLinear::Plane* planes,
              bool* fitted)
 {
-    // Groups of up to eight sets that can be fitted; the others are left as fit leaves them.
-    constexpr int lanes = 8;
-    for (int first = 0; first < count;)
+    // Eight sets at a time, in as few registers as they need.
+    for (int first = 0; first < count; first += 8)
     {
-        Point centroid[lanes];
-        double A[lanes][3][3];
-        int member[lanes];
-        int size = 0;
-        for (; first < count && size < lanes; ++first)
-        {
-            fitted[first] = false;
-            if (covariance(n[first], points[first], centroid[size], A[size]))
-                member[size++] = first;
-        }
-        double values[lanes][3];
-        Vector vectors[lanes][3];
-        const double(*matrices[lanes])[3];
-        double* valueLanes[lanes];
-        Vector* vectorLanes[lanes];
-        for (int l = 0; l < lanes; ++l)
-        {
-            matrices[l] = A[l];
-            valueLanes[l] = values[l];
-            vectorLanes[l] = vectors[l];
-        }
+        const int size = std::min(count - first, 8);
+        const int* groupN = n + first;
+        const Point* const* groupPoints = points + first;
         if (size > 6)
-            eigenPairs<4>(size, matrices, valueLanes, vectorLanes);
+            fitPairs<4>(size, groupN, groupPoints, planes + first, fitted + first);
         else if (size > 4)
-            eigenPairs<3>(size, matrices, valueLanes, vectorLanes);
+            fitPairs<3>(size, groupN, groupPoints, planes + first, fitted + first);
         else if (size > 2)
-            eigenPairs<2>(size, matrices, valueLanes, vectorLanes);
-        else if (size > 0)
-            eigenPairs<1>(size, matrices, valueLanes, vectorLanes);
-        for (int l = 0; l < size; ++l)
-            fitted[member[l]] = planeOf(centroid[l], values[l], vectors[l], planes[member[l]]);
+            fitPairs<2>(size, groupN, groupPoints, planes + first, fitted + first);
+        else
+            fitPairs<1>(size, groupN, groupPoints, planes + first, fitted + first);
     }
 }
 
