@@ -176,10 +176,10 @@ bool covariance(int n, const Point* points, Point& centroid, double A[3][3])
 }
 
 // The plane from the solve, and whether it is determined.
-bool planeOf(const Point& centroid, const double values[3], const Vector vectors[3],
+bool planeOf(const Point& centroid, const double values[3], const Vector& smallest,
              qyLinear::Plane& plane)
 {
-    plane = qyLinear::Plane(centroid, qyLinear::Normal(vectors[0]));
+    plane = qyLinear::Plane(centroid, qyLinear::Normal(smallest));
     // The plane is unique when the middle eigenvalue stands clear of the smallest; for
     // points on a line (or one point) the two smallest vanish together.
     return values[1] > values[0] && values[1] > 1e-12 * values[2];
@@ -367,18 +367,25 @@ void fitPairs(int count, const int* n, const Point* const* points, qyLinear::Pla
             fitted[l] = false;
             continue;
         }
+        // The diagonal in ascending order, ties in index order, as eigenLanes's std::sort
+        // (an insertion sort for three) leaves it: without a NaN that is each entry's rank.
+        const double d[3] = {a[0][0][x][y], a[1][1][x][y], a[2][2][x][y]};
         int order[3] = {0, 1, 2};
-        std::sort(order, order + 3, [&](int i, int j) { return a[i][i][x][y] < a[j][j][x][y]; });
-        double values[3];
-        Vector vectors[3];
-        for (int i = 0; i < 3; ++i)
+        if (d[0] == d[0] && d[1] == d[1] && d[2] == d[2])
         {
-            const int k = order[i];
-            values[i] = a[k][k][x][y] * scale[x][y];
-            vectors[i] = Vector(v[0][k][x][y], v[1][k][x][y], v[2][k][x][y]);
+            order[int(d[1] < d[0]) + int(d[2] < d[0])] = 0;
+            order[int(d[0] <= d[1]) + int(d[2] < d[1])] = 1;
+            order[int(d[0] <= d[2]) + int(d[1] <= d[2])] = 2;
         }
+        else
+            std::sort(order, order + 3, [&](int i, int j) { return d[i] < d[j]; });
+        double values[3];
+        for (int i = 0; i < 3; ++i)
+            values[i] = d[order[i]] * scale[x][y];
+        const int k = order[0];
+        const Vector smallest(v[0][k][x][y], v[1][k][x][y], v[2][k][x][y]);
         const Point c(centroid[0][x][y], centroid[1][x][y], centroid[2][x][y]);
-        fitted[l] = planeOf(c, values, vectors, planes[l]);
+        fitted[l] = planeOf(c, values, smallest, planes[l]);
     }
 }
 
@@ -401,7 +408,7 @@ bool fit(int n, const Point* points, qyLinear::Plane& plane)
     double values[3];
     Vector vectors[3];
     eigenSymmetric3(A, values, vectors);
-    return planeOf(centroid, values, vectors, plane);
+    return planeOf(centroid, values, vectors[0], plane);
 }
 
 void fitEach(int count, const int* n, const Point* const* points, qyLinear::Plane* planes,

@@ -101,11 +101,10 @@ TEST(Fit, PlaneThroughCentroidWithTheLeastSquaresNormal)
 TEST(Fit, EachGivesTheResultsOfSingleFitsBitForBit)
 {
     // Fans of varied sizes, flatness and scale, grouped with each other and with degenerate
-    // sets (one point, collinear points, a non-finite coordinate, no point) in runs of every
-    // length from 1 to 19 (full groups of eight, then the rest, which leaves idle lanes in a
-    // vector register): the lanes of a group converge
-    // after different numbers of sweeps, and a set that cannot be fitted must leave its plane
-    // untouched as fit does.
+    // sets (one point, collinear points, a non-finite coordinate, no point and the ones below) in
+    // runs of every length from 1 to 19 (full groups of eight, then the rest, which leaves idle
+    // lanes in a vector register): the lanes of a group converge after different numbers of sweeps,
+    // and a set that cannot be fitted must leave its plane untouched as fit does.
     std::mt19937 random(7);
     std::uniform_real_distribution<double> unit(-1.0, 1.0);
     std::vector<std::vector<Point>> sets;
@@ -124,6 +123,15 @@ TEST(Fit, EachGivesTheResultsOfSingleFitsBitForBit)
     sets.push_back({Point(0, 0, 0), Point(1, 1, 1), Point(2, 2, 2)});
     sets.push_back({Point(0, 0, 0), Point(1, 0, 0), Point(0, std::nan(""), 0)});
     sets.push_back({});
+    // Exactly equal eigenvalues (the square's two in-plane ones), coordinates whose squares
+    // overflow (the solve runs on infinities and NaNs), and signed zeros.
+    sets.push_back(
+        {Point(1, 1, 0), Point(-1, 1, 0), Point(-1, -1, 0), Point(1, -1, 0), Point(0, 0, 0)});
+    sets.push_back({Point(1e300, -1e300, 2e300), Point(-1e300, 3e300, 0), Point(0, 0, 1e300),
+                    Point(2e300, 1e300, -3e300)});
+    sets.push_back({Point(-0.0, 0, -0.0), Point(-0.0, 1, -0.0), Point(1, -0.0, -0.0),
+                    Point(-0.0, -0.0, -0.0)});
+    const std::size_t special = 7;
 
     const auto same = [](const qyLinear::Plane& a, const qyLinear::Plane& b)
     {
@@ -140,8 +148,9 @@ TEST(Fit, EachGivesTheResultsOfSingleFitsBitForBit)
             for (int i = 0; i < length; ++i)
             {
                 // Interleave the degenerate sets at the end with the regular ones.
-                const std::size_t s = i % 3 == 2 ? sets.size() - 1 - (first + std::size_t(i)) % 4
-                                                 : first + std::size_t(i);
+                const std::size_t s = i % 3 == 2
+                                          ? sets.size() - 1 - (first + std::size_t(i)) % special
+                                          : first + std::size_t(i);
                 n.push_back(int(sets[s].size()));
                 points.push_back(sets[s].data());
             }
