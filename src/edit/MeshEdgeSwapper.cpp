@@ -2,6 +2,9 @@
 #include "qyGeom/MeshEdgeSwapper.h"
 
 #include <cmath>
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 #include <set>
 #include <string>
 
@@ -89,30 +92,82 @@ inline bool safeSquare(double lengthSquared)
     return lengthSquared > smallSquare && lengthSquared < largeSquare;
 }
 
-// atan on [0, 1] by a minimax polynomial; the error is below 2e-6.
-inline double atanUnit(double x)
+// atan on [0, 1] by a minimax polynomial; the error is below 2e-6. T is double or a Pair.
+template <class T> inline T atanUnit(T x)
 {
-    const double x2 = x * x;
+    const T x2 = x * x;
     return x *
            (0.99997726 +
             x2 * (-0.33262347 +
                   x2 * (0.19354346 + x2 * (-0.11643287 + x2 * (0.05265332 + x2 * -0.01172120)))));
 }
 
-// The angle at x between the directions to p and to q within 2e-6, or a negative value when
-// either direction is too short or too long to estimate safely.
-inline double estimateAngleAt(const Point& x, const Point& p, const Point& q)
+// Two doubles in one SSE2 register, and the lane masks of their comparisons: the criteria
+// estimate two angles at once.
+typedef double Pair __attribute__((vector_size(16)));
+typedef long long PairMask __attribute__((vector_size(16)));
+
+inline Pair sqrtPair(Pair x)
 {
-    const Vector u = p - x, v = q - x;
-    if (!safeSquare(dot(u, u)) || !safeSquare(dot(v, v)))
-        return -1.0;
-    const double s = qyLinear::cross(u, v).length();
-    const double c = dot(u, v);
-    const double ac = std::abs(c);
-    double a = s <= ac ? atanUnit(s / ac) : halfPi - atanUnit(ac / s);
-    if (c < 0.0)
-        a = 3.141592653589793 - a;
-    return a;
+#if defined(__SSE2__)
+    return _mm_sqrt_pd(x);
+#else
+    return Pair{std::sqrt(x[0]), std::sqrt(x[1])};
+#endif
+}
+
+inline Pair absPair(Pair x)
+{
+    const PairMask magnitude = {0x7FFFFFFFFFFFFFFFll, 0x7FFFFFFFFFFFFFFFll};
+    return Pair(PairMask(x) & magnitude);
+}
+
+// Three coordinates of two points or vectors, one to each lane.
+struct PairVector
+{
+    Pair x, y, z;
+};
+
+inline PairVector operator-(const PairVector& a, const PairVector& b)
+{
+    return {a.x - b.x, a.y - b.y, a.z - b.z};
+}
+
+inline PairVector pairOf(const Point& p, const Point& q)
+{
+    return {Pair{p.x, q.x}, Pair{p.y, q.y}, Pair{p.z, q.z}};
+}
+
+inline Pair dotPair(const PairVector& a, const PairVector& b)
+{
+    return a.x * b.x + a.y * b.y + a.z * b.z;
+}
+
+// The angles at x0 between the directions to p0 and q0, and at x1 between those to p1 and q1,
+// each within 2e-6; false when a direction is too short or too long to estimate safely.
+// Without branches on the angles: which of the two octant forms applies, and whether the
+// angle is obtuse, are chosen per lane by selects.
+inline bool estimateAnglesAt(const PairVector& x, const PairVector& p, const PairVector& q,
+                             Pair& angles)
+{
+    const PairVector u = p - x, v = q - x;
+    const Pair uu = dotPair(u, u), vv = dotPair(v, v);
+    const Pair small = {smallSquare, smallSquare}, large = {largeSquare, largeSquare};
+    const PairMask safe = (uu > small) & (uu < large) & (vv > small) & (vv < large);
+    if ((safe[0] & safe[1]) == 0)
+        return false;
+    const PairVector w = {u.y * v.z - u.z * v.y, u.z * v.x - u.x * v.z, u.x * v.y - u.y * v.x};
+    const Pair s = sqrtPair(dotPair(w, w));
+    const Pair c = dotPair(u, v);
+    const Pair ac = absPair(c);
+    const PairMask steep = s <= ac;
+    const Pair ratio = (steep ? s : ac) / (steep ? ac : s);
+    const Pair atan = atanUnit(ratio);
+    const Pair right = {halfPi, halfPi}, straight = {3.141592653589793, 3.141592653589793};
+    const Pair a = steep ? atan : right - atan;
+    const Pair zero = {0.0, 0.0};
+    angles = c < zero ? straight - a : a;
+    return true;
 }
 
 // A decision from sums of two estimated angles each must clear their combined error
@@ -231,11 +286,12 @@ void MeshEdgeSwapper::minimizeOppositeAngleSum(TopoMeshEdge e, bool& veto)
     if (vetoWithoutQuad(e, veto))
         return;
     const auto [A, B, C, D] = pointsOf(e);
-    const double c0 = estimateAngleAt(C, A, B), c1 = estimateAngleAt(D, A, B);
-    const double s0 = estimateAngleAt(B, C, D), s1 = estimateAngleAt(A, C, D);
-    if (c0 >= 0.0 && c1 >= 0.0 && s0 >= 0.0 && s1 >= 0.0)
+    // The angles opposite A-B (at C and at D) and opposite C-D (at B and at A).
+    Pair before, after;
+    if (estimateAnglesAt(pairOf(C, D), pairOf(A, A), pairOf(B, B), before) &&
+        estimateAnglesAt(pairOf(B, A), pairOf(C, C), pairOf(D, D), after))
     {
-        const double difference = (s0 + s1) - (c0 + c1);
+        const double difference = (after[0] + after[1]) - (before[0] + before[1]);
         if (difference > angleSumMargin)
         {
             veto = true;
