@@ -1,13 +1,15 @@
 // Plane fits of vertex fans, as mesh reduction's flatness pass makes them: each vertex's
 // neighbours and the vertex itself. The fans come from bunny00.obj ($QYGEOM_PEER_DATA, default:
 // the working directory) when it can be read, otherwise from a bumpy torus of similar size.
-// fitEach takes them eight at a time, as the reduction hands them over; fit one at a time.
+// fitEach takes them in groups of the argument's size (eight is what the reduction hands
+// over); fit one at a time.
 // "fans/s" counts fitted fans.
 #include "qyGeom/fit.h"
 
 #include <cmath>
 #include <cstdlib>
 #include <fstream>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -84,22 +86,24 @@ void BM_FitEach(benchmark::State& state)
 {
     const Fans& f = fans();
     const int count = int(f.starts.size()) - 1;
-    constexpr int group = 8;
-    qyLinear::Plane planes[group];
-    bool fitted[group];
+    const int group = int(state.range(0));
+    const auto slots = static_cast<std::size_t>(group);
+    std::vector<qyLinear::Plane> planes(slots);
+    std::unique_ptr<bool[]> fitted(new bool[slots]);
+    std::vector<int> n(slots);
+    std::vector<const Point*> points(slots);
     for (auto _ : state)
         for (int first = 0; first < count; first += group)
         {
             const int size = std::min(group, count - first);
-            int n[group];
-            const Point* points[group];
             for (int i = 0; i < size; ++i)
             {
-                n[i] = f.starts[std::size_t(first + i + 1)] - f.starts[std::size_t(first + i)];
-                points[i] = f.points.data() + f.starts[std::size_t(first + i)];
+                n[std::size_t(i)] =
+                    f.starts[std::size_t(first + i + 1)] - f.starts[std::size_t(first + i)];
+                points[std::size_t(i)] = f.points.data() + f.starts[std::size_t(first + i)];
             }
-            qyGeom::fitEach(size, n, points, planes, fitted);
-            benchmark::DoNotOptimize(planes);
+            qyGeom::fitEach(size, n.data(), points.data(), planes.data(), fitted.get());
+            benchmark::DoNotOptimize(planes.data());
         }
     state.SetLabel(f.source);
     state.counters["fans"] = count;
@@ -126,7 +130,7 @@ void BM_Fit(benchmark::State& state)
         benchmark::Counter(double(count), benchmark::Counter::kIsIterationInvariantRate);
 }
 
-BENCHMARK(BM_FitEach)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_FitEach)->Arg(8)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Fit)->Unit(benchmark::kMillisecond);
 
 } // namespace
