@@ -6,9 +6,13 @@
 #include "qyGeom/fit.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cmath>
-#if defined(__SSE2__)
-#include <emmintrin.h>
+#include <limits>
+
+#include "detail/fitWidth.h"
+#if defined(__x86_64__) || defined(__i386__)
+#include <immintrin.h>
 #endif
 
 namespace qyGeom
@@ -123,26 +127,6 @@ void eigenLanes(const double (*const* A)[3], double* const* values, Vector* cons
     }
 }
 
-// Two lanes of doubles in one SSE2 register, and the lane masks of their comparisons.
-typedef double Pair __attribute__((vector_size(16)));
-typedef long long PairMask __attribute__((vector_size(16)));
-
-inline Pair sqrtPair(Pair x)
-{
-#if defined(__SSE2__)
-    return _mm_sqrt_pd(x);
-#else
-    return Pair{std::sqrt(x[0]), std::sqrt(x[1])};
-#endif
-}
-
-// fabs of each lane: the sign bits cleared.
-inline Pair absPair(Pair x)
-{
-    const PairMask sign = {0x7FFFFFFFFFFFFFFFll, 0x7FFFFFFFFFFFFFFFll};
-    return Pair(PairMask(x) & sign);
-}
-
 // The centroid and the covariance about it; false (nothing set) when n < 1 or the centroid
 // is not finite.
 bool covariance(int n, const Point* points, Point& centroid, double A[3][3])
@@ -185,20 +169,86 @@ bool planeOf(const Point& centroid, const double values[3], const Vector& smalle
     return values[1] > values[0] && values[1] > 1e-12 * values[2];
 }
 
-// The fits of up to 2W consecutive sets, two to a vector register: the centroids and
+// Whether fitEach may use AVX2 (see allowFitAvx2).
+std::atomic<bool> avx2Allowed{true};
+
+// K doubles to a vector register, with the lane masks of their comparisons: SSE2's two, and
+// AVX2's four for the functions compiled for it.
+template <int K> struct Lanes;
+
+template <> struct Lanes<2>
+{
+    typedef double Vec __attribute__((vector_size(16)));
+    typedef long long Mask __attribute__((vector_size(16)));
+    static Vec sqrt(Vec x)
+    {
+#if defined(__SSE2__)
+        return _mm_sqrt_pd(x);
+#else
+        return Vec{std::sqrt(x[0]), std::sqrt(x[1])};
+#endif
+    }
+    // fabs of each lane: the sign bits cleared.
+    static Vec abs(Vec x)
+    {
+        const Mask magnitude = {0x7FFFFFFFFFFFFFFFll, 0x7FFFFFFFFFFFFFFFll};
+        return Vec(Mask(x) & magnitude);
+    }
+    static bool all(Mask m)
+    {
+        return (m[0] & m[1]) != 0;
+    }
+    static bool any(Mask m)
+    {
+        return (m[0] | m[1]) != 0;
+    }
+};
+
+#if defined(__x86_64__) || defined(__i386__)
+#define QYGEOM_FIT_AVX2 1
+template <> struct Lanes<4>
+{
+    typedef double Vec __attribute__((vector_size(32)));
+    typedef long long Mask __attribute__((vector_size(32)));
+    __attribute__((target("avx2"))) static Vec sqrt(Vec x) { return _mm256_sqrt_pd(x); }
+    __attribute__((target("avx2"))) static Vec abs(Vec x)
+    {
+        const long long m = 0x7FFFFFFFFFFFFFFFll;
+        return Vec(Mask(x) & Mask{m, m, m, m});
+    }
+    __attribute__((target("avx2"))) static bool all(Mask m)
+    {
+        return (m[0] & m[1] & m[2] & m[3]) != 0;
+    }
+    __attribute__((target("avx2"))) static bool any(Mask m)
+    {
+        return (m[0] | m[1] | m[2] | m[3]) != 0;
+    }
+};
+#endif
+
+// The 32-byte vectors of Lanes<4> never cross a call: fitQuads flattens everything into
+// itself, so the warning about their passing convention without AVX does not apply. (Helpers
+// that take or return them are AVX2 functions themselves, or take them by reference, since
+// the warning for those would come at the end of the file, outside this region.)
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wpsabi"
+// The fits of up to K W consecutive sets, K to a vector register: the centroids and
 // covariances, the solves and the planes. Every lane computes exactly what covariance,
 // eigenLanes and planeOf compute for its set, operation for operation: the sums run over its
-// own points in order (the points beyond the shorter set of a register are added to its other
-// lane alone), the rotation of a lane that is done, or whose entry is already zero, is
+// own points in order (the points beyond the shortest set of a register are added to their
+// own lanes alone), the rotation of a lane that is done, or whose entry is already zero, is
 // computed and then dropped by a select, and a lane whose set cannot be fitted is idle from
 // the start. So the results are those of fit bit for bit, while the packed divisions and
-// square roots double the throughput of the chains that bound the solve.
-template <int W>
-void fitPairs(int count, const int* n, const Point* const* points, qyLinear::Plane* planes,
-              bool* fitted)
+// square roots raise the throughput of the chains that bound the solve.
+template <int K, int W>
+inline void fitLanes(int count, const int* n, const Point* const* points, qyLinear::Plane* planes,
+                     bool* fitted)
 {
-    const Pair one = {1.0, 1.0};
-    const Pair zero = {0.0, 0.0};
+    typedef typename Lanes<K>::Vec Pair;
+    typedef typename Lanes<K>::Mask PairMask;
+    const Pair one = Pair{} + 1.0;
+    const Pair zero = Pair{};
     Pair centroid[3][W];
     Pair scale[W];
     Pair a[3][3][W];
@@ -206,49 +256,64 @@ void fitPairs(int count, const int* n, const Point* const* points, qyLinear::Pla
     PairMask live[W];
     for (int x = 0; x < W; ++x)
     {
-        const int l0 = 2 * x, l1 = l0 + 1;
-        const int n0 = l0 < count ? std::max(n[l0], 0) : 0;
-        const int n1 = l1 < count ? std::max(n[l1], 0) : 0;
-        const Point* p0 = n0 > 0 ? points[l0] : nullptr;
-        const Point* p1 = n1 > 0 ? points[l1] : nullptr;
-        const int both = std::min(n0, n1);
-
+        int size[K];
+        const Point* set[K];
+        int both = std::numeric_limits<int>::max();
+        for (int y = 0; y < K; ++y)
+        {
+            const int l = K * x + y;
+            size[y] = l < count ? std::max(n[l], 0) : 0;
+            set[y] = size[y] > 0 ? points[l] : nullptr;
+            both = std::min(both, size[y]);
+        }
+        // Coordinate i of every set of the register, by reference: see the note on Lanes<4>.
+        const auto load = [&](int i, double Point::*coordinate, Pair& value)
+        {
+            for (int y = 0; y < K; ++y)
+                value[y] = set[y][i].*coordinate;
+        };
         Pair sx = zero, sy = zero, sz = zero;
         for (int i = 0; i < both; ++i)
         {
-            sx += Pair{p0[i].x, p1[i].x};
-            sy += Pair{p0[i].y, p1[i].y};
-            sz += Pair{p0[i].z, p1[i].z};
+            Pair px, py, pz;
+            load(i, &Point::x, px);
+            load(i, &Point::y, py);
+            load(i, &Point::z, pz);
+            sx += px;
+            sy += py;
+            sz += pz;
         }
-        for (int i = both; i < n0; ++i)
+        for (int y = 0; y < K; ++y)
+            for (int i = both; i < size[y]; ++i)
+            {
+                sx[y] += set[y][i].x;
+                sy[y] += set[y][i].y;
+                sz[y] += set[y][i].z;
+            }
+        Pair divisor;
+        PairMask some;
+        for (int y = 0; y < K; ++y)
         {
-            sx[0] += p0[i].x;
-            sy[0] += p0[i].y;
-            sz[0] += p0[i].z;
+            divisor[y] = double(std::max(size[y], 1));
+            some[y] = size[y] > 0 ? -1 : 0;
         }
-        for (int i = both; i < n1; ++i)
-        {
-            sx[1] += p1[i].x;
-            sy[1] += p1[i].y;
-            sz[1] += p1[i].z;
-        }
-        const Pair size = {double(std::max(n0, 1)), double(std::max(n1, 1))};
-        const Pair cx = sx / size, cy = sy / size, cz = sz / size;
+        const Pair cx = sx / divisor, cy = sy / divisor, cz = sz / divisor;
         centroid[0][x] = cx;
         centroid[1][x] = cy;
         centroid[2][x] = cz;
-        const Pair infinity = {HUGE_VAL, HUGE_VAL};
-        const PairMask finite =
-            (absPair(cx) < infinity) & (absPair(cy) < infinity) & (absPair(cz) < infinity);
-        const PairMask some = {n0 > 0 ? -1 : 0, n1 > 0 ? -1 : 0};
+        const Pair infinity = Pair{} + HUGE_VAL;
+        const PairMask finite = (Lanes<K>::abs(cx) < infinity) & (Lanes<K>::abs(cy) < infinity) &
+                                (Lanes<K>::abs(cz) < infinity);
         live[x] = finite & some;
 
         Pair A00 = zero, A01 = zero, A02 = zero, A11 = zero, A12 = zero, A22 = zero;
         for (int i = 0; i < both; ++i)
         {
-            const Pair dx = Pair{p0[i].x, p1[i].x} - cx;
-            const Pair dy = Pair{p0[i].y, p1[i].y} - cy;
-            const Pair dz = Pair{p0[i].z, p1[i].z} - cz;
+            Pair px, py, pz;
+            load(i, &Point::x, px);
+            load(i, &Point::y, py);
+            load(i, &Point::z, pz);
+            const Pair dx = px - cx, dy = py - cy, dz = pz - cz;
             A00 += dx * dx;
             A01 += dx * dy;
             A02 += dx * dz;
@@ -256,11 +321,11 @@ void fitPairs(int count, const int* n, const Point* const* points, qyLinear::Pla
             A12 += dy * dz;
             A22 += dz * dz;
         }
-        const auto tail = [&](int y, const Point* p, int from, int to)
-        {
-            for (int i = from; i < to; ++i)
+        for (int y = 0; y < K; ++y)
+            for (int i = both; i < size[y]; ++i)
             {
-                const double dx = p[i].x - cx[y], dy = p[i].y - cy[y], dz = p[i].z - cz[y];
+                const Point& q = set[y][i];
+                const double dx = q.x - cx[y], dy = q.y - cy[y], dz = q.z - cz[y];
                 A00[y] += dx * dx;
                 A01[y] += dx * dy;
                 A02[y] += dx * dz;
@@ -268,17 +333,14 @@ void fitPairs(int count, const int* n, const Point* const* points, qyLinear::Pla
                 A12[y] += dy * dz;
                 A22[y] += dz * dz;
             }
-        };
-        tail(0, p0, both, n0);
-        tail(1, p1, both, n1);
 
-        // matrixScale of both lanes: the largest magnitude (a NaN entry is passed over, as
+        // matrixScale of every lane: the largest magnitude (a NaN entry is passed over, as
         // std::max passes it over), or 1 when that is zero or not finite.
         const Pair entries[6] = {A00, A01, A02, A11, A12, A22};
         Pair largest = zero;
         for (const Pair e : entries)
         {
-            const Pair magnitude = absPair(e);
+            const Pair magnitude = Lanes<K>::abs(e);
             largest = largest < magnitude ? magnitude : largest;
         }
         const PairMask usable = (largest > zero) & (largest < infinity) & live[x];
@@ -296,20 +358,22 @@ void fitPairs(int count, const int* n, const Point* const* points, qyLinear::Pla
     for (int x = 0; x < W; ++x)
         live0[x] = live[x];
 
-    const Pair tolerance = {1e-3, 1e-3};
+    const Pair tolerance = Pair{} + 1e-3;
     for (int sweep = 0; sweep < 32; ++sweep)
     {
         // The convergence test of every lane at once: the packed sums add in the scalar
         // order, so each lane decides as a solve on its own does.
-        PairMask any = {0, 0};
+        PairMask any = PairMask{};
         for (int x = 0; x < W; ++x)
         {
-            const Pair off = absPair(a[0][1][x]) + absPair(a[0][2][x]) + absPair(a[1][2][x]);
-            const Pair diag = absPair(a[0][0][x]) + absPair(a[1][1][x]) + absPair(a[2][2][x]);
+            const Pair off =
+                Lanes<K>::abs(a[0][1][x]) + Lanes<K>::abs(a[0][2][x]) + Lanes<K>::abs(a[1][2][x]);
+            const Pair diag =
+                Lanes<K>::abs(a[0][0][x]) + Lanes<K>::abs(a[1][1][x]) + Lanes<K>::abs(a[2][2][x]);
             live[x] = live[x] & ~((off == zero) | (diag + off * tolerance == diag));
             any |= live[x];
         }
-        if ((any[0] | any[1]) == 0)
+        if (!Lanes<K>::any(any))
             break;
         for (int p = 0; p < 2; ++p)
             for (int q = p + 1; q < 3; ++q)
@@ -329,11 +393,11 @@ void fitPairs(int count, const int* n, const Point* const* points, qyLinear::Pla
                 {
                     const Pair theta = t[x];
                     const Pair sign = theta >= zero ? one : -one;
-                    t[x] = sign / (absPair(theta) + sqrtPair(theta * theta + one));
+                    t[x] = sign / (Lanes<K>::abs(theta) + Lanes<K>::sqrt(theta * theta + one));
                 }
                 for (int x = 0; x < W; ++x)
                 {
-                    c[x] = one / sqrtPair(t[x] * t[x] + one);
+                    c[x] = one / Lanes<K>::sqrt(t[x] * t[x] + one);
                     s[x] = t[x] * c[x];
                 }
                 for (int x = 0; x < W; ++x)
@@ -344,8 +408,8 @@ void fitPairs(int count, const int* n, const Point* const* points, qyLinear::Pla
                     const Pair cx = c[x], sx = s[x];
                     const Pair cpp = cx * app - sx * apq, cqp = cx * apq - sx * aqq;
                     const Pair cpq = sx * app + cx * apq, cqq = sx * apq + cx * aqq;
-                    // Both lanes rotating, the common case, needs no selects.
-                    if ((on[x][0] & on[x][1]) != 0)
+                    // All lanes rotating, the common case, needs no selects.
+                    if (Lanes<K>::all(on[x]))
                     {
                         a[p][p][x] = cx * cpp - sx * cqp;
                         a[q][q][x] = sx * cpq + cx * cqq;
@@ -377,7 +441,7 @@ void fitPairs(int count, const int* n, const Point* const* points, qyLinear::Pla
 
     for (int l = 0; l < count; ++l)
     {
-        const int x = l / 2, y = l % 2;
+        const int x = l / K, y = l % K;
         if (!live0[x][y])
         {
             fitted[l] = false;
@@ -404,8 +468,33 @@ void fitPairs(int count, const int* n, const Point* const* points, qyLinear::Pla
         fitted[l] = planeOf(c, values, smallest, planes[l]);
     }
 }
+#pragma GCC diagnostic pop
+
+template <int W>
+void fitPairs(int count, const int* n, const Point* const* points, qyLinear::Plane* planes,
+              bool* fitted)
+{
+    fitLanes<2, W>(count, n, points, planes, fitted);
+}
+
+#if defined(QYGEOM_FIT_AVX2)
+// The same, four to a register, where the processor has AVX2 (fitEach asks): fitLanes and
+// its helpers are all compiled into this function for AVX2, without FMA, which would change
+// the roundings.
+template <int W>
+__attribute__((target("avx2"), flatten)) void
+fitQuads(int count, const int* n, const Point* const* points, qyLinear::Plane* planes, bool* fitted)
+{
+    fitLanes<4, W>(count, n, points, planes, fitted);
+}
+#endif
 
 } // namespace
+
+bool detail::allowFitAvx2(bool allow)
+{
+    return avx2Allowed.exchange(allow);
+}
 
 void eigenSymmetric3(const double A[3][3], double values[3], Vector vectors[3])
 {
@@ -430,6 +519,10 @@ bool fit(int n, const Point* points, qyLinear::Plane& plane)
 void fitEach(int count, const int* n, const Point* const* points, qyLinear::Plane* planes,
              bool* fitted)
 {
+#if defined(QYGEOM_FIT_AVX2)
+    static const bool hasAvx2 = __builtin_cpu_supports("avx2");
+    const bool avx2 = hasAvx2 && avx2Allowed.load(std::memory_order_relaxed);
+#endif
     // Eight sets at a time, in as few registers as they need. (Sixteen are no faster: the
     // rotations' updates, waiting on the chains, already fill the scheduler.)
     for (int first = 0; first < count; first += 8)
@@ -437,14 +530,26 @@ void fitEach(int count, const int* n, const Point* const* points, qyLinear::Plan
         const int size = std::min(count - first, 8);
         const int* groupN = n + first;
         const Point* const* groupPoints = points + first;
+        qyLinear::Plane* groupPlanes = planes + first;
+        bool* groupFitted = fitted + first;
+#if defined(QYGEOM_FIT_AVX2)
+        if (avx2)
+        {
+            if (size > 4)
+                fitQuads<2>(size, groupN, groupPoints, groupPlanes, groupFitted);
+            else
+                fitQuads<1>(size, groupN, groupPoints, groupPlanes, groupFitted);
+            continue;
+        }
+#endif
         if (size > 6)
-            fitPairs<4>(size, groupN, groupPoints, planes + first, fitted + first);
+            fitPairs<4>(size, groupN, groupPoints, groupPlanes, groupFitted);
         else if (size > 4)
-            fitPairs<3>(size, groupN, groupPoints, planes + first, fitted + first);
+            fitPairs<3>(size, groupN, groupPoints, groupPlanes, groupFitted);
         else if (size > 2)
-            fitPairs<2>(size, groupN, groupPoints, planes + first, fitted + first);
+            fitPairs<2>(size, groupN, groupPoints, groupPlanes, groupFitted);
         else
-            fitPairs<1>(size, groupN, groupPoints, planes + first, fitted + first);
+            fitPairs<1>(size, groupN, groupPoints, groupPlanes, groupFitted);
     }
 }
 

@@ -8,6 +8,8 @@
 
 #include <gtest/gtest.h>
 
+#include "src/core/detail/fitWidth.h"
+
 using namespace qyGeom;
 using qyLinear::Point;
 using qyLinear::Vector;
@@ -140,30 +142,37 @@ TEST(Fit, EachGivesTheResultsOfSingleFitsBitForBit)
         return std::memcmp(&ao, &bo, sizeof ao) == 0 && std::memcmp(&an, &bn, sizeof an) == 0;
     };
     const qyLinear::Plane untouched(Point(9, 9, 9), qyLinear::Normal(Vector(1, 0, 0)));
-    for (int length = 1; length <= 19; ++length)
-        for (std::size_t first = 0; first + std::size_t(length) <= sets.size(); first += 2)
-        {
-            std::vector<int> n;
-            std::vector<const Point*> points;
-            for (int i = 0; i < length; ++i)
+    // With AVX2 (where the processor has it) four sets to a register, and two without.
+    for (const bool avx2 : {true, false})
+    {
+        const bool previous = detail::allowFitAvx2(avx2);
+        for (int length = 1; length <= 19; ++length)
+            for (std::size_t first = 0; first + std::size_t(length) <= sets.size(); first += 2)
             {
-                // Interleave the degenerate sets at the end with the regular ones.
-                const std::size_t s = i % 3 == 2
-                                          ? sets.size() - 1 - (first + std::size_t(i)) % special
-                                          : first + std::size_t(i);
-                n.push_back(int(sets[s].size()));
-                points.push_back(sets[s].data());
+                std::vector<int> n;
+                std::vector<const Point*> points;
+                for (int i = 0; i < length; ++i)
+                {
+                    // Interleave the degenerate sets at the end with the regular ones.
+                    const std::size_t s = i % 3 == 2
+                                              ? sets.size() - 1 - (first + std::size_t(i)) % special
+                                              : first + std::size_t(i);
+                    n.push_back(int(sets[s].size()));
+                    points.push_back(sets[s].data());
+                }
+                std::vector<qyLinear::Plane> planes(std::size_t(length), untouched);
+                std::unique_ptr<bool[]> fitted(new bool[std::size_t(length)]);
+                fitEach(length, n.data(), points.data(), planes.data(), fitted.get());
+                for (int l = 0; l < length; ++l)
+                {
+                    qyLinear::Plane single = untouched;
+                    const bool result = fit(n[std::size_t(l)], points[std::size_t(l)], single);
+                    EXPECT_EQ(fitted[std::size_t(l)], result)
+                        << avx2 << " " << first << " " << length << " " << l;
+                    EXPECT_TRUE(same(planes[std::size_t(l)], single))
+                        << avx2 << " " << first << " " << length << " " << l;
+                }
             }
-            std::vector<qyLinear::Plane> planes(std::size_t(length), untouched);
-            std::unique_ptr<bool[]> fitted(new bool[std::size_t(length)]);
-            fitEach(length, n.data(), points.data(), planes.data(), fitted.get());
-            for (int l = 0; l < length; ++l)
-            {
-                qyLinear::Plane single = untouched;
-                const bool result = fit(n[std::size_t(l)], points[std::size_t(l)], single);
-                EXPECT_EQ(fitted[std::size_t(l)], result) << first << " " << length << " " << l;
-                EXPECT_TRUE(same(planes[std::size_t(l)], single))
-                    << first << " " << length << " " << l;
-            }
-        }
+        detail::allowFitAvx2(previous);
+    }
 }
