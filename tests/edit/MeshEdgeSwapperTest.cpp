@@ -2,6 +2,7 @@
 // the sweeps, and the exchange of two meshes.
 #include "qyGeom/MeshEdgeSwapper.h"
 
+#include <cmath>
 #include <random>
 #include <string>
 #include <vector>
@@ -130,6 +131,79 @@ TEST(MeshEdgeSwapper, EachCriterionOnHandMadeQuads)
 
     // On a lone quad every corner is on the boundary.
     EXPECT_TRUE(vetoes(&Swapper::preserveBoundary, a, b, c, d));
+}
+
+TEST(MeshEdgeSwapper, AngleAndFoldoverCriteriaDecideAsTheirDefinitions)
+{
+    // The criteria decide most quads from quick estimates; the decisions must be those of the
+    // definitions, computed here plainly: random quads at scales from 1e-30 to 1e30, flat,
+    // bent and folded, and quads whose two angle sums or two normals are nearly tied (a
+    // cocircular quad nudged by up to 1e-3, two new triangles folded to nearly a right angle).
+    using qyLinear::Normal;
+    using qyLinear::Vector;
+    const auto angleAt = [](const Point& x, const Point& p, const Point& q)
+    { return qyLinear::angle(Normal(p - x).asVector(), Normal(q - x).asVector()); };
+    const auto normal = [](const Point& p, const Point& q, const Point& r)
+    { return Normal(qyLinear::cross(r - q, p - q)); };
+    std::mt19937 rng(11u);
+    std::uniform_real_distribution<double> unit(-1.0, 1.0);
+    int swapsAllowed = 0, foldsVetoed = 0;
+    for (int i = 0; i < 20000; ++i)
+    {
+        const double scale = std::pow(10.0, double(i % 61) - 30.0);
+        const double bend = i % 5 == 0 ? 0.0 : std::pow(10.0, -double(i % 7));
+        Point a, b, c, d;
+        if (i % 4 == 3)
+        {
+            // On a circle, then nudged: the angle sums nearly tie.
+            const double nudge = std::pow(10.0, -3.0 - double(i % 13));
+            const auto on = [&](double t)
+            { return Point(std::cos(t), std::sin(t), bend * unit(rng)); };
+            a = on(0.3 * unit(rng));
+            c = on(2.0 + 0.5 * unit(rng));
+            b = on(3.14 + 0.3 * unit(rng));
+            d = on(4.5 + 0.5 * unit(rng));
+            d = Point(d.x * (1 + nudge * unit(rng)), d.y, d.z);
+        }
+        else if (i % 8 == 5)
+        {
+            // Folded to nearly a right angle about the new diagonal c-d: the new triangles'
+            // normals are nearly orthogonal.
+            const double tilt = std::pow(10.0, -3.0 - double(i % 11)) * unit(rng);
+            c = Point(0, 1, 0);
+            d = Point(0, -1, 0);
+            b = Point(1 + 0.5 * unit(rng), 0.5 * unit(rng), 0);
+            a = Point(tilt, 0.5 * unit(rng), 1 + 0.5 * unit(rng));
+        }
+        else
+        {
+            a = Point(-1 + 0.5 * unit(rng), 0.5 * unit(rng), bend * unit(rng));
+            b = Point(1 + 0.5 * unit(rng), 0.5 * unit(rng), bend * unit(rng));
+            c = Point(unit(rng), 1 + unit(rng), bend * unit(rng));
+            d = Point(unit(rng), -1 - unit(rng), (i % 6 == 1 ? 3.0 : bend) * unit(rng));
+        }
+        const auto scaled = [&](const Point& p)
+        { return Point(p.x * scale, p.y * scale, p.z * scale); };
+        a = scaled(a);
+        b = scaled(b);
+        c = scaled(c);
+        d = scaled(d);
+
+        const bool angleVeto =
+            angleAt(b, c, d) + angleAt(a, c, d) >= angleAt(c, a, b) + angleAt(d, a, b);
+        EXPECT_EQ(vetoes(&Swapper::minimizeOppositeAngleSum, a, b, c, d), angleVeto) << i;
+        const Normal n1 = normal(c, d, b), n2 = normal(a, d, c);
+        const bool foldVeto = !n1.isValid() || !n2.isValid() ||
+                              qyLinear::angle(n1.asVector(), n2.asVector()) > 1.5707963267948966;
+        EXPECT_EQ(vetoes(&Swapper::preventFoldover, a, b, c, d), foldVeto) << i;
+        swapsAllowed += !angleVeto;
+        foldsVetoed += foldVeto;
+    }
+    // Both outcomes of both criteria occur.
+    EXPECT_GT(swapsAllowed, 1000);
+    EXPECT_LT(swapsAllowed, 19000);
+    EXPECT_GT(foldsVetoed, 100);
+    EXPECT_LT(foldsVetoed, 19900);
 }
 
 TEST(MeshEdgeSwapper, BoundaryRuleOnAGridAndBoundaryEdgesAreNeverAsked)
