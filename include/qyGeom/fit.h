@@ -18,8 +18,8 @@ namespace qyGeom
 QYGEOM_API bool fit(int n, const qyLinear::Point* points, qyLinear::Plane& plane);
 
 /// fit() of each of `count` point sets: the same planes and results as separate calls, bit
-/// for bit, in less time, since up to eight eigen-solves run side by side, two to a vector
-/// register.
+/// for bit, in less time, since up to eight fits run side by side, four to a vector register
+/// where the processor has AVX2 (found at run time) and two otherwise.
 /// @param[in]  count   number of sets
 /// @param[in]  n       count ints: the number of points of each set
 /// @param[in]  points  count pointers: the sets
