@@ -1,8 +1,9 @@
 // Plane fits of vertex fans, as mesh reduction's flatness pass makes them: each vertex's
 // neighbours and the vertex itself. The fans come from bunny00.obj ($QYGEOM_PEER_DATA, default:
 // the working directory) when it can be read, otherwise from a bumpy torus of similar size.
-// fitEach takes them in groups of the argument's size (eight is what the reduction hands
-// over); fit one at a time.
+// fitEach takes them in groups of the first argument's size (eight is what the reduction
+// hands over), with AVX2 allowed where the processor has it (avx2:1) or not (avx2:0); fit
+// takes them one at a time.
 // "fans/s" counts fitted fans.
 #include "qyGeom/fit.h"
 
@@ -20,6 +21,7 @@
 #include "model/MeshAdjacency.h"
 #include "qyGeom/meshAdjacency.h"
 #include "qyGeom/meshReadObj.h"
+#include "src/core/detail/fitWidth.h"
 #include "testMeshes.h"
 
 namespace
@@ -87,6 +89,7 @@ void BM_FitEach(benchmark::State& state)
     const Fans& f = fans();
     const int count = int(f.starts.size()) - 1;
     const int group = int(state.range(0));
+    const bool previous = qyGeom::detail::allowFitAvx2(state.range(1) != 0);
     const auto slots = static_cast<std::size_t>(group);
     std::vector<qyLinear::Plane> planes(slots);
     std::unique_ptr<bool[]> fitted(new bool[slots]);
@@ -105,6 +108,7 @@ void BM_FitEach(benchmark::State& state)
             qyGeom::fitEach(size, n.data(), points.data(), planes.data(), fitted.get());
             benchmark::DoNotOptimize(planes.data());
         }
+    qyGeom::detail::allowFitAvx2(previous);
     state.SetLabel(f.source);
     state.counters["fans"] = count;
     state.counters["fans/s"] =
@@ -130,7 +134,11 @@ void BM_Fit(benchmark::State& state)
         benchmark::Counter(double(count), benchmark::Counter::kIsIterationInvariantRate);
 }
 
-BENCHMARK(BM_FitEach)->Arg(8)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_FitEach)
+    ->ArgNames({"group", "avx2"})
+    ->Args({8, 1})
+    ->Args({8, 0})
+    ->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Fit)->Unit(benchmark::kMillisecond);
 
 } // namespace
