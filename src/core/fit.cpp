@@ -173,34 +173,23 @@ bool planeOf(const Point& centroid, const double values[3], const Vector& smalle
 std::atomic<bool> avx2Allowed{true};
 
 // K doubles to a vector register, with the lane masks of their comparisons: SSE2's two, and
-// AVX2's four for the functions compiled for it.
+// AVX2's four for the functions compiled for it. The helpers take and give vectors by
+// reference: a 32-byte vector passed by value between a function compiled for AVX and one
+// that is not would be passed differently on each side (this happens when fitQuads does not
+// inline fitLanes, as without optimisation).
 template <int K> struct Lanes;
 
 template <> struct Lanes<2>
 {
     typedef double Vec __attribute__((vector_size(16)));
     typedef long long Mask __attribute__((vector_size(16)));
-    static Vec sqrt(Vec x)
+    static void sqrt(const Vec& x, Vec& root)
     {
 #if defined(__SSE2__)
-        return _mm_sqrt_pd(x);
+        root = _mm_sqrt_pd(x);
 #else
-        return Vec{std::sqrt(x[0]), std::sqrt(x[1])};
+        root = Vec{std::sqrt(x[0]), std::sqrt(x[1])};
 #endif
-    }
-    // fabs of each lane: the sign bits cleared.
-    static Vec abs(Vec x)
-    {
-        const Mask magnitude = {0x7FFFFFFFFFFFFFFFll, 0x7FFFFFFFFFFFFFFFll};
-        return Vec(Mask(x) & magnitude);
-    }
-    static bool all(Mask m)
-    {
-        return (m[0] & m[1]) != 0;
-    }
-    static bool any(Mask m)
-    {
-        return (m[0] | m[1]) != 0;
     }
 };
 
@@ -210,27 +199,32 @@ template <> struct Lanes<4>
 {
     typedef double Vec __attribute__((vector_size(32)));
     typedef long long Mask __attribute__((vector_size(32)));
-    __attribute__((target("avx2"))) static Vec sqrt(Vec x) { return _mm256_sqrt_pd(x); }
-    __attribute__((target("avx2"))) static Vec abs(Vec x)
+    __attribute__((target("avx2"))) static void sqrt(const Vec& x, Vec& root)
     {
-        const long long m = 0x7FFFFFFFFFFFFFFFll;
-        return Vec(Mask(x) & Mask{m, m, m, m});
-    }
-    __attribute__((target("avx2"))) static bool all(Mask m)
-    {
-        return (m[0] & m[1] & m[2] & m[3]) != 0;
-    }
-    __attribute__((target("avx2"))) static bool any(Mask m)
-    {
-        return (m[0] | m[1] | m[2] | m[3]) != 0;
+        root = _mm256_sqrt_pd(x);
     }
 };
 #endif
 
-// The 32-byte vectors of Lanes<4> never cross a call: fitQuads flattens everything into
-// itself, so the warning about their passing convention without AVX does not apply. (Helpers
-// that take or return them are AVX2 functions themselves, or take them by reference, since
-// the warning for those would come at the end of the file, outside this region.)
+// Whether every lane, or any lane, of a mask is set.
+template <int K> bool allLanes(const typename Lanes<K>::Mask& m)
+{
+    for (int k = 0; k < K; ++k)
+        if (m[k] == 0)
+            return false;
+    return true;
+}
+
+template <int K> bool anyLane(const typename Lanes<K>::Mask& m)
+{
+    for (int k = 0; k < K; ++k)
+        if (m[k] != 0)
+            return true;
+    return false;
+}
+
+// The 32-byte vectors of Lanes<4> stay inside fitLanes or go by reference, so the warning
+// about their passing convention without AVX does not apply.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wpsabi"
 // The fits of up to K W consecutive sets, K to a vector register: the centroids and
@@ -247,6 +241,8 @@ inline void fitLanes(int count, const int* n, const Point* const* points, qyLine
 {
     typedef typename Lanes<K>::Vec Pair;
     typedef typename Lanes<K>::Mask PairMask;
+    // fabs of a lane is the lane with its sign bit cleared: Pair(PairMask(x) & noSign).
+    const PairMask noSign = PairMask{} + 0x7FFFFFFFFFFFFFFFll;
     const Pair one = Pair{} + 1.0;
     const Pair zero = Pair{};
     Pair centroid[3][W];
@@ -275,7 +271,7 @@ inline void fitLanes(int count, const int* n, const Point* const* points, qyLine
         Pair sx = zero, sy = zero, sz = zero;
         for (int i = 0; i < both; ++i)
         {
-            Pair px, py, pz;
+            Pair px{}, py{}, pz{};
             load(i, &Point::x, px);
             load(i, &Point::y, py);
             load(i, &Point::z, pz);
@@ -302,14 +298,15 @@ inline void fitLanes(int count, const int* n, const Point* const* points, qyLine
         centroid[1][x] = cy;
         centroid[2][x] = cz;
         const Pair infinity = Pair{} + HUGE_VAL;
-        const PairMask finite = (Lanes<K>::abs(cx) < infinity) & (Lanes<K>::abs(cy) < infinity) &
-                                (Lanes<K>::abs(cz) < infinity);
+        const PairMask finite = (Pair(PairMask(cx) & noSign) < infinity) &
+                                (Pair(PairMask(cy) & noSign) < infinity) &
+                                (Pair(PairMask(cz) & noSign) < infinity);
         live[x] = finite & some;
 
         Pair A00 = zero, A01 = zero, A02 = zero, A11 = zero, A12 = zero, A22 = zero;
         for (int i = 0; i < both; ++i)
         {
-            Pair px, py, pz;
+            Pair px{}, py{}, pz{};
             load(i, &Point::x, px);
             load(i, &Point::y, py);
             load(i, &Point::z, pz);
@@ -340,7 +337,7 @@ inline void fitLanes(int count, const int* n, const Point* const* points, qyLine
         Pair largest = zero;
         for (const Pair e : entries)
         {
-            const Pair magnitude = Lanes<K>::abs(e);
+            const Pair magnitude = Pair(PairMask(e) & noSign);
             largest = largest < magnitude ? magnitude : largest;
         }
         const PairMask usable = (largest > zero) & (largest < infinity) & live[x];
@@ -366,14 +363,16 @@ inline void fitLanes(int count, const int* n, const Point* const* points, qyLine
         PairMask any = PairMask{};
         for (int x = 0; x < W; ++x)
         {
-            const Pair off =
-                Lanes<K>::abs(a[0][1][x]) + Lanes<K>::abs(a[0][2][x]) + Lanes<K>::abs(a[1][2][x]);
-            const Pair diag =
-                Lanes<K>::abs(a[0][0][x]) + Lanes<K>::abs(a[1][1][x]) + Lanes<K>::abs(a[2][2][x]);
+            const Pair off = Pair(PairMask(a[0][1][x]) & noSign) +
+                             Pair(PairMask(a[0][2][x]) & noSign) +
+                             Pair(PairMask(a[1][2][x]) & noSign);
+            const Pair diag = Pair(PairMask(a[0][0][x]) & noSign) +
+                              Pair(PairMask(a[1][1][x]) & noSign) +
+                              Pair(PairMask(a[2][2][x]) & noSign);
             live[x] = live[x] & ~((off == zero) | (diag + off * tolerance == diag));
             any |= live[x];
         }
-        if (!Lanes<K>::any(any))
+        if (!anyLane<K>(any))
             break;
         for (int p = 0; p < 2; ++p)
             for (int q = p + 1; q < 3; ++q)
@@ -393,11 +392,15 @@ inline void fitLanes(int count, const int* n, const Point* const* points, qyLine
                 {
                     const Pair theta = t[x];
                     const Pair sign = theta >= zero ? one : -one;
-                    t[x] = sign / (Lanes<K>::abs(theta) + Lanes<K>::sqrt(theta * theta + one));
+                    Pair root;
+                    Lanes<K>::sqrt(theta * theta + one, root);
+                    t[x] = sign / (Pair(PairMask(theta) & noSign) + root);
                 }
                 for (int x = 0; x < W; ++x)
                 {
-                    c[x] = one / Lanes<K>::sqrt(t[x] * t[x] + one);
+                    Pair root;
+                    Lanes<K>::sqrt(t[x] * t[x] + one, root);
+                    c[x] = one / root;
                     s[x] = t[x] * c[x];
                 }
                 for (int x = 0; x < W; ++x)
@@ -409,7 +412,7 @@ inline void fitLanes(int count, const int* n, const Point* const* points, qyLine
                     const Pair cpp = cx * app - sx * apq, cqp = cx * apq - sx * aqq;
                     const Pair cpq = sx * app + cx * apq, cqq = sx * apq + cx * aqq;
                     // All lanes rotating, the common case, needs no selects.
-                    if (Lanes<K>::all(on[x]))
+                    if (allLanes<K>(on[x]))
                     {
                         a[p][p][x] = cx * cpp - sx * cqp;
                         a[q][q][x] = sx * cpq + cx * cqq;
