@@ -239,17 +239,18 @@ template <int K, int W>
 inline void fitLanes(int count, const int* n, const Point* const* points, qyLinear::Plane* planes,
                      bool* fitted)
 {
-    typedef typename Lanes<K>::Vec Pair;
-    typedef typename Lanes<K>::Mask PairMask;
-    // fabs of a lane is the lane with its sign bit cleared: Pair(PairMask(x) & noSign).
-    const PairMask noSign = PairMask{} + 0x7FFFFFFFFFFFFFFFll;
-    const Pair one = Pair{} + 1.0;
-    const Pair zero = Pair{};
-    Pair centroid[3][W];
-    Pair scale[W];
-    Pair a[3][3][W];
-    Pair v[3][3][W];
-    PairMask live[W];
+    // K lanes of doubles, and the masks their comparisons give.
+    typedef typename Lanes<K>::Vec Pack;
+    typedef typename Lanes<K>::Mask Mask;
+    // fabs of a lane is the lane with its sign bit cleared: Pack(Mask(x) & noSign).
+    const Mask noSign = Mask{} + 0x7FFFFFFFFFFFFFFFll;
+    const Pack one = Pack{} + 1.0;
+    const Pack zero = Pack{};
+    Pack centroid[3][W];
+    Pack scale[W];
+    Pack a[3][3][W];
+    Pack v[3][3][W];
+    Mask live[W];
     for (int x = 0; x < W; ++x)
     {
         int size[K];
@@ -263,15 +264,15 @@ inline void fitLanes(int count, const int* n, const Point* const* points, qyLine
             both = std::min(both, size[y]);
         }
         // Coordinate i of every set of the register, by reference: see the note on Lanes<4>.
-        const auto load = [&](int i, double Point::*coordinate, Pair& value)
+        const auto load = [&](int i, double Point::*coordinate, Pack& value)
         {
             for (int y = 0; y < K; ++y)
                 value[y] = set[y][i].*coordinate;
         };
-        Pair sx = zero, sy = zero, sz = zero;
+        Pack sx = zero, sy = zero, sz = zero;
         for (int i = 0; i < both; ++i)
         {
-            Pair px{}, py{}, pz{};
+            Pack px{}, py{}, pz{};
             load(i, &Point::x, px);
             load(i, &Point::y, py);
             load(i, &Point::z, pz);
@@ -286,31 +287,31 @@ inline void fitLanes(int count, const int* n, const Point* const* points, qyLine
                 sy[y] += set[y][i].y;
                 sz[y] += set[y][i].z;
             }
-        Pair divisor;
-        PairMask some;
+        Pack divisor;
+        Mask some;
         for (int y = 0; y < K; ++y)
         {
             divisor[y] = double(std::max(size[y], 1));
             some[y] = size[y] > 0 ? -1 : 0;
         }
-        const Pair cx = sx / divisor, cy = sy / divisor, cz = sz / divisor;
+        const Pack cx = sx / divisor, cy = sy / divisor, cz = sz / divisor;
         centroid[0][x] = cx;
         centroid[1][x] = cy;
         centroid[2][x] = cz;
-        const Pair infinity = Pair{} + HUGE_VAL;
-        const PairMask finite = (Pair(PairMask(cx) & noSign) < infinity) &
-                                (Pair(PairMask(cy) & noSign) < infinity) &
-                                (Pair(PairMask(cz) & noSign) < infinity);
+        const Pack infinity = Pack{} + HUGE_VAL;
+        const Mask finite = (Pack(Mask(cx) & noSign) < infinity) &
+                            (Pack(Mask(cy) & noSign) < infinity) &
+                            (Pack(Mask(cz) & noSign) < infinity);
         live[x] = finite & some;
 
-        Pair A00 = zero, A01 = zero, A02 = zero, A11 = zero, A12 = zero, A22 = zero;
+        Pack A00 = zero, A01 = zero, A02 = zero, A11 = zero, A12 = zero, A22 = zero;
         for (int i = 0; i < both; ++i)
         {
-            Pair px{}, py{}, pz{};
+            Pack px{}, py{}, pz{};
             load(i, &Point::x, px);
             load(i, &Point::y, py);
             load(i, &Point::z, pz);
-            const Pair dx = px - cx, dy = py - cy, dz = pz - cz;
+            const Pack dx = px - cx, dy = py - cy, dz = pz - cz;
             A00 += dx * dx;
             A01 += dx * dy;
             A02 += dx * dz;
@@ -333,17 +334,17 @@ inline void fitLanes(int count, const int* n, const Point* const* points, qyLine
 
         // matrixScale of every lane: the largest magnitude (a NaN entry is passed over, as
         // std::max passes it over), or 1 when that is zero or not finite.
-        const Pair entries[6] = {A00, A01, A02, A11, A12, A22};
-        Pair largest = zero;
-        for (const Pair e : entries)
+        const Pack entries[6] = {A00, A01, A02, A11, A12, A22};
+        Pack largest = zero;
+        for (const Pack e : entries)
         {
-            const Pair magnitude = Pair(PairMask(e) & noSign);
+            const Pack magnitude = Pack(Mask(e) & noSign);
             largest = largest < magnitude ? magnitude : largest;
         }
-        const PairMask usable = (largest > zero) & (largest < infinity) & live[x];
+        const Mask usable = (largest > zero) & (largest < infinity) & live[x];
         scale[x] = usable ? largest : one;
-        const Pair inv = one / scale[x];
-        const Pair m[3][3] = {{A00, A01, A02}, {A01, A11, A12}, {A02, A12, A22}};
+        const Pack inv = one / scale[x];
+        const Pack m[3][3] = {{A00, A01, A02}, {A01, A11, A12}, {A02, A12, A22}};
         for (int i = 0; i < 3; ++i)
             for (int j = 0; j < 3; ++j)
             {
@@ -351,24 +352,22 @@ inline void fitLanes(int count, const int* n, const Point* const* points, qyLine
                 v[i][j][x] = i == j ? one : zero;
             }
     }
-    PairMask live0[W];
+    Mask live0[W];
     for (int x = 0; x < W; ++x)
         live0[x] = live[x];
 
-    const Pair tolerance = Pair{} + 1e-3;
+    const Pack tolerance = Pack{} + 1e-3;
     for (int sweep = 0; sweep < 32; ++sweep)
     {
         // The convergence test of every lane at once: the packed sums add in the scalar
         // order, so each lane decides as a solve on its own does.
-        PairMask any = PairMask{};
+        Mask any = Mask{};
         for (int x = 0; x < W; ++x)
         {
-            const Pair off = Pair(PairMask(a[0][1][x]) & noSign) +
-                             Pair(PairMask(a[0][2][x]) & noSign) +
-                             Pair(PairMask(a[1][2][x]) & noSign);
-            const Pair diag = Pair(PairMask(a[0][0][x]) & noSign) +
-                              Pair(PairMask(a[1][1][x]) & noSign) +
-                              Pair(PairMask(a[2][2][x]) & noSign);
+            const Pack off = Pack(Mask(a[0][1][x]) & noSign) + Pack(Mask(a[0][2][x]) & noSign) +
+                             Pack(Mask(a[1][2][x]) & noSign);
+            const Pack diag = Pack(Mask(a[0][0][x]) & noSign) + Pack(Mask(a[1][1][x]) & noSign) +
+                              Pack(Mask(a[2][2][x]) & noSign);
             live[x] = live[x] & ~((off == zero) | (diag + off * tolerance == diag));
             any |= live[x];
         }
@@ -380,37 +379,37 @@ inline void fitLanes(int count, const int* n, const Point* const* points, qyLine
                 // Stage by stage over the W registers rather than register by register, so
                 // that their chains of divisions and square roots are in flight together.
                 const int r = 3 - p - q;
-                PairMask on[W];
-                Pair t[W], c[W], s[W];
+                Mask on[W];
+                Pack t[W], c[W], s[W];
                 for (int x = 0; x < W; ++x)
                 {
-                    const Pair apq = a[p][q][x];
+                    const Pack apq = a[p][q][x];
                     on[x] = live[x] & (apq != zero);
                     t[x] = (a[q][q][x] - a[p][p][x]) / (2.0 * apq);
                 }
                 for (int x = 0; x < W; ++x)
                 {
-                    const Pair theta = t[x];
-                    const Pair sign = theta >= zero ? one : -one;
-                    Pair root;
+                    const Pack theta = t[x];
+                    const Pack sign = theta >= zero ? one : -one;
+                    Pack root;
                     Lanes<K>::sqrt(theta * theta + one, root);
-                    t[x] = sign / (Pair(PairMask(theta) & noSign) + root);
+                    t[x] = sign / (Pack(Mask(theta) & noSign) + root);
                 }
                 for (int x = 0; x < W; ++x)
                 {
-                    Pair root;
+                    Pack root;
                     Lanes<K>::sqrt(t[x] * t[x] + one, root);
                     c[x] = one / root;
                     s[x] = t[x] * c[x];
                 }
                 for (int x = 0; x < W; ++x)
                 {
-                    const Pair apq = a[p][q][x];
-                    const Pair app = a[p][p][x], aqq = a[q][q][x];
-                    const Pair arp = a[r][p][x], arq = a[r][q][x];
-                    const Pair cx = c[x], sx = s[x];
-                    const Pair cpp = cx * app - sx * apq, cqp = cx * apq - sx * aqq;
-                    const Pair cpq = sx * app + cx * apq, cqq = sx * apq + cx * aqq;
+                    const Pack apq = a[p][q][x];
+                    const Pack app = a[p][p][x], aqq = a[q][q][x];
+                    const Pack arp = a[r][p][x], arq = a[r][q][x];
+                    const Pack cx = c[x], sx = s[x];
+                    const Pack cpp = cx * app - sx * apq, cqp = cx * apq - sx * aqq;
+                    const Pack cpq = sx * app + cx * apq, cqq = sx * apq + cx * aqq;
                     // All lanes rotating, the common case, needs no selects.
                     if (allLanes<K>(on[x]))
                     {
@@ -421,7 +420,7 @@ inline void fitLanes(int count, const int* n, const Point* const* points, qyLine
                         a[p][q][x] = a[q][p][x] = zero;
                         for (int k = 0; k < 3; ++k)
                         {
-                            const Pair vkp = v[k][p][x], vkq = v[k][q][x];
+                            const Pack vkp = v[k][p][x], vkq = v[k][q][x];
                             v[k][p][x] = cx * vkp - sx * vkq;
                             v[k][q][x] = sx * vkp + cx * vkq;
                         }
@@ -434,7 +433,7 @@ inline void fitLanes(int count, const int* n, const Point* const* points, qyLine
                     a[p][q][x] = a[q][p][x] = on[x] ? zero : apq;
                     for (int k = 0; k < 3; ++k)
                     {
-                        const Pair vkp = v[k][p][x], vkq = v[k][q][x];
+                        const Pack vkp = v[k][p][x], vkq = v[k][q][x];
                         v[k][p][x] = on[x] ? cx * vkp - sx * vkq : vkp;
                         v[k][q][x] = on[x] ? sx * vkp + cx * vkq : vkq;
                     }
