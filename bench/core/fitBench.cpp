@@ -21,7 +21,7 @@
 #include "model/MeshAdjacency.h"
 #include "qyGeom/meshAdjacency.h"
 #include "qyGeom/meshReadObj.h"
-#include "src/core/detail/fitWidth.h"
+#include "src/core/detail/avx2.h"
 #include "testMeshes.h"
 
 namespace
@@ -89,7 +89,7 @@ void BM_FitEach(benchmark::State& state)
     const Fans& f = fans();
     const int count = int(f.starts.size()) - 1;
     const int group = int(state.range(0));
-    const bool previous = qyGeom::detail::allowFitAvx2(state.range(1) != 0);
+    const bool previous = qyGeom::detail::allowAvx2(state.range(1) != 0);
     const auto slots = static_cast<std::size_t>(group);
     std::vector<qyLinear::Plane> planes(slots);
     std::unique_ptr<bool[]> fitted(new bool[slots]);
@@ -108,7 +108,7 @@ void BM_FitEach(benchmark::State& state)
             qyGeom::fitEach(size, n.data(), points.data(), planes.data(), fitted.get());
             benchmark::DoNotOptimize(planes.data());
         }
-    qyGeom::detail::allowFitAvx2(previous);
+    qyGeom::detail::allowAvx2(previous);
     state.SetLabel(f.source);
     state.counters["fans"] = count;
     state.counters["fans/s"] =

@@ -10,7 +10,7 @@
 #include <cmath>
 #include <limits>
 
-#include "detail/fitWidth.h"
+#include "detail/avx2.h"
 #if defined(__x86_64__) || defined(__i386__)
 #include <immintrin.h>
 #endif
@@ -169,7 +169,7 @@ bool planeOf(const Point& centroid, const double values[3], const Vector& smalle
     return values[1] > values[0] && values[1] > 1e-12 * values[2];
 }
 
-// Whether fitEach may use AVX2 (see allowFitAvx2).
+// Whether the AVX2 forms may be used (see allowAvx2).
 std::atomic<bool> avx2Allowed{true};
 
 // K doubles to a vector register, with the lane masks of their comparisons: SSE2's two, and
@@ -493,9 +493,19 @@ fitQuads(int count, const int* n, const Point* const* points, qyLinear::Plane* p
 
 } // namespace
 
-bool detail::allowFitAvx2(bool allow)
+bool detail::allowAvx2(bool allow)
 {
     return avx2Allowed.exchange(allow);
+}
+
+bool detail::useAvx2()
+{
+#if defined(QYGEOM_FIT_AVX2)
+    static const bool hasAvx2 = __builtin_cpu_supports("avx2");
+    return hasAvx2 && avx2Allowed.load(std::memory_order_relaxed);
+#else
+    return false;
+#endif
 }
 
 void eigenSymmetric3(const double A[3][3], double values[3], Vector vectors[3])
@@ -522,8 +532,7 @@ void fitEach(int count, const int* n, const Point* const* points, qyLinear::Plan
              bool* fitted)
 {
 #if defined(QYGEOM_FIT_AVX2)
-    static const bool hasAvx2 = __builtin_cpu_supports("avx2");
-    const bool avx2 = hasAvx2 && avx2Allowed.load(std::memory_order_relaxed);
+    const bool avx2 = detail::useAvx2();
 #endif
     // Eight sets at a time, in as few registers as they need. (Sixteen are no faster: the
     // rotations' updates, waiting on the chains, already fill the scheduler.)

@@ -8,7 +8,7 @@
 
 #include <gtest/gtest.h>
 
-#include "src/core/detail/fitWidth.h"
+#include "src/core/detail/avx2.h"
 
 using namespace qyGeom;
 using qyLinear::Point;
@@ -145,7 +145,7 @@ TEST(Fit, EachGivesTheResultsOfSingleFitsBitForBit)
     // With AVX2 (where the processor has it) four sets to a register, and two without.
     for (const bool avx2 : {true, false})
     {
-        const bool previous = detail::allowFitAvx2(avx2);
+        const bool previous = detail::allowAvx2(avx2);
         for (int length = 1; length <= 19; ++length)
             for (std::size_t first = 0; first + std::size_t(length) <= sets.size(); first += 2)
             {
@@ -173,6 +173,6 @@ TEST(Fit, EachGivesTheResultsOfSingleFitsBitForBit)
                         << avx2 << " " << first << " " << length << " " << l;
                 }
             }
-        detail::allowFitAvx2(previous);
+        detail::allowAvx2(previous);
     }
 }

@@ -12,6 +12,7 @@
 #include "model/CompactMesh.h"
 #include "model/MeshModification.h"
 #include "model/TopoMesh.h"
+#include "src/core/detail/avx2.h"
 #include "testMeshes.h"
 
 using namespace qyGeom;
@@ -191,7 +192,14 @@ TEST(MeshEdgeSwapper, AngleAndFoldoverCriteriaDecideAsTheirDefinitions)
 
         const bool angleVeto =
             angleAt(b, c, d) + angleAt(a, c, d) >= angleAt(c, a, b) + angleAt(d, a, b);
-        EXPECT_EQ(vetoes(&Swapper::minimizeOppositeAngleSum, a, b, c, d), angleVeto) << i;
+        // With the AVX2 estimate (where the processor has AVX2) and the SSE2 one.
+        for (const bool avx2 : {true, false})
+        {
+            const bool previous = detail::allowAvx2(avx2);
+            EXPECT_EQ(vetoes(&Swapper::minimizeOppositeAngleSum, a, b, c, d), angleVeto)
+                << i << " " << avx2;
+            detail::allowAvx2(previous);
+        }
         const Normal n1 = normal(c, d, b), n2 = normal(a, d, c);
         const bool foldVeto = !n1.isValid() || !n2.isValid() ||
                               qyLinear::angle(n1.asVector(), n2.asVector()) > 1.5707963267948966;
