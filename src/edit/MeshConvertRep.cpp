@@ -237,27 +237,19 @@ void MeshConvertRep::build()
         int lowest = -1, lowestTwinless = -1, lowestAt = -1, lowestTwinlessAt = -1;
         for (int i = 0; i < m; ++i)
         {
-            // Scalar scans with early exits: the lists are a handful of entries long, just
-            // written, and a vector load over them would wait for those stores.
+            // One branchless scan per spoke: how often b ends a leaving and starts an arriving
+            // half-edge, and where it last started one. The position of a match is
+            // unpredictable, so a scan with early exits would mispredict about once a spoke.
             const int b = outV[i];
-            bool unique = true;
+            int sameOut = 0, sameIn = 0, at = -1;
             for (int k = 0; k < m; ++k)
-                if (k != i && outV[k] == b)
-                {
-                    unique = false;
-                    break;
-                }
-            int opposite = -1;
-            for (int k = 0; unique && k < m; ++k)
-                if (inV[k] == b)
-                {
-                    if (opposite >= 0)
-                    {
-                        opposite = -1;
-                        break;
-                    }
-                    opposite = k;
-                }
+            {
+                sameOut += outV[k] == b;
+                const bool in = inV[k] == b;
+                sameIn += in;
+                at = in ? k : at;
+            }
+            const int opposite = sameOut == 1 && sameIn == 1 ? at : -1;
             const int e = outE[i];
             if (opposite >= 0)
             {
@@ -382,6 +374,28 @@ void MeshModifyRep::merge(Remap& vertexRemap, int /*flags*/)
         const int first = m_topo.getFaceEdge(f);
         if (first < 0)
             continue;
+        const int position = m_triangleSlots.find(m_topo.getFaceTag(f));
+        const int second = edges[first].next, third = edges[second].next;
+        if (edges[third].next == first)
+        {
+            // A triangle, as nearly every face is: its corners straight off its half-edges.
+            MeshTriangle tri{{slotVertex[std::size_t(edges[first].vertex)],
+                              slotVertex[std::size_t(edges[second].vertex)],
+                              slotVertex[std::size_t(edges[third].vertex)]}};
+            if (position >= 0 && !isPlaced[std::size_t(position)])
+            {
+                const MeshTriangle& old = tris[m_triangles[std::size_t(position)]];
+                if (sameRotation(tri, old))
+                    tri = old;
+                else
+                    changed = true;
+                placed[std::size_t(position)] = tri;
+                isPlaced[std::size_t(position)] = 1;
+            }
+            else
+                extra.push_back(tri);
+            continue;
+        }
         corners.clear();
         int e = first;
         do
@@ -389,7 +403,6 @@ void MeshModifyRep::merge(Remap& vertexRemap, int /*flags*/)
             corners.push_back(slotVertex[std::size_t(edges[e].vertex)]);
             e = edges[e].next;
         } while (e != first);
-        const int position = m_triangleSlots.find(m_topo.getFaceTag(f));
         for (std::size_t k = 1; k + 1 < corners.size(); ++k)
         {
             MeshTriangle tri{{corners[0], corners[k], corners[k + 1]}};
@@ -519,27 +532,28 @@ void MeshModifyRep::merge(Remap& vertexRemap, int /*flags*/)
         if (slotVertex[std::size_t(s)] >= 0)
             newPoints[newVertex(slotVertex[std::size_t(s)])].set(m_topo.getPoint(s));
 
-    // Triangles: close up, renumber the untouched ones, then write the region's.
+    // Triangles: close up and renumber in one sweep (a deletion map never moves a triangle up,
+    // so each is read before its new slot is written), then write the region's.
     tris = m_mesh.getTriangles();
-    if (numDeletedTris > 0)
+    if (numDeletedTris > 0 || !removed.empty())
     {
+        const int* vertexMap = vertexRemap.getMap();
+        const int* triangleMap = triangleRemap.getMap();
         for (int t = 0; t < numTris; ++t)
         {
-            const int to = triangleRemap(t);
-            if (to >= 0 && to != t)
-                tris[to] = tris[t];
+            const int to = triangleMap ? triangleMap[t] : t;
+            if (to < 0)
+                continue;
+            MeshTriangle tri = tris[t];
+            if (vertexMap)
+                for (int k = 0; k < 3; ++k)
+                    if (unsigned(tri[k]) < unsigned(numVerts))
+                        tri[k] = vertexMap[tri[k]];
+            tris[to] = tri;
         }
     }
     m_mesh.resizeTriangleArray(numFinalTris);
     tris = m_mesh.getTriangles();
-    if (!removed.empty())
-    {
-        int* indices = m_mesh.getTrianglesRaw();
-        const std::ptrdiff_t count = 3 * std::ptrdiff_t(numTris - numDeletedTris);
-        for (std::ptrdiff_t k = 0; k < count; ++k)
-            if (unsigned(indices[k]) < unsigned(numVerts))
-                indices[k] = vertexRemap(indices[k]);
-    }
     auto renumbered = [&](const MeshTriangle& t) {
         return MeshTriangle{{newVertex(t[0]), newVertex(t[1]), newVertex(t[2])}};
     };
