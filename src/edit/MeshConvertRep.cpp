@@ -9,6 +9,7 @@
 #include <bit>
 #include <cstddef>
 #include <cstring>
+#include <emmintrin.h>
 
 #include "model/BitVector.h"
 #include "model/CompactMesh.h"
@@ -201,82 +202,136 @@ void MeshConvertRep::build()
     // Both sides of a pair see the same counts, so the pairs agree from either end and are
     // those that meshTwin would make; what it would still find out, whether every vertex has
     // one fan, is found here from the same lists, so that the region needs no meshTwin pass.
+    //
+    // The vertices go in blocks: first the lists of the whole block are gathered (the scattered
+    // triangle reads of different vertices overlap), then each list is scanned, long after its
+    // stores have retired, four entries to a vector compare. Each list starts at a multiple of
+    // four entries and is padded with -1, which no vertex index equals.
+    constexpr int blockSize = 64;
     std::vector<int>& scratch = m_scratch;
+    int listStart[blockSize + 1], listSize[blockSize];
     bool singleFans = true;
-    for (int s = 0; s < n; ++s)
+    for (int s0 = 0; s0 < n; s0 += blockSize)
     {
-        const int a = m_vertices[std::size_t(s)];
-        const int* around = m_adjTris.triIndices(a);
-        const int count = m_adjTris.numTris(a);
-        if (scratch.size() < 5 * std::size_t(count))
-            scratch.resize(5 * std::size_t(count));
-        int* outV = scratch.data();
-        int* inV = outV + count;
-        int* outE = inV + count;
-        int* inE = outE + count;
+        const int s1 = std::min(n, s0 + blockSize);
+        int room = 0;
+        for (int s = s0; s < s1; ++s)
+        {
+            listStart[s - s0] = room;
+            room += (m_adjTris.numTris(m_vertices[std::size_t(s)]) + 3) & ~3;
+        }
+        listStart[s1 - s0] = room;
+        if (scratch.size() < 5 * std::size_t(room))
+            scratch.resize(5 * std::size_t(room));
+        int* const outV = scratch.data();
+        int* const inV = outV + room;
+        int* const outE = inV + room;
+        int* const inE = outE + room;
         // succ[i]: the corner whose leaving half-edge is the twin of corner i's arriving one,
         // the next spoke of the walk around a; -1 where that half-edge has no twin.
-        int* succ = inE + count;
-        int m = 0;
-        for (int i = 0; i < count; ++i)
+        int* const succ = inE + room;
+        for (int s = s0; s < s1; ++s)
         {
-            const int u = around[i];
-            const int f = m_triangleSlots.find(u);
-            if (f < 0)
-                continue;
-            const int j = tris[u][0] == a ? 0 : (tris[u][1] == a ? 1 : 2);
-            const int jNext = j == 2 ? 0 : j + 1, jPrev = j == 0 ? 2 : j - 1;
-            outV[m] = tris[u][jNext];
-            inV[m] = tris[u][jPrev];
-            outE[m] = 3 * f + j;
-            inE[m] = 3 * f + jPrev;
-            succ[m] = -1;
-            ++m;
+            const int a = m_vertices[std::size_t(s)];
+            const int* around = m_adjTris.triIndices(a);
+            const int count = m_adjTris.numTris(a);
+            const int base = listStart[s - s0];
+            int m = base;
+            for (int i = 0; i < count; ++i)
+            {
+                const int u = around[i];
+                const int f = m_triangleSlots.find(u);
+                if (f < 0)
+                    continue;
+                const int j = tris[u][0] == a ? 0 : (tris[u][1] == a ? 1 : 2);
+                const int jNext = j == 2 ? 0 : j + 1, jPrev = j == 0 ? 2 : j - 1;
+                outV[m] = tris[u][jNext];
+                inV[m] = tris[u][jPrev];
+                outE[m] = 3 * f + j;
+                inE[m] = 3 * f + jPrev;
+                succ[m] = -1;
+                ++m;
+            }
+            listSize[s - s0] = m - base;
+            arrays.vertexDegree[s] = m - base;
+            for (; m < listStart[s - s0 + 1]; ++m)
+                outV[m] = inV[m] = -1;
         }
-        arrays.vertexDegree[s] = m;
-        int lowest = -1, lowestTwinless = -1, lowestAt = -1, lowestTwinlessAt = -1;
-        for (int i = 0; i < m; ++i)
+        for (int s = s0; s < s1; ++s)
         {
-            // One branchless scan per spoke: how often b ends a leaving and starts an arriving
-            // half-edge, and where it last started one. The position of a match is
-            // unpredictable, so a scan with early exits would mispredict about once a spoke.
-            const int b = outV[i];
-            int sameOut = 0, sameIn = 0, at = -1;
-            for (int k = 0; k < m; ++k)
+            const int base = listStart[s - s0];
+            const int m = listSize[s - s0];
+            const int* out = outV + base;
+            const int* in = inV + base;
+            const int* leaving = outE + base;
+            const int* arriving = inE + base;
+            int* next = succ + base;
+            int lowest = -1, lowestTwinless = -1, lowestAt = -1, lowestTwinlessAt = -1;
+            for (int i = 0; i < m; ++i)
             {
-                sameOut += outV[k] == b;
-                const bool in = inV[k] == b;
-                sameIn += in;
-                at = in ? k : at;
+                // How often b ends a leaving and starts an arriving half-edge, and where.
+                const int b = out[i];
+                int opposite = -1;
+                if (m <= 32)
+                {
+                    const __m128i key = _mm_set1_epi32(b);
+                    unsigned outMask = 0, inMask = 0;
+                    for (int k = 0; k < m; k += 4)
+                    {
+                        const __m128i o =
+                            _mm_loadu_si128(reinterpret_cast<const __m128i*>(out + k));
+                        const __m128i w = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in + k));
+                        outMask |=
+                            unsigned(_mm_movemask_ps(_mm_castsi128_ps(_mm_cmpeq_epi32(o, key))))
+                            << k;
+                        inMask |=
+                            unsigned(_mm_movemask_ps(_mm_castsi128_ps(_mm_cmpeq_epi32(w, key))))
+                            << k;
+                    }
+                    if ((outMask & (outMask - 1)) == 0 && inMask != 0 &&
+                        (inMask & (inMask - 1)) == 0)
+                        opposite = __builtin_ctz(inMask);
+                }
+                else
+                {
+                    int sameOut = 0, sameIn = 0, at = -1;
+                    for (int k = 0; k < m; ++k)
+                    {
+                        sameOut += out[k] == b;
+                        const bool match = in[k] == b;
+                        sameIn += match;
+                        at = match ? k : at;
+                    }
+                    opposite = sameOut == 1 && sameIn == 1 ? at : -1;
+                }
+                const int e = leaving[i];
+                if (opposite >= 0)
+                {
+                    edges[e].twin = arriving[opposite];
+                    next[opposite] = i;
+                }
+                else if (lowestTwinless < 0 || e < lowestTwinless)
+                {
+                    lowestTwinless = e;
+                    lowestTwinlessAt = i;
+                }
+                if (lowest < 0 || e < lowest)
+                {
+                    lowest = e;
+                    lowestAt = i;
+                }
             }
-            const int opposite = sameOut == 1 && sameIn == 1 ? at : -1;
-            const int e = outE[i];
-            if (opposite >= 0)
+            arrays.vertexEdge[s] = lowestTwinless >= 0 ? lowestTwinless : lowest;
+            // One fan when the walk from the leaving half-edge meets all m spokes: it stops
+            // at a spoke without a twin or back at its start.
+            if (singleFans && m > 0)
             {
-                edges[e].twin = inE[opposite];
-                succ[opposite] = i;
+                const int start = lowestTwinless >= 0 ? lowestTwinlessAt : lowestAt;
+                int walked = 1;
+                for (int i = next[start]; i >= 0 && i != start && walked <= m; i = next[i])
+                    ++walked;
+                singleFans = walked == m;
             }
-            else if (lowestTwinless < 0 || e < lowestTwinless)
-            {
-                lowestTwinless = e;
-                lowestTwinlessAt = i;
-            }
-            if (lowest < 0 || e < lowest)
-            {
-                lowest = e;
-                lowestAt = i;
-            }
-        }
-        arrays.vertexEdge[s] = lowestTwinless >= 0 ? lowestTwinless : lowest;
-        // One fan when the walk from the leaving half-edge meets all m spokes: it stops at a
-        // spoke without a twin or back at its start.
-        if (singleFans && m > 0)
-        {
-            const int start = lowestTwinless >= 0 ? lowestTwinlessAt : lowestAt;
-            int walked = 1;
-            for (int i = succ[start]; i >= 0 && i != start && walked <= m; i = succ[i])
-                ++walked;
-            singleFans = walked == m;
         }
     }
     m_topo.endBulk(singleFans);
