@@ -71,6 +71,7 @@ protected:
     {
         BitVector bits;
         std::vector<int> before;
+        bool all = false; ///< every bit set (a region of the whole mesh): the position is i
         /// n clear bits.
         void assign(int n);
         /// Counts the set bits before each word; call it after the bits are set.

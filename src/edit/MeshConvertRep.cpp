@@ -61,6 +61,7 @@ void MeshConvertRep::RankedBits::assign(int n)
 {
     bits = BitVector(std::max(n, 0));
     before.clear();
+    all = false;
 }
 
 void MeshConvertRep::RankedBits::rank()
@@ -74,12 +75,15 @@ void MeshConvertRep::RankedBits::rank()
         before[std::size_t(w)] = count;
         count += bitCount(words[w]);
     }
+    all = count == bits.size();
 }
 
 int MeshConvertRep::RankedBits::find(int i) const
 {
     if (unsigned(i) >= unsigned(bits.size()))
         return -1;
+    if (all)
+        return i;
     const BitVector::Word word = bits.getWords()[unsigned(i) >> 5];
     const BitVector::Word bit = BitVector::Word(1) << (i & 31);
     if (!(word & bit))
