@@ -428,14 +428,23 @@ void MeshModifyRep::merge(Remap& vertexRemap, int /*flags*/)
     bool changed = !removed.empty() || numNew > 0;
     std::vector<int> corners;
     const TopoMesh::HalfEdge* edges = m_topo.getHalfEdges();
+    constexpr int lookAhead = 16; // faces whose first half-edge is fetched ahead
     for (int f = 0, numFaceSlots = m_topo.getFaceCapacity(); f < numFaceSlots; ++f)
     {
+        if (f + lookAhead < numFaceSlots)
+        {
+            const int ahead = m_topo.getFaceEdge(f + lookAhead);
+            if (ahead >= 0)
+                __builtin_prefetch(edges + ahead);
+        }
         const int first = m_topo.getFaceEdge(f);
         if (first < 0)
             continue;
         const int position = m_triangleSlots.find(m_topo.getFaceTag(f));
-        const int second = edges[first].next, third = edges[second].next;
-        if (edges[third].next == first)
+        // A triangle's second and third half-edges are its first one's next and previous,
+        // both read off the first: two loads deep instead of three.
+        const int second = edges[first].next, third = edges[first].prev;
+        if (edges[second].next == third && edges[third].next == first)
         {
             // A triangle, as nearly every face is: its corners straight off its half-edges.
             MeshTriangle tri{{slotVertex[std::size_t(edges[first].vertex)],
@@ -592,14 +601,19 @@ void MeshModifyRep::merge(Remap& vertexRemap, int /*flags*/)
             newPoints[newVertex(slotVertex[std::size_t(s)])].set(m_topo.getPoint(s));
 
     // Triangles: close up and renumber in one sweep (a deletion map never moves a triangle up,
-    // so each is read before its new slot is written), then write the region's.
+    // so each is read before its new slot is written), then write the region's. The region's
+    // own triangles are either rewritten from their faces or deleted, so the sweep skips them
+    // (all of them, in a region over the whole mesh).
     tris = m_mesh.getTriangles();
-    if (numDeletedTris > 0 || !removed.empty())
+    if ((numDeletedTris > 0 || !removed.empty()) && !m_triangleSlots.all)
     {
         const int* vertexMap = vertexRemap.getMap();
         const int* triangleMap = triangleRemap.getMap();
+        const BitVector& inRegion = m_triangleSlots.bits;
         for (int t = 0; t < numTris; ++t)
         {
+            if (inRegion.isBitSet(t))
+                continue;
             const int to = triangleMap ? triangleMap[t] : t;
             if (to < 0)
                 continue;
