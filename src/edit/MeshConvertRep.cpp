@@ -147,7 +147,8 @@ MeshConvertRep::MeshConvertRep(CompactMesh& mesh, const MeshAdjTris& adjTris, To
 
 void MeshConvertRep::buildByFaces()
 {
-    // Adjacency of another mesh: the faces one by one, then the twins matched among them.
+    // Adjacency of another mesh (or sets that miss corners of the region): the faces one by
+    // one, then the twins matched among them.
     const MeshTriangle* tris = m_mesh.getTriangles();
     const MeshVertex* points = m_mesh.getVertices();
     const int n = int(m_vertices.size());
@@ -185,18 +186,11 @@ void MeshConvertRep::build()
         arrays.vertexDegree[s] = 0;
         m_topo.setVertexTag(s, v);
     }
+    // The half-edges themselves are written whole, twin included, by the vertices they leave.
     for (int f = 0; f < numFaces; ++f)
     {
-        const int t = m_triangles[std::size_t(f)];
-        const int e = 3 * f;
-        const int s0 = m_vertexSlots.find(tris[t][0]);
-        const int s1 = m_vertexSlots.find(tris[t][1]);
-        const int s2 = m_vertexSlots.find(tris[t][2]);
-        edges[e] = {s0, f, e + 1, e + 2, -1};
-        edges[e + 1] = {s1, f, e + 2, e, -1};
-        edges[e + 2] = {s2, f, e, e + 1, -1};
-        arrays.faceEdge[f] = e;
-        m_topo.setFaceTag(f, t);
+        arrays.faceEdge[f] = 3 * f;
+        m_topo.setFaceTag(f, m_triangles[std::size_t(f)]);
     }
 
     // Twins, vertex by vertex from the mesh's vertex-to-triangle sets: every half-edge a->b
@@ -215,6 +209,7 @@ void MeshConvertRep::build()
     std::vector<int>& scratch = m_scratch;
     int listStart[blockSize + 1], listSize[blockSize];
     bool singleFans = true;
+    std::ptrdiff_t written = 0; // half-edges, one per corner of a face met around its vertex
     for (int s0 = 0; s0 < n; s0 += blockSize)
     {
         const int s1 = std::min(n, s0 + blockSize);
@@ -258,6 +253,7 @@ void MeshConvertRep::build()
             }
             listSize[s - s0] = m - base;
             arrays.vertexDegree[s] = m - base;
+            written += m - base;
             for (; m < listStart[s - s0 + 1]; ++m)
                 outV[m] = inV[m] = -1;
         }
@@ -309,11 +305,11 @@ void MeshConvertRep::build()
                     opposite = sameOut == 1 && sameIn == 1 ? at : -1;
                 }
                 const int e = leaving[i];
+                const int f = e / 3, j = e - 3 * f;
+                edges[e] = {s, f, j == 2 ? e - 2 : e + 1, j == 0 ? e + 2 : e - 1,
+                            opposite >= 0 ? arriving[opposite] : -1};
                 if (opposite >= 0)
-                {
-                    edges[e].twin = arriving[opposite];
                     next[opposite] = i;
-                }
                 else if (lowestTwinless < 0 || e < lowestTwinless)
                 {
                     lowestTwinless = e;
@@ -337,6 +333,12 @@ void MeshConvertRep::build()
                 singleFans = walked == m;
             }
         }
+    }
+    if (written != 3 * std::ptrdiff_t(numFaces))
+    {
+        // The sets do not list every corner of the region once: lay it out face by face.
+        buildByFaces();
+        return;
     }
     m_topo.endBulk(singleFans);
 }
