@@ -780,12 +780,11 @@ int TopoMesh::fanValence(int v, bool& boundary) const
     }
 }
 
-bool TopoMesh::isNeighbour(int a, int b) const
+bool TopoMesh::isNeighbourFrom(int /*a*/, int first, int b) const
 {
-    const int first = m_vertexEdge[std::size_t(a)];
     if (first < 0)
         return false;
-    // Forwards from a's half-edge, then, if the fan is open, backwards from it: every spoke
+    // Forwards from the given half-edge, then, if the fan is open, backwards from it: every spoke
     // once, without first looking for the fan's start.
     int e = first;
     for (;;)
@@ -935,8 +934,15 @@ bool TopoMesh::swapEdge(TopoMeshEdge edge)
     }
     // With one fan per vertex, a vertex's walk meets every half-edge at it, so c and d are
     // neighbours seen from either end: walk the shorter ring.
-    const bool fromD = m_singleFans && m_fanStartsKnown && getVertexDegree(d) < getVertexDegree(c);
-    if (fromD ? isNeighbour(d, c) : isNeighbour(c, d))
+    // The walk starts from the quad's own faces, which are at hand, rather than from the
+    // vertex's half-edge: with one fan per vertex, every start meets every spoke.
+    if (m_singleFans && m_fanStartsKnown)
+    {
+        if (getVertexDegree(d) < getVertexDegree(c) ? isNeighbourFrom(d, t2, c)
+                                                    : isNeighbourFrom(c, e2, d))
+            return false;
+    }
+    else if (isNeighbour(c, d))
         return false;
 
     const int f1 = E[e].face, f2 = E[t].face;

@@ -477,7 +477,12 @@ public:
     /// vertexValence, also telling whether the fan is open (one walk).
     int fanValence(int v, bool& boundary) const;
     /// True when b is at the far end of a spoke of a (in a's fan).
-    bool isNeighbour(int a, int b) const;
+    bool isNeighbour(int a, int b) const
+    {
+        return isNeighbourFrom(a, m_vertexEdge[std::size_t(a)], b);
+    }
+    /// The same, walking a's fan from its leaving half-edge first (-1: a has none).
+    bool isNeighbourFrom(int a, int first, int b) const;
 
 private:
     /// The narrow counts hold values below this; the first count to reach it widens them all.
