@@ -71,6 +71,7 @@ protected:
     {
         BitVector bits;
         std::vector<int> before;
+        int count = 0;    ///< set bits, once ranked
         bool all = false; ///< every bit set (a region of the whole mesh): the position is i
         /// n clear bits.
         void assign(int n);

@@ -10,6 +10,7 @@
 #include <cstddef>
 #include <cstring>
 #include <emmintrin.h>
+#include <memory>
 
 #include "model/BitVector.h"
 #include "model/CompactMesh.h"
@@ -61,6 +62,7 @@ void MeshConvertRep::RankedBits::assign(int n)
 {
     bits = BitVector(std::max(n, 0));
     before.clear();
+    count = 0;
     all = false;
 }
 
@@ -69,13 +71,14 @@ void MeshConvertRep::RankedBits::rank()
     const int numWords = bits.getNumWords();
     const BitVector::Word* words = bits.getWords();
     before.resize(std::size_t(numWords));
-    int count = 0;
+    int total = 0;
     for (int w = 0; w < numWords; ++w)
     {
-        before[std::size_t(w)] = count;
-        count += bitCount(words[w]);
+        before[std::size_t(w)] = total;
+        total += bitCount(words[w]);
     }
-    all = count == bits.size();
+    count = total;
+    all = total == bits.size();
 }
 
 int MeshConvertRep::RankedBits::find(int i) const
@@ -103,9 +106,6 @@ MeshConvertRep::MeshConvertRep(CompactMesh& mesh, const MeshAdjTris& adjTris, To
     const int numTris = mesh.getNumTriangles();
     const MeshTriangle* tris = mesh.getTriangles();
 
-    std::vector<int> selected;
-    setBits(mesh.getSelectedTriangles(), numTris, selected);
-
     // The region's vertices as bits: the selected ones and the corners of the selected
     // triangles. Their set bits in increasing order are the slots, so the list comes out
     // sorted and unique without a sort, and a vertex's slot is its rank among them.
@@ -118,23 +118,35 @@ MeshConvertRep::MeshConvertRep(CompactMesh& mesh, const MeshAdjTris& adjTris, To
         if (numVerts % 32 != 0 && numWords == m_vertexSlots.bits.getNumWords())
             words[numWords - 1] &= (BitVector::Word(1) << (numVerts % 32)) - 1;
     }
-    for (const int t : selected)
-        for (int k = 0; k < 3; ++k)
-            if (unsigned(tris[t][k]) < unsigned(numVerts))
-                m_vertexSlots.bits.setBit(tris[t][k]);
-    m_vertexSlots.rank();
-    setBits(m_vertexSlots.bits, numVerts, m_vertices);
 
     // The faces: the selected triangles with three distinct corners inside [0, V), numbered
-    // in increasing triangle order.
-    m_triangles.reserve(selected.size());
-    for (const int t : selected)
-    {
-        const int a = tris[t][0], b = tris[t][1], c = tris[t][2];
-        if (unsigned(a) < unsigned(numVerts) && unsigned(b) < unsigned(numVerts) &&
-            unsigned(c) < unsigned(numVerts) && a != b && b != c && a != c)
-            m_triangles.push_back(t);
-    }
+    // in increasing triangle order. One sweep over the selected triangles also marks their
+    // corners; the lists are reserved from the counts of set bits, so that they never grow.
+    const BitVector& chosenTris = mesh.getSelectedTriangles();
+    const BitVector::Word* triWords = chosenTris.getWords();
+    const int numTriWords = (std::min(numTris, chosenTris.size()) + 31) / 32;
+    int numChosen = 0;
+    for (int w = 0; w < numTriWords; ++w)
+        numChosen += bitCount(triWords[w]);
+    m_triangles.reserve(std::size_t(numChosen));
+    for (int w = 0; w < numTriWords; ++w)
+        for (BitVector::Word b = triWords[w]; b != 0; b &= b - 1)
+        {
+            const int t = 32 * w + __builtin_ctz(b);
+            if (t >= numTris)
+                break;
+            const int a = tris[t][0], c1 = tris[t][1], c2 = tris[t][2];
+            for (const int corner : {a, c1, c2})
+                if (unsigned(corner) < unsigned(numVerts))
+                    m_vertexSlots.bits.setBit(corner);
+            if (unsigned(a) < unsigned(numVerts) && unsigned(c1) < unsigned(numVerts) &&
+                unsigned(c2) < unsigned(numVerts) && a != c1 && c1 != c2 && a != c2)
+                m_triangles.push_back(t);
+        }
+    m_vertexSlots.rank();
+    m_vertices.reserve(std::size_t(m_vertexSlots.count));
+    setBits(m_vertexSlots.bits, numVerts, m_vertices);
+
     m_triangleSlots.assign(numTris);
     for (const int t : m_triangles)
         m_triangleSlots.bits.setBit(t);
@@ -424,7 +436,8 @@ void MeshModifyRep::merge(Remap& vertexRemap, int /*flags*/)
     // the triangle's rotation when the corners did not change), the rest in face order.
     MeshTriangle* tris = m_mesh.getTriangles();
     const int numRegionTris = int(m_triangles.size());
-    std::vector<MeshTriangle> placed(static_cast<std::size_t>(numRegionTris));
+    // Read only where isPlaced is set, so left uninitialised.
+    const std::unique_ptr<MeshTriangle[]> placed(new MeshTriangle[std::size_t(numRegionTris)]);
     std::vector<char> isPlaced(static_cast<std::size_t>(numRegionTris), 0);
     std::vector<MeshTriangle> extra;
     bool changed = !removed.empty() || numNew > 0;
