@@ -115,6 +115,14 @@ private:
 
     // Scratch of the removals, kept across them so that they rarely allocate.
     std::vector<TopoMeshEdge> m_swapsA, m_swapsB;
+    /// The corners of an edge's quad: the edge's two ends, then its face's and its twin's
+    /// third corners.
+    struct Quad
+    {
+        int a, b, c, d;
+        bool operator==(const Quad&) const = default;
+    };
+    std::vector<Quad> m_refusedQuads; ///< per edge of A, the quad it was last refused with
     std::vector<TopoMeshFace> m_faces;
     std::vector<Point> m_holeTriangles;
     std::vector<int> m_batchVertices;
@@ -452,14 +460,30 @@ bool MeshReduceBase::removeOne(TopoMesh& topo, TopoMeshVertex v, int index)
 
     // 3. Improve the new edges. A pass that swaps nothing leaves the hole as it was, so every
     //    later pass would swap nothing too: stopping there gives the same hole as all passes.
+    //    The criterion depends only on the four corners of an edge's quad, so an edge whose
+    //    quad is the one that it was last refused with is refused again without asking.
+    m_refusedQuads.assign(m_swapsA.size(), Quad{-1, -1, -1, -1});
     for (int pass = 0; pass < improvementPasses; ++pass)
     {
         const std::size_t before = m_swapsB.size();
-        for (const TopoMeshEdge e : m_swapsA)
+        for (std::size_t i = 0; i < m_swapsA.size(); ++i)
         {
+            const TopoMeshEdge e = m_swapsA[i];
+            const TopoMesh::HalfEdge& h = topo.getHalfEdge(e.getIndex());
+            Quad quad{-1, -1, -1, -1};
+            if (h.twin >= 0)
+            {
+                const TopoMesh::HalfEdge& t = topo.getHalfEdge(h.twin);
+                quad = {h.vertex, t.vertex, topo.getHalfEdge(h.prev).vertex,
+                        topo.getHalfEdge(t.prev).vertex};
+                if (quad == m_refusedQuads[i])
+                    continue;
+            }
             bool veto = false;
             MeshEdgeSwapper::minimizeOppositeAngleSum(e, veto);
-            if (!veto && topo.swapEdge(e))
+            if (veto)
+                m_refusedQuads[i] = quad;
+            else if (topo.swapEdge(e))
                 m_swapsB.push_back(e);
         }
         if (m_swapsB.size() == before)
