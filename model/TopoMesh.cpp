@@ -928,6 +928,10 @@ bool TopoMesh::swapEdge(TopoMeshEdge edge)
         return false;
     for (const int v : {a, b})
     {
+        // With one fan per vertex the valence is the degree, plus one on the boundary: a
+        // degree of 4 or more passes either way, without looking at the vertex's half-edge.
+        if (m_singleFans && m_fanStartsKnown && getVertexDegree(v) >= 4)
+            continue;
         bool boundary;
         if (fanValence(v, boundary) <= (boundary ? 2 : 3))
             return false;
