@@ -255,6 +255,12 @@ void MeshConvertRep::build()
                 if (f < 0)
                     continue;
                 const int j = tris[u][0] == a ? 0 : (tris[u][1] == a ? 1 : 2);
+                if (tris[u][j] != a)
+                {
+                    // A set that lists a triangle without the vertex: not this mesh's.
+                    written = -1;
+                    continue;
+                }
                 const int jNext = j == 2 ? 0 : j + 1, jPrev = j == 0 ? 2 : j - 1;
                 outV[m] = tris[u][jNext];
                 inV[m] = tris[u][jPrev];
@@ -265,7 +271,8 @@ void MeshConvertRep::build()
             }
             listSize[s - s0] = m - base;
             arrays.vertexDegree[s] = m - base;
-            written += m - base;
+            if (written >= 0)
+                written += m - base;
             for (; m < listStart[s - s0 + 1]; ++m)
                 outV[m] = inV[m] = -1;
         }
@@ -348,7 +355,8 @@ void MeshConvertRep::build()
     }
     if (written != 3 * std::ptrdiff_t(numFaces))
     {
-        // The sets do not list every corner of the region once: lay it out face by face.
+        // The sets do not list every corner of the region once (or name a triangle that
+        // does not hold the vertex): lay the region out face by face.
         buildByFaces();
         return;
     }
