@@ -8,8 +8,8 @@
 //   sorted order (NaN keys stay alone), numbered by its place in that order, which is what
 //   the scan would give for a fraction of the cost. The groups keep their keys in a dense
 //   array of their own (StreamGrouper). On one thread one grouper takes every vertex
-//   (SerialGrouping); on two, the keys are split at a pivot key and each task groups the
-//   vertices of one side (SplitGrouping).
+//   (SerialGrouping); on two, each task groups and sorts one half of the vertices, and the
+//   two sorted lists of groups are merged (HalvesGrouping).
 //
 // Both sort by a total order that agrees with the key comparison on NaN-free keys: +0 equals
 // -0, NaN comes after every number, and identical keys are ordered by vertex index, so the
@@ -50,12 +50,11 @@ namespace
 constexpr int parallelItems = 4096;
 
 // The exact route splits its grouping between two tasks only from this many vertices, and
-// below it the whole weld stays on the calling thread. The split costs a pass over the keys
-// to find each vertex's side, and a pass that reads the sides back, so two tasks take about
-// 1.1 to 1.2 times the process CPU time of one on sphere soups, whether the copies of a
-// position lie near each other in the array or are spread over it; below the limit that
-// margin and the pool's wake-ups eat most of the gain (the bunny's soup, 226,224 vertices,
-// welds in about 4 ms on one thread).
+// below it the whole weld stays on the calling thread. Where the copies of a position lie
+// near each other in the array (a soup in mesh order) two tasks take the process CPU time of
+// one; where they are spread over it, both halves find most keys and two tasks take about 1.4
+// times the CPU time of one. Below the limit that margin and the pool's wake-ups eat most of
+// the gain (the bunny's soup, 226,224 vertices, welds in about 4 ms on one thread).
 constexpr int parallelGroupingItems = 1 << 20;
 
 // An array of n elements left uninitialised, on huge pages where it is large: most of the
@@ -317,24 +316,14 @@ template <int W> struct DenseKeyOrder
 // The vertices that a StreamGrouper takes, in turn, and where it leaves each one's group:
 // vertex(j) is the j-th vertex, put(j, g) records its group.
 
-// The vertices 0, 1, 2 ..., their groups going to the remap's entries.
-struct WholeStream
+// The vertices first, first + 1, first + 2 ..., their groups going to the remap's entries.
+struct RangeStream
 {
     int* map;
+    std::ptrdiff_t first;
 
-    int vertex(std::ptrdiff_t j) const { return int(j); }
-    void put(std::ptrdiff_t j, int g) const { map[j] = g; }
-};
-
-// Vertices listed in an int array from `first` on, in steps of `step` (1 or -1); each entry is
-// overwritten by its vertex's group once the vertex is taken.
-struct ListStream
-{
-    int* first;
-    std::ptrdiff_t step;
-
-    int vertex(std::ptrdiff_t j) const { return first[j * step]; }
-    void put(std::ptrdiff_t j, int g) const { first[j * step] = g; }
+    int vertex(std::ptrdiff_t j) const { return int(first + j); }
+    void put(std::ptrdiff_t j, int g) const { map[first + j] = g; }
 };
 
 // Groups vertices by identical keys, numbering the groups in the order of their first vertex
@@ -384,10 +373,31 @@ public:
 
     int count() const { return m_count; }
 
-    // Orders the groups by key, then number, and numbers them in that order from `offset`:
-    // source[k] = the highest vertex of the k-th group, and newIndex() of the group is then
-    // offset + k. Frees the table and the keys.
-    void sortAndNumber(int* source, int offset)
+    // Whether a group has the key (never for a key with a NaN). The table must not have been
+    // freed by sortGroups().
+    bool contains(const float* key) const
+    {
+        if (hasNaN<W>(key))
+            return false;
+        const std::size_t mask = m_table.size() - 1;
+        const float* groupKeys = m_groupKeys.get();
+        for (std::size_t slot = hashKey<W>(key) >> m_shift;; slot = (slot + 1) & mask)
+        {
+            const int r = m_table[slot];
+            if (r < 0)
+                return false;
+            if (sameKey<W>(key, groupKeys + std::ptrdiff_t(W) * r))
+                return true;
+        }
+    }
+
+    // Group g's key (W floats), until the keys are freed.
+    const float* key(int g) const { return m_groupKeys.get() + std::ptrdiff_t(W) * g; }
+
+    // Orders the groups by key, then number: the k-th item names the k-th group. Frees the
+    // table; the keys stay. The items' words are those of the keys' components from
+    // primary() on.
+    std::unique_ptr<KeyItem[]> sortGroups()
     {
         std::vector<int>().swap(m_table);
         const std::ptrdiff_t count = m_count;
@@ -420,7 +430,10 @@ public:
                     for (int c = 0; c < W; ++c)
                         mask |= unsigned(orderKey(keys[W * g + c]) != orderKey(keys[c])) << c;
                 if (mask != 0)
-                    build(std::countr_zero(mask));
+                {
+                    m_primary = std::countr_zero(mask);
+                    build(m_primary);
+                }
             }
             // Keys that tie in the three words of their items are rare but for NaN keys.
             const KeyItemLess<DenseKeyOrder<W>> less{DenseKeyOrder<W>{keys}};
@@ -429,6 +442,21 @@ public:
             else
                 sortItems(items.get(), scratch.get(), count, less);
         }
+        return items;
+    }
+
+    // The key component that the items of sortGroups() begin with.
+    int primary() const { return m_primary; }
+
+    void freeKeys() { m_groupKeys.reset(); }
+
+    // Orders the groups by key, then number, and numbers them in that order from `offset`:
+    // source[k] = the highest vertex of the k-th group, and newIndex() of the group is then
+    // offset + k. Frees the table and the keys.
+    void sortAndNumber(int* source, int offset)
+    {
+        const std::ptrdiff_t count = m_count;
+        const std::unique_ptr<KeyItem[]> items = sortGroups();
         m_groupKeys.reset();
         // The group's highest vertex supplies the data; its entry then holds its new index.
         int* last = m_last.get();
@@ -440,8 +468,9 @@ public:
         }
     }
 
-    // The new index of each group, after sortAndNumber().
+    // The new index of each group, after sortAndNumber(); before, its highest vertex.
     const int* newIndex() const { return m_last.get(); }
+    int* last() { return m_last.get(); }
 
 private:
     template <bool Prefetch, class Stream> void addAll(const Stream& stream, std::ptrdiff_t m)
@@ -547,6 +576,7 @@ private:
     KeyReader<W> m_keys;
     bool m_prefetch;
     int m_count = 0;
+    int m_primary = 0;
     std::vector<int> m_table;
     // The table has 2^(64 - m_shift) slots; a key's first slot is its hash >> m_shift.
     int m_shift = 0;
@@ -578,7 +608,7 @@ public:
     // and fills the sources.
     int group(Sources& sources)
     {
-        m_grouper.add(WholeStream{m_map}, m_n);
+        m_grouper.add(RangeStream{m_map, 0}, m_n);
         const int count = m_grouper.count();
         if (count < m_n)
         {
@@ -604,27 +634,24 @@ private:
     int* m_map;
 };
 
-// The default checker's route on two tasks. The keys are split at a pivot key into the lower
-// ones and the higher ones, and each task groups one side with a StreamGrouper of its own:
-// equal keys fall on one side, and every group of the lower side sorts before every group of
-// the higher, so the lower side's groups take the first new indices and the higher side's the
-// rest, without a merge. Each task touches only its side's groups, so its table and keys are
-// half the size of one task's, and no key is looked up twice. The result is that of
-// SerialGrouping, whatever the pivot; the pivot (the median of a sample of the keys) only
-// balances the work.
+// The default checker's route on two tasks. Each task groups the vertices of one half of the
+// index range with a StreamGrouper of its own and sorts its groups; the two sorted lists are
+// then merged, a key found in both halves making one new vertex, and the merged order numbers
+// the new vertices. The merge is split between the tasks at a key of the first list: the
+// groups below it in both lists go to task 0, the others to task 1, so that equal keys meet in
+// one task. The result is that of SerialGrouping: the halves' groups are runs of the sort
+// order of all the vertices, and every group of the lower half has lower vertex indices than
+// any group of the upper half, which decides between keys that compare equal but do not weld
+// (NaN keys).
 //
-// Steps, each split between the two tasks: (1) each task marks the side of each vertex of its
-// half of the index range in a bit array; (2) each task lists its side's vertices block by
-// block from the bits and groups them, the groups going over the list, which is kept; (3) each
-// task sorts and numbers its side's groups; (4) each task gives the vertices of its half of the
-// index range their new index, reading the bits and the two sides' lists in step.
-template <int W> class SplitGrouping
+// When the copies of a position lie near each other in the array (a soup in mesh order) most
+// keys are found in one half only, and the work of each task is half that of one task alone.
+// When they are spread over the array each half finds most keys, and each task sorts as many
+// groups as one task alone would, but looks up only half the vertices.
+template <int W> class HalvesGrouping
 {
-    // Vertices per block of step 2 (a multiple of 64, the bits per word).
-    static constexpr std::ptrdiff_t blockSize = 8192;
-
 public:
-    SplitGrouping(const KeyReader<W>& keys, int n, int* map, qyUtil::ThreadPool& pool)
+    HalvesGrouping(const KeyReader<W>& keys, int n, int* map, qyUtil::ThreadPool& pool)
         : m_keys(keys), m_n(n), m_map(map), m_pool(pool)
     {
     }
@@ -633,151 +660,214 @@ public:
     // and fills the sources.
     int group(Sources& sources)
     {
-        choosePivot();
-        const std::ptrdiff_t n = m_n;
-        const std::ptrdiff_t numWords = (n + 63) / 64;
-        m_sides = uninitialized<std::uint64_t>(std::size_t(numWords));
-        std::uint64_t* words = m_sides.get();
-        // Step 4 splits the index range at a block boundary, and step 2 notes where its lists
-        // reach it.
-        const std::ptrdiff_t numBlocks = (n + blockSize - 1) / blockSize;
-        m_middle = std::min(n, (numBlocks + 1) / 2 * blockSize);
-        std::ptrdiff_t above[2] = {0, 0};
-        runTwoTasks(m_pool, true,
-                    [&](int task)
-                    {
-                        std::ptrdiff_t begin, end;
-                        half(numWords, task, begin, end);
-                        std::ptrdiff_t count = 0;
-                        for (std::ptrdiff_t w = begin; w < end; ++w)
-                        {
-                            const std::ptrdiff_t first = 64 * w, last = std::min(first + 64, n);
-                            std::uint64_t bits = 0;
-                            for (std::ptrdiff_t i = first; i < last; ++i)
-                            {
-                                float key[W];
-                                m_keys.load(i, key);
-                                bits |= std::uint64_t(isAbove(key)) << (i - first);
-                            }
-                            words[w] = bits;
-                            count += std::popcount(bits);
-                        }
-                        above[task] = count;
-                    });
-        const std::ptrdiff_t sizes[2] = {n - above[0] - above[1], above[0] + above[1]};
         runTwoTasks(m_pool, true,
                     [&](int side)
                     {
-                        const std::ptrdiff_t size = sizes[side];
-                        m_lists[side] = uninitialized<int>(std::size_t(size));
-                        m_groupers[side] = std::make_unique<StreamGrouper<W>>(m_keys, size);
-                        StreamGrouper<W>& grouper = *m_groupers[side];
-                        int* list = m_lists[side].get();
-                        const std::uint64_t flip = side ? 0 : ~std::uint64_t(0);
-                        std::ptrdiff_t listed = 0;
-                        for (std::ptrdiff_t block = 0; block < n; block += blockSize)
-                        {
-                            if (block == m_middle)
-                                m_listMiddle[side] = listed;
-                            int* blockList = list + listed;
-                            std::ptrdiff_t count = 0;
-                            const std::ptrdiff_t blockEnd = std::min(block + blockSize, n);
-                            for (std::ptrdiff_t w = block / 64; 64 * w < blockEnd; ++w)
-                            {
-                                std::uint64_t bits = words[w] ^ flip;
-                                if (64 * w + 64 > n)
-                                    bits &= (std::uint64_t(1) << (n - 64 * w)) - 1;
-                                for (; bits; bits &= bits - 1)
-                                    blockList[count++] = int(64 * w + std::countr_zero(bits));
-                            }
-                            grouper.add(ListStream{blockList, 1}, count);
-                            listed += count;
-                        }
-                        if (m_middle == n)
-                            m_listMiddle[side] = listed;
+                        std::ptrdiff_t begin, end;
+                        half(m_n, side, begin, end);
+                        m_groupers[side] = std::make_unique<StreamGrouper<W>>(m_keys, end - begin);
+                        m_groupers[side]->add(RangeStream{m_map, begin}, end - begin);
                     });
-        const int counts[2] = {m_groupers[0]->count(), m_groupers[1]->count()};
-        if (counts[0] + counts[1] < n)
-            runTwoTasks(m_pool, true,
-                        [&](int side)
-                        {
-                            sources.parts[side] = uninitialized<int>(std::size_t(counts[side]));
-                            sources.sizes[side] = counts[side];
-                            m_groupers[side]->sortAndNumber(sources.parts[side].get(),
-                                                            side == 0 ? 0 : counts[0]);
-                        });
-        return counts[0] + counts[1];
+        StreamGrouper<W>& low = *m_groupers[0];
+        StreamGrouper<W>& high = *m_groupers[1];
+        const int counts[2] = {low.count(), high.count()};
+        if (counts[0] + counts[1] == m_n && !sharedKey())
+            return m_n;
+
+        runTwoTasks(m_pool, true,
+                    [&](int side) { m_items[side] = m_groupers[side]->sortGroups(); });
+        // The first list's middle group splits the merge; equal keys go to task 1 in both.
+        const KeyItem* lists[2] = {m_items[0].get(), m_items[1].get()};
+        const GroupOrder order{low.key(0), high.key(0), low.primary() == 0 && high.primary() == 0};
+        std::ptrdiff_t split[2] = {counts[0] / 2, 0};
+        {
+            const KeyItem& pivot = lists[0][split[0]];
+            const float* pivotKey = low.key(pivot.index);
+            // Below the pivot in the first list: the groups before it, as the list is sorted.
+            std::ptrdiff_t lo = 0, hi = counts[1];
+            while (lo < hi)
+            {
+                const std::ptrdiff_t mid = (lo + hi) / 2;
+                if (order.compare(lists[1][mid], high.key(lists[1][mid].index), pivot, pivotKey) <
+                    0)
+                    lo = mid + 1;
+                else
+                    hi = mid;
+            }
+            split[1] = lo;
+            // Groups of the first list equal to the pivot but before it (NaN keys) go to task 1
+            // too.
+            while (split[0] > 0 &&
+                   order.compare(lists[0][split[0] - 1], low.key(lists[0][split[0] - 1].index),
+                                 pivot, pivotKey) == 0)
+                --split[0];
+        }
+        int found[2] = {0, 0};
+        runTwoTasks(m_pool, true,
+                    [&](int part)
+                    {
+                        const std::ptrdiff_t a = part ? split[0] : 0,
+                                             aEnd = part ? counts[0] : split[0];
+                        const std::ptrdiff_t b = part ? split[1] : 0,
+                                             bEnd = part ? counts[1] : split[1];
+                        sources.parts[part] = uninitialized<int>(std::size_t(aEnd - a + bEnd - b));
+                        found[part] = merge(order, lists[0] + a, aEnd - a, lists[1] + b, bEnd - b,
+                                            part ? tagged : 0, sources.parts[part].get());
+                        sources.sizes[part] = found[part];
+                    });
+        m_offset = found[0];
+        return found[0] + found[1];
     }
 
     // Gives every vertex its new index; only when some vertices were welded.
     void number()
     {
-        const int* newIndex[2] = {m_groupers[0]->newIndex(), m_groupers[1]->newIndex()};
-        const int* lists[2] = {m_lists[0].get(), m_lists[1].get()};
-        const std::uint64_t* words = m_sides.get();
         int* map = m_map;
+        const int offset = m_offset;
         runTwoTasks(m_pool, true,
-                    [&](int task)
+                    [&](int side)
                     {
-                        const std::ptrdiff_t begin = task ? m_middle : 0,
-                                             end = task ? m_n : m_middle;
-                        // The next list entry of each side.
-                        const int* low = lists[0] + (task ? m_listMiddle[0] : 0);
-                        const int* high = lists[1] + (task ? m_listMiddle[1] : 0);
+                        std::ptrdiff_t begin, end;
+                        half(m_n, side, begin, end);
+                        const int* newIndex = m_groupers[side]->newIndex();
                         for (std::ptrdiff_t i = begin; i < end; ++i)
                         {
-                            const std::ptrdiff_t side = (words[i / 64] >> (i % 64)) & 1;
-                            const int g = side ? *high : *low;
-                            low += 1 - side;
-                            high += side;
-                            map[i] = newIndex[side][g];
+                            const int v = newIndex[map[i]];
+                            map[i] = (v & ~tagged) + (offset & (v >> 31));
                         }
                     });
     }
 
 private:
-    // The median of up to 1023 keys spread evenly over the vertices, as orderKey words.
-    void choosePivot()
+    // Marks the new indices numbered by task 1 of the merge, which counts from 0 before it
+    // knows where task 0 ends.
+    static constexpr int tagged = int(0x80000000u);
+
+    // The key order of the groups of the two halves, by their items where both are built on
+    // component 0 (then the words are the first three components), else by their keys.
+    struct GroupOrder
     {
-        const std::ptrdiff_t n = m_n, samples = std::min<std::ptrdiff_t>(n, 1023);
-        std::vector<std::array<std::uint32_t, W>> keys(static_cast<std::size_t>(samples));
-        for (std::ptrdiff_t s = 0; s < samples; ++s)
+        const float* lowKeys;
+        const float* highKeys;
+        bool byWords;
+
+        // <0, 0 or >0 as a's key sorts before, equal to or after b's; 0 for two keys that
+        // hold a NaN in the same components and are otherwise equal.
+        int compare(const KeyItem& a, const float* aKey, const KeyItem& b, const float* bKey) const
         {
-            float key[W];
-            m_keys.load((2 * s + 1) * n / (2 * samples), key);
-            for (int c = 0; c < W; ++c)
-                keys[std::size_t(s)][std::size_t(c)] = orderKey(key[c]);
+            if (byWords)
+            {
+                if (a.word != b.word)
+                    return a.word < b.word ? -1 : 1;
+                if (a.next[0] != b.next[0])
+                    return a.next[0] < b.next[0] ? -1 : 1;
+                if (a.next[1] != b.next[1])
+                    return a.next[1] < b.next[1] ? -1 : 1;
+                if constexpr (W == 3)
+                    return 0;
+            }
+            for (int k = 0; k < W; ++k)
+            {
+                const std::uint32_t x = orderKey(aKey[k]), y = orderKey(bKey[k]);
+                if (x != y)
+                    return x < y ? -1 : 1;
+            }
+            return 0;
         }
-        auto middle = keys.begin() + samples / 2;
-        std::nth_element(keys.begin(), middle, keys.end());
-        m_pivot = *middle;
+
+        // Whether a's key holds a NaN (orderKey gives all ones to a NaN and to nothing else).
+        bool keyHasNaN(const KeyItem& a) const
+        {
+            if constexpr (W == 3)
+                if (byWords)
+                    return a.word == ~0u || a.next[0] == ~0u || a.next[1] == ~0u;
+            return hasNaN<W>(lowKeys + std::ptrdiff_t(W) * a.index);
+        }
+
+        int compare(const KeyItem& a, const KeyItem& b) const
+        {
+            return compare(a, lowKeys + std::ptrdiff_t(W) * a.index, b,
+                           highKeys + std::ptrdiff_t(W) * b.index);
+        }
+    };
+
+    // Merges m sorted groups of the lower half with p of the upper: writes each new vertex's
+    // source (the highest vertex of its groups, so the upper half's where a key is in both)
+    // and leaves its number, from 0 and or-ed with `tag`, as the new index of its groups.
+    // Returns the number of new vertices.
+    int merge(const GroupOrder& order, const KeyItem* a, std::ptrdiff_t m, const KeyItem* b,
+              std::ptrdiff_t p, int tag, int* source)
+    {
+        int* lastLow = m_groupers[0]->last();
+        int* lastHigh = m_groupers[1]->last();
+        int k = 0;
+        std::ptrdiff_t i = 0, j = 0;
+        while (i < m && j < p)
+        {
+            const int c = order.compare(a[i], b[j]);
+            const int ga = a[i].index, gb = b[j].index;
+            if (c < 0 || (c == 0 && order.keyHasNaN(a[i])))
+            {
+                // Of two NaN keys that compare equal the lower half's has the lower index.
+                source[k] = lastLow[ga];
+                lastLow[ga] = k++ | tag;
+                ++i;
+            }
+            else if (c > 0)
+            {
+                source[k] = lastHigh[gb];
+                lastHigh[gb] = k++ | tag;
+                ++j;
+            }
+            else
+            {
+                source[k] = lastHigh[gb];
+                lastLow[ga] = lastHigh[gb] = k++ | tag;
+                ++i;
+                ++j;
+            }
+        }
+        for (; i < m; ++i)
+        {
+            const int ga = a[i].index;
+            source[k] = lastLow[ga];
+            lastLow[ga] = k++ | tag;
+        }
+        for (; j < p; ++j)
+        {
+            const int gb = b[j].index;
+            source[k] = lastHigh[gb];
+            lastHigh[gb] = k++ | tag;
+        }
+        return k;
     }
 
-    // Whether the key sorts after the pivot.
-    bool isAbove(const float* key) const
+    // Whether a key of the upper half is also in the lower half; asked only when neither
+    // half welded anything, to tell whether anything is welded at all.
+    bool sharedKey()
     {
-        for (int c = 0; c < W; ++c)
-        {
-            const std::uint32_t x = orderKey(key[c]);
-            if (x != m_pivot[std::size_t(c)])
-                return x > m_pivot[std::size_t(c)];
-        }
-        return false;
+        const StreamGrouper<W>& low = *m_groupers[0];
+        const StreamGrouper<W>& high = *m_groupers[1];
+        bool shared[2] = {false, false};
+        runTwoTasks(m_pool, true,
+                    [&](int task)
+                    {
+                        std::ptrdiff_t begin, end;
+                        half(high.count(), task, begin, end);
+                        for (std::ptrdiff_t g = begin; g < end && !shared[task]; ++g)
+                            shared[task] = low.contains(high.key(int(g)));
+                    });
+        return shared[0] || shared[1];
     }
 
     KeyReader<W> m_keys;
     int m_n;
     int* m_map;
     qyUtil::ThreadPool& m_pool;
-    std::array<std::uint32_t, W> m_pivot{};
-    // Bit i set when vertex i is on the higher side.
-    std::unique_ptr<std::uint64_t[]> m_sides;
-    // Each side's vertices in increasing order, then their groups.
-    std::unique_ptr<int[]> m_lists[2];
     std::unique_ptr<StreamGrouper<W>> m_groupers[2];
-    // Where step 4 splits the vertices, and where each side's list reaches that vertex.
-    std::ptrdiff_t m_middle = 0;
-    std::ptrdiff_t m_listMiddle[2] = {0, 0};
+    std::unique_ptr<KeyItem[]> m_items[2];
+    // The number of new vertices that task 0 of the merge numbered.
+    int m_offset = 0;
 };
 
 // Any checker's route: the index sort, then the scan that merges each run of vertices equal to
@@ -912,7 +1002,7 @@ int buildMap(const KeyReader<W>& keys, int n, int* map, Sources& sources,
         SerialGrouping<W> grouping(keys, n, map);
         return run(grouping);
     }
-    SplitGrouping<W> grouping(keys, n, map, pool);
+    HalvesGrouping<W> grouping(keys, n, map, pool);
     return run(grouping);
 }
 

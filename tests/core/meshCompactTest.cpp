@@ -588,3 +588,60 @@ TEST(MeshCompact, TheExactRouteWeldsSoupsAsTheSortAndScanDoesOnAnyThreadCount)
                 }
             }
 }
+
+TEST(MeshCompact, TwoTasksFindAPairThatStraddlesTheHalvesOfALargeMeshOfDistinctVertices)
+{
+    // Large enough for two tasks, every position distinct: either nothing is welded, or only
+    // a pair whose vertices lie in different halves of the index range, which neither half
+    // finds on its own. A NaN in both halves with otherwise equal keys must stay apart.
+    const int n = (1 << 20) + 7;
+    CompactMesh distinct;
+    distinct.resizeVertexArray(n);
+    float* v = distinct.getVerticesRaw();
+    for (int i = 0; i < n; ++i)
+    {
+        v[3 * i] = float(i % 1024);
+        v[3 * i + 1] = float(i / 1024);
+        v[3 * i + 2] = i % 2 ? 1.0f : -1.0f;
+    }
+    std::vector<int> corners(std::size_t(n / 3 * 3));
+    for (std::size_t k = 0; k < corners.size(); ++k)
+        corners[k] = int((k * 7919) % std::size_t(n));
+    distinct.copyTriangles(n / 3, corners.data());
+    for (int pair : {0, 1, 2})
+    {
+        SCOPED_TRACE(testing::Message() << "pair " << pair);
+        CompactMesh before = distinct;
+        float* p = before.getVerticesRaw();
+        if (pair == 1)
+            std::copy(p + 3 * 5, p + 3 * 6, p + 3 * std::ptrdiff_t(n - 2));
+        if (pair == 2)
+        {
+            // Equal but for a NaN: never welded.
+            p[3 * 9 + 1] = qnan;
+            std::copy(p + 3 * 9, p + 3 * 10, p + 3 * std::ptrdiff_t(n - 1));
+        }
+        const int numIndices = 3 * before.getNumTriangles();
+        CompactMesh reference = before;
+        Remap expected;
+        {
+            qyTest::ScopedThreadCount scope(1);
+            expected = weld(reference);
+        }
+        EXPECT_EQ(expected.isSequential(), pair != 1);
+        for (int threads : {1, 2})
+        {
+            qyTest::ScopedThreadCount scope(threads);
+            RecordingMesh mesh(before);
+            const Remap remap = weld(mesh);
+            EXPECT_EQ(remap.isSequential(), pair != 1) << threads;
+            EXPECT_EQ(mesh.count(), pair == 1 ? 1 : 0) << threads;
+            ASSERT_EQ(mesh.getNumVertices(), pair == 1 ? n - 1 : n) << threads;
+            EXPECT_EQ(entries(remap), entries(expected)) << threads;
+            EXPECT_TRUE(sameBits(mesh.getVerticesRaw(), reference.getVerticesRaw(),
+                                 3 * mesh.getNumVertices()));
+            EXPECT_EQ(values(mesh.getTrianglesRaw(), numIndices),
+                      values(reference.getTrianglesRaw(), numIndices));
+        }
+    }
+}
