@@ -1,12 +1,14 @@
 #include "io/ObjLineReader.h"
 
 #include <algorithm>
+#include <atomic>
 #include <bit>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <new>
 #include <sys/mman.h>
+#include <thread>
 
 #include "base/StopWatch.h"
 #include "base/ThreadPool.h"
@@ -191,27 +193,29 @@ bool ObjLineReader::readFile(const char* path)
     detail::TextSource source;
     if (!source.open(path, detail::TextSource::Files::Streams))
         return false;
-    if (!(source.isRegular() && source.size() >= 2 * PieceBytes &&
-          qyUtil::ThreadPool::get().getNumThreads() > 1 && parsePieces(source)))
+    // The arrays of a regular file are reserved at sizes that its lines seldom exceed:
+    // unwritten capacity costs address space only, and an array that needs more grows
+    // without a copy.
+    if (source.isRegular())
+    {
+        const std::size_t bytes = source.size();
+        m_positions.reserve(bytes / 8);
+        m_cornerPos.reserve(bytes / 4);
+        if (m_keepTexCoords)
+        {
+            m_texCoords.reserve(bytes / 8);
+            m_cornerTex.reserve(bytes / 4);
+        }
+    }
+    if (!(source.isRegular() && source.size() >= 2 * BlockBytes &&
+          qyUtil::ThreadPool::get().getNumThreads() > 1 &&
+          (m_wantMaterials ? parsePieces(source) : parsePiecesInOrder(source))))
     {
         // Block after block from the start; the block holds any line that the reading
-        // takes whole. The arrays of a regular file are reserved at sizes that its lines
-        // seldom exceed: unwritten capacity costs address space only, and an array that
-        // needs more grows without a copy.
-        if (source.isRegular())
-        {
-            const std::size_t bytes = source.size();
-            m_positions.reserve(bytes / 8);
-            m_cornerPos.reserve(bytes / 4);
-            if (m_keepTexCoords)
-            {
-                m_texCoords.reserve(bytes / 8);
-                m_cornerTex.reserve(bytes / 4);
-            }
-        }
+        // takes whole.
         detail::TextSource::Blocks blocks;
         detail::TextRange text;
-        while (source.nextBlock(blocks, PieceBytes + LineBufferSize, text))
+        while (source.nextBlock(blocks, BlockBytes + LineBufferSize, text))
             if (parseLines(text.begin, text.end, text.reachesEnd, true))
                 break;
     }
@@ -330,6 +334,175 @@ bool ObjLineReader::parsePieces(const detail::TextSource& source)
     pieces.resize(used);
     m_pieces = std::move(pieces);
     return true;
+}
+
+void ObjLineReader::resetForPiece(bool later)
+{
+    m_firstLine = !later;
+    m_commaDecimal = false;
+    m_firstCommentPending = true;
+    m_laterPiece = later;
+    m_sawRelativeIndex = false;
+    m_sawMtllib = false;
+    m_stopped = false;
+    m_reachesEnd = false;
+    m_currentMaterial = later ? InheritedMaterial : -1;
+    std::fill(std::begin(m_lineBytes), std::end(m_lineBytes), std::size_t(0));
+    m_materialNames.clear();
+    m_mtllib.clear();
+    m_positions.clear();
+    m_texCoords.clear();
+    m_numFaces = 0;
+    m_allTriangles = true;
+    m_faceSizes.clear();
+    m_cornerPos.clear();
+    m_cornerTex.clear();
+    m_faceMaterial.clear();
+    m_minPos = 0x7fffffff;
+    m_maxPos = -1;
+    m_maxTex = -1;
+    m_sawDegenerate = false;
+}
+
+namespace
+{
+
+template <class T> void append(GrowArray<T>& to, const GrowArray<T>& from)
+{
+    if (from.empty())
+        return;
+    std::memcpy(to.extend(from.size()), from.data(), from.size() * sizeof(T));
+    to.resize(to.size() + from.size());
+}
+
+} // namespace
+
+ObjLineReader::Append ObjLineReader::appendPiece(const ObjLineReader& piece)
+{
+    // As in parsePieces: a decimal comma (decided by the file's first comment), a relative
+    // index in a later piece or too many corners make the parse in pieces give way to the
+    // reading from the start.
+    if (piece.m_commaDecimal || piece.m_sawRelativeIndex ||
+        m_cornerPos.size() + piece.m_cornerPos.size() > std::size_t(0x7fffffff))
+        return Append::Discard;
+    append(m_positions, piece.m_positions);
+    append(m_texCoords, piece.m_texCoords);
+    append(m_cornerPos, piece.m_cornerPos);
+    append(m_cornerTex, piece.m_cornerTex);
+    if (m_allTriangles && !piece.m_allTriangles)
+    {
+        m_faceSizes.resize(m_numFaces);
+        std::fill(m_faceSizes.begin(), m_faceSizes.end(), 3);
+        m_allTriangles = false;
+    }
+    if (!m_allTriangles)
+    {
+        if (piece.m_allTriangles)
+            std::fill_n(m_faceSizes.extend(piece.m_numFaces), piece.m_numFaces, 3);
+        else
+            std::copy(piece.m_faceSizes.begin(), piece.m_faceSizes.end(),
+                      m_faceSizes.extend(piece.m_numFaces));
+        m_faceSizes.resize(m_faceSizes.size() + piece.m_numFaces);
+    }
+    m_numFaces += piece.m_numFaces;
+    m_minPos = std::min(m_minPos, piece.m_minPos);
+    m_maxPos = std::max(m_maxPos, piece.m_maxPos);
+    m_maxTex = std::max(m_maxTex, piece.m_maxTex);
+    m_sawDegenerate |= piece.m_sawDegenerate;
+    for (int kind = 0; kind < 4; ++kind)
+        m_lineBytes[kind] += piece.m_lineBytes[kind];
+    m_stopped = piece.m_stopped;
+    return piece.m_stopped || piece.m_reachesEnd ? Append::Last : Append::More;
+}
+
+bool ObjLineReader::parsePiecesInOrder(const detail::TextSource& source)
+{
+    // Each piece is parsed into one of a ring of scratch readers (piece k into slot k % n),
+    // which keep their memory from piece to piece. A parsed piece is appended to this
+    // reader by whichever thread holds the merge turn, in file order; only that thread
+    // writes this reader's arrays, so they may grow. A piece waits for its slot until the
+    // piece that used it before has been appended.
+    constexpr std::size_t none = std::size_t(-1);
+    struct Slot
+    {
+        ObjLineReader reader;
+        std::atomic<std::size_t> ready{none}; ///< the piece parsed into it, not yet appended
+        explicit Slot(bool keepTexCoords) : reader(keepTexCoords, false) {}
+    };
+    const std::size_t numPieces = (source.size() + PieceBytes - 1) / PieceBytes;
+    std::vector<std::unique_ptr<Slot>> slots;
+    std::atomic<std::size_t> appended{0}; // pieces appended so far
+    std::atomic<bool> merging{false}, finished{false}, discard{false};
+
+    // Appends the parsed pieces that are next in order, unless another thread is at it. After
+    // giving the turn back it looks again: a piece that became ready meanwhile may have been
+    // missed by the thread that parsed it.
+    auto merge = [&]
+    {
+        for (;;)
+        {
+            if (merging.exchange(true))
+                return;
+            while (!finished.load())
+            {
+                const std::size_t k = appended.load();
+                Slot& slot = *slots[k % slots.size()];
+                if (slot.ready.load() != k)
+                    break;
+                const Append result = appendPiece(slot.reader);
+                slot.ready.store(none);
+                if (result != Append::More)
+                {
+                    discard.store(result == Append::Discard);
+                    finished.store(true);
+                }
+                appended.store(k + 1);
+            }
+            merging.store(false);
+            const std::size_t k = appended.load();
+            if (finished.load() || slots[k % slots.size()]->ready.load() != k)
+                return;
+        }
+    };
+    source.forEachPiece(
+        PieceBytes, numPieces,
+        [&](int, std::size_t k, const detail::TextRange& text)
+        {
+            Slot& slot = *slots[k % slots.size()];
+            // The slot is free once the piece before in it has been appended.
+            while (appended.load() + slots.size() <= k)
+            {
+                if (finished.load())
+                    return false;
+                merge();
+                std::this_thread::yield();
+            }
+            if (finished.load())
+                return false;
+            ObjLineReader& r = slot.reader;
+            r.resetForPiece(k > 0);
+            // The last piece of the file parses the text after its last '\n' too.
+            r.m_reachesEnd = text.reachesEnd;
+            r.parseLines(text.begin, text.end, text.reachesEnd, true);
+            slot.ready.store(k);
+            merge();
+            return !finished.load();
+        },
+        [&](int numTasks)
+        {
+            const std::size_t n = 2 * std::size_t(std::max(numTasks, 1));
+            for (std::size_t i = 0; i < n; ++i)
+            {
+                slots.push_back(std::make_unique<Slot>(m_keepTexCoords));
+                slots.back()->reader.m_positions.reserve(PieceBytes / 8);
+                slots.back()->reader.m_cornerPos.reserve(PieceBytes / 4);
+            }
+        });
+    if (finished.load() && !discard.load())
+        return true;
+    // Nothing of the parse counts: this reader is left as it was before, with its capacity.
+    resetForPiece(false);
+    return false;
 }
 
 std::vector<const ObjLineReader*> ObjLineReader::parts() const

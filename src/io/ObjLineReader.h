@@ -188,8 +188,13 @@ class ObjLineReader
 {
 public:
     static constexpr int LineBufferSize = 16384;
-    /// A regular file at least twice this large is parsed in pieces of this many bytes.
-    static constexpr std::size_t PieceBytes = std::size_t(1) << 20;
+    /// A file is read from start to end in blocks of this many bytes (and a line); a regular
+    /// file at least twice this large is parsed in pieces on the thread pool when it has more
+    /// than one thread.
+    static constexpr std::size_t BlockBytes = std::size_t(1) << 20;
+    /// The size of those pieces: small enough that a piece's text and what it parses to stay
+    /// in the core's cache.
+    static constexpr std::size_t PieceBytes = std::size_t(256) << 10;
 
     /// `keepTexCoords`: read texture coordinates and the corners' indices of them;
     /// `wantMaterials`: follow usemtl and mtllib.
@@ -227,6 +232,22 @@ private:
     /// order. False when the result could depend on the cuts (see the .cpp); nothing is kept
     /// then.
     bool parsePieces(const detail::TextSource& source);
+    /// The same for a read without materials, with the pieces' results appended to this
+    /// reader's own arrays in file order as soon as the pieces before them are in, so that
+    /// the reader ends as a reading from start to end would leave it. False when the result
+    /// could depend on the cuts; the reader is left empty then.
+    bool parsePiecesInOrder(const detail::TextSource& source);
+    /// Makes a reader used for one piece ready for the next: empty, with its capacity kept.
+    void resetForPiece(bool later);
+    /// How appending a piece went (see appendPiece).
+    enum class Append
+    {
+        More,   ///< appended; the pieces after it count too
+        Last,   ///< appended; it ends the reading
+        Discard ///< the result could depend on the cuts: nothing of the parse counts
+    };
+    /// Appends the results of the next piece in file order to this reader's.
+    Append appendPiece(const ObjLineReader& piece);
     /// The readers whose results make up this one's, in file order: the pieces of a
     /// parse in pieces, otherwise this reader.
     std::vector<const ObjLineReader*> parts() const;

@@ -25,6 +25,7 @@ struct TextOptions
     bool longLine = false;        ///< a line too long for the reader ends the reading
     bool quads = false;           ///< quads in the later rows
     bool finalNewline = true;
+    bool badIndex = true; ///< a face names a vertex the file does not have
 };
 
 /// A grid of `rows` rows of 300 vertices, each row followed by the faces to the previous
@@ -74,9 +75,9 @@ std::string gridText(const TextOptions& o, int rows = 60)
                           idx(e), idx(e), idx(d), idx(d));
             s += line;
         }
-        if (r == 20)
-            s += "f 1 1 2\nf 1 2 999999\n"; // degenerate, out of range: set aside
-        if (r % 9 == 4)                     // degenerate triangles are printed, in file order
+        if (r == 20) // degenerate, out of range: set aside
+            s += o.badIndex ? "f 1 1 2\nf 1 2 999999\n" : "f 1 1 2\n";
+        if (r % 9 == 4) // degenerate triangles are printed, in file order
             s += "f " + std::to_string(r * cols) + " " + std::to_string(r * cols + 1) + " " +
                  std::to_string(r * cols) + "\n";
     }
@@ -94,6 +95,7 @@ struct Reads
     qy::vector<qyString::IString> materials;
     qyOS::Filename mtl;
     int topoVertices = 0, topoFaces = 0;
+    std::vector<int> topoCorners; ///< the corners of every face, in face order
     int numPrintedLines = 0;
 };
 
@@ -114,6 +116,18 @@ Reads readAll(const std::string& path, int numThreads)
     r.topoOk = meshReadObj(topo, file);
     r.topoVertices = topo.getNumVertices();
     r.topoFaces = topo.getNumFaces();
+    for (int f = 0; f < topo.getFaceCapacity(); ++f)
+    {
+        const TopoMeshFace face(&topo, f);
+        if (!topo.isAlive(face))
+            continue;
+        TopoMeshEdge e = face.edge();
+        do
+        {
+            r.topoCorners.push_back(e.vertex().getIndex());
+            e = e.next();
+        } while (e != face.edge());
+    }
     return r;
 }
 
@@ -129,7 +143,33 @@ std::vector<int> faces(const CompactMesh& m)
     return {m.getTrianglesRaw(), m.getTrianglesRaw() + 3 * m.getNumTriangles()};
 }
 
-/// Reads `text` with one and with four threads and expects identical results.
+/// Reads `path` with `numThreads` threads and expects what `one` (and `printedOne`) hold.
+void expectSame(const std::string& path, const Reads& one, const std::string& printedOne,
+                int numThreads)
+{
+    SCOPED_TRACE(numThreads);
+    testing::internal::CaptureStdout();
+    const Reads other = readAll(path, numThreads);
+    EXPECT_EQ(printedOne, testing::internal::GetCapturedStdout());
+    EXPECT_EQ(one.plainOk, other.plainOk);
+    EXPECT_EQ(vertices(one.plain), vertices(other.plain));
+    EXPECT_EQ(faces(one.plain), faces(other.plain));
+    EXPECT_EQ(one.plain.getNumPolys(), other.plain.getNumPolys());
+    EXPECT_EQ(one.subsetsOk, other.subsetsOk);
+    EXPECT_EQ(vertices(one.withSubsets), vertices(other.withSubsets));
+    EXPECT_EQ(faces(one.withSubsets), faces(other.withSubsets));
+    EXPECT_EQ(one.subsetVertices, other.subsetVertices);
+    EXPECT_EQ(one.subsetTriangles, other.subsetTriangles);
+    EXPECT_EQ(one.uvs, other.uvs);
+    EXPECT_EQ(one.materials, other.materials);
+    EXPECT_EQ(one.mtl.str(), other.mtl.str());
+    EXPECT_EQ(one.topoOk, other.topoOk);
+    EXPECT_EQ(one.topoVertices, other.topoVertices);
+    EXPECT_EQ(one.topoFaces, other.topoFaces);
+    EXPECT_EQ(one.topoCorners, other.topoCorners);
+}
+
+/// Reads `text` with one, two and four threads and expects identical results.
 Reads expectSameWithAnyThreadCount(const std::string& name, const std::string& text)
 {
     const std::string path = qyIoTest::writeFile(name, text);
@@ -137,24 +177,8 @@ Reads expectSameWithAnyThreadCount(const std::string& name, const std::string& t
     Reads one = readAll(path, 1);
     const std::string printedOne = testing::internal::GetCapturedStdout();
     one.numPrintedLines = int(std::count(printedOne.begin(), printedOne.end(), '\n'));
-    testing::internal::CaptureStdout();
-    const Reads four = readAll(path, 4);
-    EXPECT_EQ(printedOne, testing::internal::GetCapturedStdout());
-    EXPECT_EQ(one.plainOk, four.plainOk);
-    EXPECT_EQ(vertices(one.plain), vertices(four.plain));
-    EXPECT_EQ(faces(one.plain), faces(four.plain));
-    EXPECT_EQ(one.plain.getNumPolys(), four.plain.getNumPolys());
-    EXPECT_EQ(one.subsetsOk, four.subsetsOk);
-    EXPECT_EQ(vertices(one.withSubsets), vertices(four.withSubsets));
-    EXPECT_EQ(faces(one.withSubsets), faces(four.withSubsets));
-    EXPECT_EQ(one.subsetVertices, four.subsetVertices);
-    EXPECT_EQ(one.subsetTriangles, four.subsetTriangles);
-    EXPECT_EQ(one.uvs, four.uvs);
-    EXPECT_EQ(one.materials, four.materials);
-    EXPECT_EQ(one.mtl.str(), four.mtl.str());
-    EXPECT_EQ(one.topoOk, four.topoOk);
-    EXPECT_EQ(one.topoVertices, four.topoVertices);
-    EXPECT_EQ(one.topoFaces, four.topoFaces);
+    for (const int numThreads : {2, 4})
+        expectSame(path, one, printedOne, numThreads);
     return one;
 }
 
@@ -171,6 +195,13 @@ TEST(MeshReadObjPieces, LargeFilesReadAsOneStream)
     EXPECT_FALSE(plain.subsetTriangles.empty());
     EXPECT_EQ(plain.mtl.str(), (qyIoTest::scratchDir() / "second.mtl").string());
     EXPECT_EQ(plain.numPrintedLines, 3 * 8); // eight degenerate triangles in each of three reads
+
+    // Degenerate triangles alone (every index in range) are set aside and printed too.
+    TextOptions degenerate;
+    degenerate.badIndex = false;
+    const Reads d = expectSameWithAnyThreadCount("degenerate.obj", gridText(degenerate));
+    EXPECT_EQ(d.plain.getNumTriangles(), 59 * 299 * 2);
+    EXPECT_EQ(d.numPrintedLines, 3 * 8);
 
     TextOptions quads;
     quads.quads = true;
