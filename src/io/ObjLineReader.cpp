@@ -674,7 +674,9 @@ void ObjLineReader::parseFace(const char* p, const char* end)
         }
         if (plain)
         {
-            q = cornerEnd(q, end);
+            // Only a corner with a '/' has more to skip.
+            if (q < end && *q == '/')
+                q = cornerEnd(q, end);
             const int v = int(value) - 1;
             pos[n] = v;
             lo = std::min(lo, v);
