@@ -249,7 +249,33 @@ bool ObjLineReader::parseLines(const char* p, const char* end, bool last, bool l
             m_stopped = true;
             return true;
         }
-        parseLine(p, lineEnd);
+        // The usual lines begin with their keyword and go straight to their parsers; the
+        // others, and the first line (which may begin with a byte-order mark), to parseLine.
+        const std::size_t length = std::size_t(lineEnd - p);
+        if (length >= 3 && !m_firstLine && p[1] == ' ' && (*p == 'f' || *p == 'v'))
+        {
+            m_lineBytes[KindAll] += length;
+            if (*p == 'f')
+            {
+                parseFace(p + 2, lineEnd);
+            }
+            else
+            {
+                m_lineBytes[KindV] += length;
+                readNumbers(p + 2, lineEnd, 3, m_positions.extend(3));
+                m_positions.resize(m_positions.size() + 3);
+            }
+        }
+        else if (length >= 3 && !m_firstLine && !m_keepTexCoords && *p == 'v' && p[2] == ' ' &&
+                 (p[1] == 'n' || p[1] == 't'))
+        {
+            // Normals and, in a read without them, texture coordinates are only counted.
+            m_lineBytes[KindAll] += length;
+        }
+        else
+        {
+            parseLine(p, lineEnd);
+        }
         if (!nl)
             return false;
         p = nl + 1;
