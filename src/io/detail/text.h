@@ -153,11 +153,12 @@ inline const char* scanDigits(const char* p, const char* end, const char* readab
                 return p;
             }
             // The n digits moved to the top bytes (zeros before them), then summed pairwise:
-            // two digits per 16 bits, four per 32, eight in all.
+            // two digits per 16 bits, four per 32, eight in all. Each step is one
+            // multiplication: v * (10 * 2^8 + 1) >> 8 is v * 10 + (v >> 8) in the bits kept.
             std::uint64_t v = digits << (8 * (8 - n));
-            v = (v * 10 + (v >> 8)) & 0x00FF00FF00FF00FFu;
-            v = (v * 100 + (v >> 16)) & 0x0000FFFF0000FFFFu;
-            v = (v * 10000 + (v >> 32)) & 0xFFFFFFFFu;
+            v = ((v * 0x0A01u) >> 8) & 0x00FF00FF00FF00FFu;
+            v = ((v * 0x00640001u) >> 16) & 0x0000FFFF0000FFFFu;
+            v = (v * 0x0000271000000001u) >> 32;
             value = v;
             return p + n;
         }
