@@ -494,25 +494,35 @@ bool ObjLineReader::parsePiecesInOrder(const detail::TextSource& source)
         PieceBytes, numPieces,
         [&](int, std::size_t k, const detail::TextRange& text)
         {
-            Slot& slot = *slots[k % slots.size()];
-            // The slot is free once the piece before in it has been appended.
-            while (appended.load() + slots.size() <= k)
+            try
             {
+                Slot& slot = *slots[k % slots.size()];
+                // The slot is free once the piece before in it has been appended.
+                while (appended.load() + slots.size() <= k)
+                {
+                    if (finished.load())
+                        return false;
+                    merge();
+                    std::this_thread::yield();
+                }
                 if (finished.load())
                     return false;
+                ObjLineReader& r = slot.reader;
+                r.resetForPiece(k > 0);
+                // The last piece of the file parses the text after its last '\n' too.
+                r.m_reachesEnd = text.reachesEnd;
+                r.parseLines(text.begin, text.end, text.reachesEnd, true);
+                slot.ready.store(k);
                 merge();
-                std::this_thread::yield();
+                return !finished.load();
             }
-            if (finished.load())
-                return false;
-            ObjLineReader& r = slot.reader;
-            r.resetForPiece(k > 0);
-            // The last piece of the file parses the text after its last '\n' too.
-            r.m_reachesEnd = text.reachesEnd;
-            r.parseLines(text.begin, text.end, text.reachesEnd, true);
-            slot.ready.store(k);
-            merge();
-            return !finished.load();
+            catch (...)
+            {
+                // Out of memory: the other tasks must not wait for this piece. The pool
+                // passes the exception on.
+                finished.store(true);
+                throw;
+            }
         },
         [&](int numTasks)
         {
