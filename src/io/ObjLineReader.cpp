@@ -8,7 +8,6 @@
 #include <cstring>
 #include <new>
 #include <sys/mman.h>
-#include <thread>
 
 #include "base/StopWatch.h"
 #include "base/ThreadPool.h"
@@ -459,6 +458,13 @@ bool ObjLineReader::parsePiecesInOrder(const detail::TextSource& source)
     std::vector<std::unique_ptr<Slot>> slots;
     std::atomic<std::size_t> appended{0}; // pieces appended so far
     std::atomic<bool> merging{false}, finished{false}, discard{false};
+    // Counts the appends and the end of the parse, for the tasks that wait for a slot.
+    std::atomic<std::size_t> events{0};
+    auto signal = [&]
+    {
+        events.fetch_add(1);
+        events.notify_all();
+    };
 
     // Appends the parsed pieces that are next in order, unless another thread is at it. After
     // giving the turn back it looks again: a piece that became ready meanwhile may have been
@@ -483,6 +489,7 @@ bool ObjLineReader::parsePiecesInOrder(const detail::TextSource& source)
                     finished.store(true);
                 }
                 appended.store(k + 1);
+                signal();
             }
             merging.store(false);
             const std::size_t k = appended.load();
@@ -497,13 +504,18 @@ bool ObjLineReader::parsePiecesInOrder(const detail::TextSource& source)
             try
             {
                 Slot& slot = *slots[k % slots.size()];
-                // The slot is free once the piece before in it has been appended.
-                while (appended.load() + slots.size() <= k)
+                // The slot is free once the piece before in it has been appended. Meanwhile
+                // the task appends what it can, then sleeps until the next append.
+                for (;;)
                 {
+                    const std::size_t seen = events.load();
+                    if (appended.load() + slots.size() > k)
+                        break;
                     if (finished.load())
                         return false;
                     merge();
-                    std::this_thread::yield();
+                    if (appended.load() + slots.size() <= k && !finished.load())
+                        events.wait(seen);
                 }
                 if (finished.load())
                     return false;
@@ -521,6 +533,7 @@ bool ObjLineReader::parsePiecesInOrder(const detail::TextSource& source)
                 // Out of memory: the other tasks must not wait for this piece. The pool
                 // passes the exception on.
                 finished.store(true);
+                signal();
                 throw;
             }
         },
