@@ -124,8 +124,10 @@ TextRange TextSource::piece(std::size_t k, std::size_t bytes, std::vector<char>&
     }
     else
     {
-        if (buffer.size() < bytes + 65536)
-            buffer.resize(bytes + 65536);
+        // The piece and a page more, which usually holds the end of its last line: the text
+        // read beyond the piece is read twice. A longer line grows the buffer below.
+        if (buffer.size() < bytes + 4096)
+            buffer.resize(bytes + 4096);
         for (;;)
         {
             const std::size_t want = buffer.size() - filled;
