@@ -63,6 +63,8 @@ TopoMesh& TopoMesh::operator=(const TopoMesh& other)
         m_singleFans = other.m_singleFans;
         m_wideDegrees = other.m_wideDegrees;
         m_degreesFromBuilder = other.m_degreesFromBuilder;
+        m_neighbourMasks = other.m_neighbourMasks;
+        m_masksValid = other.m_masksValid;
     }
     return *this;
 }
@@ -89,6 +91,8 @@ TopoMesh& TopoMesh::operator=(TopoMesh&& other) noexcept
         m_singleFans = other.m_singleFans;
         m_wideDegrees = other.m_wideDegrees;
         m_degreesFromBuilder = other.m_degreesFromBuilder;
+        m_neighbourMasks = std::move(other.m_neighbourMasks);
+        m_masksValid = other.m_masksValid;
         other.clear();
     }
     return *this;
@@ -145,6 +149,9 @@ void TopoMesh::clear()
     m_numVertices = m_numEdges = m_numFaces = 0;
     m_fanStartsKnown = true;
     m_singleFans = true;
+    // The masks keep their memory for the next build that asks for them.
+    m_neighbourMasks.clear();
+    m_masksValid = false;
 }
 
 void TopoMesh::allocVertexTags()
@@ -208,6 +215,12 @@ int TopoMesh::newVertexSlot()
     if (!m_vertexTag.empty())
         m_vertexTag[std::size_t(v)] = -1;
     setDegree(v, 0);
+    if (m_masksValid)
+    {
+        if (std::size_t(v) >= m_neighbourMasks.size())
+            m_neighbourMasks.resize(m_vertexEdge.size(), 0);
+        m_neighbourMasks[std::size_t(v)] = 0;
+    }
     ++m_numVertices;
     return v;
 }
@@ -283,6 +296,7 @@ void TopoMesh::freeFace(int f)
 TopoMeshVertex TopoMesh::allocVertex(const qyLinear::Point& point)
 {
     const qyLinear::Point p = point; // it may be one of this mesh's points
+    m_masksValid = false;
     if (m_freeVertices.empty())
     {
         const int v = int(m_vertexEdge.size());
@@ -356,6 +370,7 @@ TopoMeshFace TopoMesh::buildFace(int n, const int* vertices)
     // The new half-edges have no twins yet: a vertex's half-edge may no longer start its fan.
     m_fanStartsKnown = false;
     m_singleFans = false;
+    m_masksValid = false;
     const int f = newFaceSlot();
     if (m_freeEdges.empty())
     {
@@ -813,6 +828,24 @@ bool TopoMesh::isNeighbourFrom(int /*a*/, int first, int b) const
     return false;
 }
 
+void TopoMesh::buildNeighbourMasks()
+{
+    const std::size_t numSlots = m_vertexEdge.size();
+    m_neighbourMasks.assign(numSlots, 0);
+    std::uint64_t* masks = m_neighbourMasks.data();
+    const HalfEdge* E = m_edges.data();
+    for (int e = 0, n = getEdgeCapacity(); e < n; ++e)
+    {
+        const int a = E[e].vertex;
+        if (a < 0)
+            continue;
+        const int b = E[E[e].next].vertex;
+        masks[a] |= neighbourBit(b);
+        masks[b] |= neighbourBit(a);
+    }
+    m_masksValid = true;
+}
+
 bool TopoMesh::vertexOnBoundary(int v) const
 {
     const int s = fanStart(v);
@@ -936,18 +969,22 @@ bool TopoMesh::swapEdge(TopoMeshEdge edge)
         if (fanValence(v, boundary) <= (boundary ? 2 : 3))
             return false;
     }
-    // With one fan per vertex, a vertex's walk meets every half-edge at it, so c and d are
-    // neighbours seen from either end: walk the shorter ring.
-    // The walk starts from the quad's own faces, which are at hand, rather than from the
-    // vertex's half-edge: with one fan per vertex, every start meets every spoke.
-    if (m_singleFans && m_fanStartsKnown)
+    // Masks without each other's bit prove that no edge joins c and d: most diagonals end
+    // there. Otherwise the ring is walked. With one fan per vertex, a vertex's walk meets
+    // every half-edge at it, so c and d are neighbours seen from either end: walk the shorter
+    // ring, starting from the quad's own faces, which are at hand, rather than from the
+    // vertex's half-edge (with one fan per vertex, every start meets every spoke).
+    if (mayBeNeighbours(c, d))
     {
-        if (getVertexDegree(d) < getVertexDegree(c) ? isNeighbourFrom(d, t2, c)
-                                                    : isNeighbourFrom(c, e2, d))
+        if (m_singleFans && m_fanStartsKnown)
+        {
+            if (getVertexDegree(d) < getVertexDegree(c) ? isNeighbourFrom(d, t2, c)
+                                                        : isNeighbourFrom(c, e2, d))
+                return false;
+        }
+        else if (isNeighbour(c, d))
             return false;
     }
-    else if (isNeighbour(c, d))
-        return false;
 
     const int f1 = E[e].face, f2 = E[t].face;
     E[e].vertex = d;
@@ -973,6 +1010,11 @@ bool TopoMesh::swapEdge(TopoMeshEdge edge)
         m_vertexEdge[std::size_t(a)] = t1;
     if (m_vertexEdge[std::size_t(b)] == t)
         m_vertexEdge[std::size_t(b)] = e1;
+    if (m_masksValid)
+    {
+        m_neighbourMasks[std::size_t(c)] |= neighbourBit(d);
+        m_neighbourMasks[std::size_t(d)] |= neighbourBit(c);
+    }
     return true;
 }
 
@@ -1112,6 +1154,11 @@ TopoMeshVertex TopoMesh::subdivideFace(TopoMeshFace f, const qyLinear::Point& po
         E[out] = HalfEdge{w, face, chainBegin, in, -1};
         E[in] = HalfEdge{E[nextJoined].vertex, face, out, chainEnd, -1};
         incrementDegree(E[nextJoined].vertex);
+        if (m_masksValid)
+        {
+            m_neighbourMasks[std::size_t(w)] |= neighbourBit(E[nextJoined].vertex);
+            m_neighbourMasks[std::size_t(E[nextJoined].vertex)] |= neighbourBit(w);
+        }
         E[chainBegin].prev = out;
         E[chainEnd].next = in;
         for (int h = chainBegin;; h = E[h].next)
@@ -1140,6 +1187,7 @@ TopoMeshVertex TopoMesh::subdivideEdge(TopoMeshEdge edge, const qyLinear::Point&
     if (!isAlive(edge))
         return {};
     const int e = edge.getIndex();
+    m_masksValid = false;
     const int w = newVertexSlot();
     m_points[std::size_t(w)] = p;
     const int t = m_edges[std::size_t(e)].twin;

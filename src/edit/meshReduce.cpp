@@ -352,6 +352,8 @@ int MeshReduceBase::removeBatch(BitVector& batch, Remap& vertexRemap, bool& merg
         }
         m_region = std::make_unique<MeshModifyRep>(*m_mesh, *adjTris, std::move(m_spareTopo));
         TopoMesh& topo = m_region->getTopoMesh();
+        // Most swaps' new diagonals are then proved absent without walking a ring.
+        topo.buildNeighbourMasks();
 
         m_batchVertices.clear();
         for (BitIterator it(batch); it.valid(); it.next())

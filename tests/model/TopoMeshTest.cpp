@@ -338,6 +338,76 @@ TEST(TopoMesh, RandomSwapsKeepTheStructure)
     EXPECT_EQ(valenceSum, sphere.getNumEdges());
 }
 
+// Neighbour masks only let swapEdge skip its ring walk: two copies of a mesh, one with masks
+// and one without, must agree on every swap through random swaps, deletions, face and edge
+// splits and new faces (the last two drop the masks, which are then built again). A mask
+// that missed an edge would let a swap duplicate it.
+TEST(TopoMesh, NeighbourMasksNeverChangeASwap)
+{
+    for (const bool closed : {true, false})
+    {
+        TopoMesh plain;
+        build(plain, closed ? qyTest::makeIcosphere(2) : qyTest::makeGrid(9, 9));
+        TopoMesh masked(plain);
+        masked.buildNeighbourMasks();
+        std::mt19937 random(closed ? 5 : 6);
+        auto pick = [&](int n) { return int(random() % unsigned(n)); };
+        int swaps = 0, refusals = 0;
+        for (int step = 0; step < 6000; ++step)
+        {
+            const int kind = pick(40);
+            if (kind < 34)
+            {
+                const int e = pick(plain.getEdgeCapacity());
+                const bool done = plain.swapEdge(plain.edge(e));
+                ASSERT_EQ(masked.swapEdge(masked.edge(e)), done) << "step " << step;
+                swaps += done;
+                refusals += !done && plain.isAlive(plain.edge(e)) && plain.edge(e).hasTwin();
+            }
+            else if (kind < 37)
+            {
+                const int v = pick(plain.getVertexCapacity());
+                const TopoMeshFace f = plain.deleteVertex(plain.vertex(v));
+                const TopoMeshFace g = masked.deleteVertex(masked.vertex(v));
+                ASSERT_EQ(f.getIndex(), g.getIndex());
+                // Put a vertex back into the hole, as a refused removal does.
+                if (f)
+                {
+                    ASSERT_EQ(plain.subdivideFace(f, Point(0, 0, 0)).getIndex(),
+                              masked.subdivideFace(g, Point(0, 0, 0)).getIndex());
+                }
+            }
+            else if (kind < 39)
+            {
+                const int f = pick(plain.getFaceCapacity());
+                if (plain.isAlive(plain.face(f)))
+                {
+                    ASSERT_EQ(plain.subdivideFace(plain.face(f), Point(1, 2, 3)).getIndex(),
+                              masked.subdivideFace(masked.face(f), Point(1, 2, 3)).getIndex());
+                }
+            }
+            else
+            {
+                const int e = pick(plain.getEdgeCapacity());
+                if (plain.isAlive(plain.edge(e)))
+                {
+                    ASSERT_EQ(plain.subdivideEdge(plain.edge(e), Point(0, 1, 0)).getIndex(),
+                              masked.subdivideEdge(masked.edge(e), Point(0, 1, 0)).getIndex());
+                    masked.buildNeighbourMasks();
+                }
+            }
+        }
+        EXPECT_GT(swaps, 1000);
+        EXPECT_GT(refusals, 500);
+        checkInvariants(masked, false);
+        // A copy and a moved mesh keep their masks.
+        TopoMesh copy(masked);
+        TopoMesh moved(std::move(copy));
+        for (int e = 0; e < plain.getEdgeCapacity(); ++e)
+            ASSERT_EQ(moved.swapEdge(moved.edge(e)), plain.swapEdge(plain.edge(e)));
+    }
+}
+
 TEST(TopoMesh, DeleteVertexThenSubdivideFaceRestoresConnectivity)
 {
     TopoMesh sphere;
