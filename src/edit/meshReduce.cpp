@@ -351,6 +351,9 @@ int MeshReduceBase::removeBatch(BitVector& batch, Remap& vertexRemap, bool& merg
             select.selectVerticesFromTriangles();
         }
         m_region = std::make_unique<MeshModifyRep>(*m_mesh, *adjTris, std::move(m_spareTopo));
+        // The region keeps its own copy of the selection, and the batch ends with the
+        // selection clear: clearing it now spares the merge renumbering its bits.
+        m_mesh->clearSelection();
         TopoMesh& topo = m_region->getTopoMesh();
         // Most swaps' new diagonals are then proved absent without walking a ring.
         topo.buildNeighbourMasks();
