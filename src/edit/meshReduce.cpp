@@ -103,6 +103,9 @@ protected:
     std::deque<Point> m_removed;
     int m_pass = 0;
     std::unique_ptr<MeshModifyRep> m_region; ///< the edit region while a batch runs
+    /// False for an engine whose acceptRemoval accepts every removal without reading the
+    /// hole's triangles: they are then not gathered.
+    bool m_readsHoles = true;
 
 private:
     void computeFlatness();
@@ -495,7 +498,13 @@ bool MeshReduceBase::removeOne(TopoMesh& topo, TopoMeshVertex v, int index)
             break;
     }
 
-    // 4. The triangles that replace the fan: the fill and the two sides of every new edge.
+    // 4. The triangles that replace the fan: the fill and the two sides of every new edge,
+    //    gathered only for an engine whose acceptRemoval reads them.
+    if (!m_readsHoles)
+    {
+        m_removed.push_back(point);
+        return true;
+    }
     m_faces.clear();
     m_faces.push_back(fill);
     for (const TopoMeshEdge e : m_swapsA)
@@ -532,6 +541,7 @@ public:
         // NaN and 1 or more keep every vertex; the clamp keeps the product inside int.
         const double f = fraction == fraction ? std::clamp(fraction, 0.0, 1.0) : 1.0;
         m_target = int(double(m_startCount) * f);
+        m_readsHoles = false;
     }
 
     bool keepRemoving() override
