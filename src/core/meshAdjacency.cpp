@@ -162,14 +162,16 @@ int keepFirst(int v, const int* items, int n, int* dst, int* stamp)
 {
     stamp[v] = v;
     int kept = 0;
+    // Branch-free: whether a vertex repeats follows no pattern that a branch could learn. The
+    // store to dst[kept] is overwritten when u was seen; it never passes the reads (dst lies
+    // at or before items, and kept <= i).
     for (int i = 0; i < n; ++i)
     {
         const int u = items[i];
-        if (stamp[u] != v)
-        {
-            stamp[u] = v;
-            dst[kept++] = u;
-        }
+        const int seen = stamp[u];
+        stamp[u] = v;
+        dst[kept] = u;
+        kept += int(seen != v);
     }
     return kept;
 }
