@@ -118,6 +118,18 @@ MeshConvertRep::MeshConvertRep(CompactMesh& mesh, const MeshAdjTris& adjTris, To
         if (numVerts % 32 != 0 && numWords == m_vertexSlots.bits.getNumWords())
             words[numWords - 1] &= (BitVector::Word(1) << (numVerts % 32)) - 1;
     }
+    // With every vertex selected (a region over the whole mesh) the corners need no marking.
+    bool allVertices = true;
+    {
+        const BitVector::Word* words = m_vertexSlots.bits.getWords();
+        for (int w = 0; w < numVerts / 32 && allVertices; ++w)
+            allVertices = words[w] == ~BitVector::Word(0);
+        if (allVertices && numVerts % 32 != 0)
+        {
+            const BitVector::Word tail = (BitVector::Word(1) << (numVerts % 32)) - 1;
+            allVertices = (words[numVerts / 32] & tail) == tail;
+        }
+    }
 
     // The faces: the selected triangles with three distinct corners inside [0, V), numbered
     // in increasing triangle order. One sweep over the selected triangles also marks their
@@ -136,9 +148,10 @@ MeshConvertRep::MeshConvertRep(CompactMesh& mesh, const MeshAdjTris& adjTris, To
             if (t >= numTris)
                 break;
             const int a = tris[t][0], c1 = tris[t][1], c2 = tris[t][2];
-            for (const int corner : {a, c1, c2})
-                if (unsigned(corner) < unsigned(numVerts))
-                    m_vertexSlots.bits.setBit(corner);
+            if (!allVertices)
+                for (const int corner : {a, c1, c2})
+                    if (unsigned(corner) < unsigned(numVerts))
+                        m_vertexSlots.bits.setBit(corner);
             if (unsigned(a) < unsigned(numVerts) && unsigned(c1) < unsigned(numVerts) &&
                 unsigned(c2) < unsigned(numVerts) && a != c1 && c1 != c2 && a != c2)
                 m_triangles.push_back(t);
@@ -148,8 +161,11 @@ MeshConvertRep::MeshConvertRep(CompactMesh& mesh, const MeshAdjTris& adjTris, To
     setBits(m_vertexSlots.bits, numVerts, m_vertices);
 
     m_triangleSlots.assign(numTris);
-    for (const int t : m_triangles)
-        m_triangleSlots.bits.setBit(t);
+    if (int(m_triangles.size()) == numTris)
+        m_triangleSlots.bits.setAllBits();
+    else
+        for (const int t : m_triangles)
+            m_triangleSlots.bits.setBit(t);
     m_triangleSlots.rank();
     if (adjTris.getNumVertices() == numVerts)
         build();

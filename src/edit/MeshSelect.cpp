@@ -11,6 +11,26 @@
 
 namespace qyGeom
 {
+namespace
+{
+
+// True when bits 0..n-1 are all set; a region over the whole mesh leaves nothing to grow.
+bool allSetBelow(const BitVector& bits, int n)
+{
+    if (bits.size() < n)
+        return false;
+    const BitVector::Word* words = bits.getWords();
+    const int full = n / 32;
+    for (int w = 0; w < full; ++w)
+        if (words[w] != ~BitVector::Word(0))
+            return false;
+    if (n % 32 == 0)
+        return true;
+    const BitVector::Word mask = (BitVector::Word(1) << (n % 32)) - 1;
+    return (words[full] & mask) == mask;
+}
+
+} // namespace
 
 MeshSelect::MeshSelect(const CompactMesh& mesh, const MeshAdjTris& adjTris,
                        BitVector& selectedTriangles, BitVector& selectedVertices)
@@ -36,6 +56,8 @@ int MeshSelect::selectAllTrianglesFromVertices()
     fitSizes();
     const int numTris = m_mesh.getNumTriangles();
     const int numSets = std::min(m_mesh.getNumVertices(), m_adjTris.getNumVertices());
+    if (allSetBelow(m_triangles, numTris))
+        return 0;
     // The triangles are set while the vertex words are read, so both vectors are walked by
     // word here instead of through an iterator.
     const BitVector::Word* words = m_vertices.getWords();
@@ -69,6 +91,8 @@ int MeshSelect::selectVerticesFromTriangles()
     const int numVerts = m_mesh.getNumVertices();
     const int numTris = m_mesh.getNumTriangles();
     const int* tris = m_mesh.getTrianglesRaw();
+    if (allSetBelow(m_vertices, numVerts))
+        return 0;
     const BitVector::Word* words = m_triangles.getWords();
     const int numWords = (numTris + 31) / 32;
     int added = 0;
