@@ -46,6 +46,37 @@ TEST(MeshSelect, GrowsRingsBetweenVerticesAndTriangles)
     EXPECT_EQ(verts.countBits(), 0); // the recursive growth selects no vertex
 }
 
+TEST(MeshSelect, NearlyFullSelectionsStillGrowTheirLastBits)
+{
+    // 49 vertices and 72 triangles: the last of each lies in a partly used word.
+    CompactMesh grid = qyTest::makeGrid(6, 6);
+    MeshAdjTris adj;
+    meshAdjTris(grid, adj);
+    const int numVerts = grid.getNumVertices(), numTris = grid.getNumTriangles();
+    for (const int missing : {numTris - 1, 0, 40})
+    {
+        BitVector tris(numTris), verts(numVerts);
+        tris.setAllBits();
+        tris.clearBit(missing);
+        verts.setAllBits();
+        MeshSelect select(grid, adj, tris, verts);
+        EXPECT_EQ(select.selectAllTrianglesFromVertices(), 1) << missing;
+        EXPECT_EQ(tris.countBits(), numTris);
+        EXPECT_EQ(select.selectAllTrianglesFromVertices(), 0);
+    }
+    for (const int missing : {numVerts - 1, 0, 32})
+    {
+        BitVector tris(numTris), verts(numVerts);
+        tris.setAllBits();
+        verts.setAllBits();
+        verts.clearBit(missing);
+        MeshSelect select(grid, adj, tris, verts);
+        EXPECT_EQ(select.selectVerticesFromTriangles(), 1) << missing;
+        EXPECT_EQ(verts.countBits(), numVerts);
+        EXPECT_EQ(select.selectVerticesFromTriangles(), 0);
+    }
+}
+
 TEST(MeshSelect, RecursiveGrowthStopsAtComponents)
 {
     // Two separate grids, and a third grid touching the second at one vertex only.
