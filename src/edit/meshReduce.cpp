@@ -331,9 +331,8 @@ int MeshReduceBase::runPass(std::vector<int>& candidates, qyUtil::Progress& prog
             for (int i = next; i < numCandidates; ++i)
                 candidates[std::size_t(i)] = vertexRemap(candidates[std::size_t(i)]);
     }
-    // The spare region arrays serve the batches of one pass; between passes they would only
-    // raise the peak while the adjacency and the flatness are rebuilt.
-    m_spareTopo = TopoMesh();
+    // The spare region arrays stay for the next pass: its regions are no larger, so they are
+    // never allocated (and their pages never faulted in) again.
     endPass();
     return total;
 }
