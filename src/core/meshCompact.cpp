@@ -202,7 +202,8 @@ template <int W> bool sameKey(const float* a, const float* b)
     return same;
 }
 
-// Sorts m items, given in increasing index order, by `less`, using `scratch` (m items). Keys
+// Sorts m items, given in increasing index order, by `less`, using `scratch` (m items); the
+// two arrays may come back swapped, the sorted items always in `items`. Keys
 // rarely tie in their primary component, so a stable radix sort on it (digits of `DigitBits`
 // bits from the lowest; a digit that is the same in every item is skipped) leaves only short
 // runs of equal words, each then sorted by the full order, by insertion while it is short (the
@@ -210,8 +211,11 @@ template <int W> bool sameKey(const float* a, const float* b)
 // take three passes; eight-bit ones take four, but their 256 buckets are written within the
 // first-level cache, which pays while the items are few.
 template <int DigitBits = 11, class Item, class Less>
-void sortItems(Item* items, Item* scratch, std::ptrdiff_t m, Less less)
+void sortItems(std::unique_ptr<Item[]>& itemsArray, std::unique_ptr<Item[]>& scratchArray,
+               std::ptrdiff_t m, Less less)
 {
+    Item* items = itemsArray.get();
+    Item* scratch = scratchArray.get();
     constexpr int numBuckets = 1 << DigitBits;
     constexpr int numDigits = (32 + DigitBits - 1) / DigitBits;
     constexpr std::uint32_t digitMask = numBuckets - 1;
@@ -242,8 +246,13 @@ void sortItems(Item* items, Item* scratch, std::ptrdiff_t m, Less less)
             to[offsets[(from[i].word >> shift) & digitMask]++] = from[i];
         std::swap(from, to);
     }
+    // After an odd number of passes the sorted items are in the scratch array, which then
+    // becomes the items' array rather than being copied back.
     if (from != items)
-        std::memcpy(static_cast<void*>(items), from, sizeof(Item) * std::size_t(m));
+    {
+        itemsArray.swap(scratchArray);
+        items = from;
+    }
 
     constexpr std::ptrdiff_t shortRun = 16;
     for (std::ptrdiff_t i = 0; i < m;)
@@ -444,9 +453,9 @@ public:
             // Keys that tie in the three words of their items are rare but for NaN keys.
             const KeyItemLess<DenseKeyOrder<W>> less{DenseKeyOrder<W>{keys}};
             if (count < smallSort)
-                sortItems<8>(items.get(), scratch.get(), count, less);
+                sortItems<8>(items, scratch, count, less);
             else
-                sortItems(items.get(), scratch.get(), count, less);
+                sortItems(items, scratch, count, less);
         }
         return items;
     }
