@@ -467,6 +467,23 @@ void MeshModifyRep::merge(Remap& vertexRemap, int /*flags*/)
     bool changed = !removed.empty() || numNew > 0;
     std::vector<int> corners;
     const TopoMesh::HalfEdge* edges = m_topo.getHalfEdges();
+    // A face's triangle goes back to its old slot (position, -1: none) unless that is taken;
+    // keeping the old corner order when it is the same rotation.
+    auto place = [&](MeshTriangle tri, int position)
+    {
+        if (position >= 0 && !isPlaced[std::size_t(position)])
+        {
+            const MeshTriangle& old = tris[m_triangles[std::size_t(position)]];
+            if (sameRotation(tri, old))
+                tri = old;
+            else
+                changed = true;
+            placed[std::size_t(position)] = tri;
+            isPlaced[std::size_t(position)] = 1;
+        }
+        else
+            extra.push_back(tri);
+    };
     constexpr int lookAhead = 16; // faces whose first half-edge is fetched ahead
     for (int f = 0, numFaceSlots = m_topo.getFaceCapacity(); f < numFaceSlots; ++f)
     {
@@ -486,21 +503,10 @@ void MeshModifyRep::merge(Remap& vertexRemap, int /*flags*/)
         if (edges[second].next == third && edges[third].next == first)
         {
             // A triangle, as nearly every face is: its corners straight off its half-edges.
-            MeshTriangle tri{{slotVertex[std::size_t(edges[first].vertex)],
-                              slotVertex[std::size_t(edges[second].vertex)],
-                              slotVertex[std::size_t(edges[third].vertex)]}};
-            if (position >= 0 && !isPlaced[std::size_t(position)])
-            {
-                const MeshTriangle& old = tris[m_triangles[std::size_t(position)]];
-                if (sameRotation(tri, old))
-                    tri = old;
-                else
-                    changed = true;
-                placed[std::size_t(position)] = tri;
-                isPlaced[std::size_t(position)] = 1;
-            }
-            else
-                extra.push_back(tri);
+            place(MeshTriangle{{slotVertex[std::size_t(edges[first].vertex)],
+                                slotVertex[std::size_t(edges[second].vertex)],
+                                slotVertex[std::size_t(edges[third].vertex)]}},
+                  position);
             continue;
         }
         corners.clear();
@@ -510,22 +516,9 @@ void MeshModifyRep::merge(Remap& vertexRemap, int /*flags*/)
             corners.push_back(slotVertex[std::size_t(edges[e].vertex)]);
             e = edges[e].next;
         } while (e != first);
+        // The fan's first triangle may take the face's slot; the others are extra.
         for (std::size_t k = 1; k + 1 < corners.size(); ++k)
-        {
-            MeshTriangle tri{{corners[0], corners[k], corners[k + 1]}};
-            if (k == 1 && position >= 0 && !isPlaced[std::size_t(position)])
-            {
-                const MeshTriangle& old = tris[m_triangles[std::size_t(position)]];
-                if (sameRotation(tri, old))
-                    tri = old;
-                else
-                    changed = true;
-                placed[std::size_t(position)] = tri;
-                isPlaced[std::size_t(position)] = 1;
-            }
-            else
-                extra.push_back(tri);
-        }
+            place(MeshTriangle{{corners[0], corners[k], corners[k + 1]}}, k == 1 ? position : -1);
     }
     // Extra triangles take the freed region slots first, in increasing order.
     std::size_t nextExtra = 0;
