@@ -795,7 +795,7 @@ int TopoMesh::fanValence(int v, bool& boundary) const
     }
 }
 
-bool TopoMesh::isNeighbourFrom(int /*a*/, int first, int b) const
+bool TopoMesh::isNeighbourFrom(int first, int b) const
 {
     if (first < 0)
         return false;
@@ -978,8 +978,8 @@ bool TopoMesh::swapEdge(TopoMeshEdge edge)
     {
         if (m_singleFans && m_fanStartsKnown)
         {
-            if (getVertexDegree(d) < getVertexDegree(c) ? isNeighbourFrom(d, t2, c)
-                                                        : isNeighbourFrom(c, e2, d))
+            if (getVertexDegree(d) < getVertexDegree(c) ? isNeighbourFrom(t2, c)
+                                                        : isNeighbourFrom(e2, d))
                 return false;
         }
         else if (isNeighbour(c, d))

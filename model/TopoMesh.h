@@ -479,10 +479,11 @@ public:
     /// True when b is at the far end of a spoke of a (in a's fan).
     bool isNeighbour(int a, int b) const
     {
-        return isNeighbourFrom(a, m_vertexEdge[std::size_t(a)], b);
+        return isNeighbourFrom(m_vertexEdge[std::size_t(a)], b);
     }
-    /// The same, walking a's fan from its leaving half-edge first (-1: a has none).
-    bool isNeighbourFrom(int a, int first, int b) const;
+    /// Whether the fan of a vertex, walked from its leaving half-edge `first` (-1: the vertex
+    /// has none), reaches b.
+    bool isNeighbourFrom(int first, int b) const;
 
     /// Gives every vertex a 64-bit mask with the bits (neighbourBit) of each vertex that
     /// shares a half-edge with it, and keeps the masks up as swapEdge and subdivideFace add

@@ -472,7 +472,7 @@ public:
     {
         const std::ptrdiff_t count = m_count;
         const std::unique_ptr<KeyItem[]> items = sortGroups();
-        m_groupKeys.reset();
+        freeKeys();
         // The group's highest vertex supplies the data; its entry then holds its new index.
         int* last = m_last.get();
         for (std::ptrdiff_t k = 0; k < count; ++k)
