@@ -114,6 +114,7 @@ private:
     int runPass(std::vector<int>& candidates, qyUtil::Progress& progress);
     int removeBatch(BitVector& batch, Remap& vertexRemap, bool& merged);
     bool removeOne(TopoMesh& topo, TopoMeshVertex v, int index);
+    const std::vector<Point>& holeTriangles(TopoMeshFace fill);
     static void undoSwaps(TopoMesh& topo, const std::vector<TopoMeshEdge>& swaps);
 
     // Scratch of the removals, kept across them so that they rarely allocate.
@@ -497,13 +498,26 @@ bool MeshReduceBase::removeOne(TopoMesh& topo, TopoMeshVertex v, int index)
             break;
     }
 
-    // 4. The triangles that replace the fan: the fill and the two sides of every new edge,
-    //    gathered only for an engine whose acceptRemoval reads them.
-    if (!m_readsHoles)
+    // 4. The triangles that replace the fan go to acceptRemoval, gathered only for an engine
+    //    that reads them.
+    if (!m_readsHoles || acceptRemoval(index, holeTriangles(fill)))
     {
         m_removed.push_back(point);
         return true;
     }
+
+    // 5. Refused: put everything back as it was.
+    undoSwaps(topo, m_swapsB);
+    const TopoMeshEdge first = topo.findEdge(u0, u1);
+    topo.subdivideFace(first.face(), point);
+    undoSwaps(topo, m_swapsA);
+    return false;
+}
+
+// The corners of the triangles that fill a removed vertex's hole: the fill and the two sides
+// of every edge that lowering the valence made, each face once.
+const std::vector<Point>& MeshReduceBase::holeTriangles(TopoMeshFace fill)
+{
     m_faces.clear();
     m_faces.push_back(fill);
     for (const TopoMeshEdge e : m_swapsA)
@@ -517,18 +531,7 @@ bool MeshReduceBase::removeOne(TopoMesh& topo, TopoMeshVertex v, int index)
         for (int k = 0; k < 3; ++k, e = e.next())
             m_holeTriangles.push_back(e.vertex().point());
     }
-    if (acceptRemoval(index, m_holeTriangles))
-    {
-        m_removed.push_back(point);
-        return true;
-    }
-
-    // 5. Refused: put everything back as it was.
-    undoSwaps(topo, m_swapsB);
-    const TopoMeshEdge first = topo.findEdge(u0, u1);
-    topo.subdivideFace(first.face(), point);
-    undoSwaps(topo, m_swapsA);
-    return false;
+    return m_holeTriangles;
 }
 
 /// Reduction to a share of the starting vertex count.
