@@ -202,6 +202,77 @@ template <int W> bool sameKey(const float* a, const float* b)
     return same;
 }
 
+// A group in the sort of a StreamGrouper: the sortable form of its primary key component (the
+// first that is not the same in every key), those of the two after it (0 past the end of the
+// key) as one number, the first in the high half, and its number. Only groups that tie in all
+// three words have their keys read again.
+struct KeyItem
+{
+    std::uint32_t word;
+    int index;
+    std::uint64_t next;
+};
+
+// Puts the smaller of next words a and b first, with their indices, without a branch.
+inline void exchange(std::uint64_t& na, std::uint64_t& nb, int& ia, int& ib)
+{
+    const bool swap = nb < na;
+    const std::uint64_t dn = (na ^ nb) & (std::uint64_t(0) - swap);
+    const int di = (ia ^ ib) & -int(swap);
+    na ^= dn;
+    nb ^= dn;
+    ia ^= di;
+    ib ^= di;
+}
+
+// Sorts a run of 2 to N items (N = 2, 4 or 8) that share their word by their next words, with
+// no branch on the data: a sorting network over the run padded with items after every other
+// (Batcher's odd-even merge sort for eight). Leaves the run as it was and returns false when
+// two of its items have the same next words (or the largest next words), whose order only the
+// keys decide.
+template <int N> bool sortRunByNext(KeyItem* run, int size)
+{
+    std::uint64_t n[N];
+    int x[N];
+    for (int t = 0; t < N; ++t)
+    {
+        n[t] = t < size ? run[t].next : ~std::uint64_t(0);
+        x[t] = t < size ? run[t].index : -1;
+    }
+    auto ce = [&](int a, int b) { exchange(n[a], n[b], x[a], x[b]); };
+    if constexpr (N == 2)
+        ce(0, 1);
+    else if constexpr (N == 4)
+    {
+        ce(0, 1), ce(2, 3);
+        ce(0, 2), ce(1, 3);
+        ce(1, 2);
+    }
+    else
+    {
+        static_assert(N == 8);
+        ce(0, 1), ce(2, 3), ce(4, 5), ce(6, 7);
+        ce(0, 2), ce(1, 3), ce(4, 6), ce(5, 7);
+        ce(1, 2), ce(5, 6);
+        ce(0, 4), ce(1, 5), ce(2, 6), ce(3, 7);
+        ce(2, 4), ce(3, 5);
+        ce(1, 2), ce(3, 4), ce(5, 6);
+    }
+    // A tie within the run, or with the padding after it.
+    bool tie = false;
+    for (int t = 0; t + 1 < N; ++t)
+        tie |= (t < size) & (n[t] == n[t + 1]);
+    if (tie)
+        return false;
+    for (int t = 0; t < N; ++t)
+        if (t < size)
+        {
+            run[t].index = x[t];
+            run[t].next = n[t];
+        }
+    return true;
+}
+
 // Sorts m items, given in increasing index order, by `less`, using `scratch` (m items); the
 // two arrays may come back swapped, the sorted items always in `items`. Keys
 // rarely tie in their primary component, so a stable radix sort on it (digits of `DigitBits`
@@ -210,10 +281,11 @@ template <int W> bool sameKey(const float* a, const float* b)
 // items carry the next key words, so most comparisons do not read the keys). Eleven-bit digits
 // take three passes; eight-bit ones take four, but their 256 buckets are written within the
 // first-level cache, which pays while the items are few.
-template <int DigitBits = 11, class Item, class Less>
-void sortItems(std::unique_ptr<Item[]>& itemsArray, std::unique_ptr<Item[]>& scratchArray,
+template <int DigitBits = 11, class Less>
+void sortItems(std::unique_ptr<KeyItem[]>& itemsArray, std::unique_ptr<KeyItem[]>& scratchArray,
                std::ptrdiff_t m, Less less)
 {
+    using Item = KeyItem;
     Item* items = itemsArray.get();
     Item* scratch = scratchArray.get();
     constexpr int numBuckets = 1 << DigitBits;
@@ -260,7 +332,15 @@ void sortItems(std::unique_ptr<Item[]>& itemsArray, std::unique_ptr<Item[]>& scr
         std::ptrdiff_t j = i + 1;
         while (j < m && items[j].word == items[i].word)
             ++j;
-        if (j - i > shortRun)
+        const std::ptrdiff_t size = j - i;
+        // Runs of up to eight (a position's mirror images share a coordinate) are sorted by
+        // their next words without branches on the data, unless two of them tie there.
+        const bool sorted = size == 1 || (size == 2 && sortRunByNext<2>(items + i, 2)) ||
+                            (size > 2 && size <= 4 && sortRunByNext<4>(items + i, int(size))) ||
+                            (size > 4 && size <= 8 && sortRunByNext<8>(items + i, int(size)));
+        if (sorted)
+            ;
+        else if (size > shortRun)
             std::sort(items + i, items + j, less);
         else
             for (std::ptrdiff_t k = i + 1; k < j; ++k)
@@ -275,16 +355,6 @@ void sortItems(std::unique_ptr<Item[]>& itemsArray, std::unique_ptr<Item[]>& scr
     }
 }
 
-// A group in the sort of a StreamGrouper: the sortable forms of its primary key component (the
-// first that is not the same in every key) and of the two after it (0 past the end of the
-// key), and its number. Only groups that tie in all three words have their keys read again.
-struct KeyItem
-{
-    std::uint32_t word;
-    std::uint32_t next[2];
-    int index;
-};
-
 template <class Order> struct KeyItemLess
 {
     Order order;
@@ -293,10 +363,8 @@ template <class Order> struct KeyItemLess
     {
         if (a.word != b.word)
             return a.word < b.word;
-        if (a.next[0] != b.next[0])
-            return a.next[0] < b.next[0];
-        if (a.next[1] != b.next[1])
-            return a.next[1] < b.next[1];
+        if (a.next != b.next)
+            return a.next < b.next;
         return order(a.index, b.index);
     }
 };
@@ -429,8 +497,9 @@ public:
                     const float* key = keys + W * g;
                     KeyItem& item = items[g];
                     item.word = orderKey(key[primary]);
-                    for (int t = 0; t < 2; ++t)
-                        item.next[t] = primary + 1 + t < W ? orderKey(key[primary + 1 + t]) : 0u;
+                    const std::uint32_t next0 = primary + 1 < W ? orderKey(key[primary + 1]) : 0u;
+                    const std::uint32_t next1 = primary + 2 < W ? orderKey(key[primary + 2]) : 0u;
+                    item.next = std::uint64_t(next0) << 32 | next1;
                     item.index = int(g);
                     differ |= item.word ^ first;
                 }
@@ -790,10 +859,8 @@ private:
             {
                 if (a.word != b.word)
                     return a.word < b.word ? -1 : 1;
-                if (a.next[0] != b.next[0])
-                    return a.next[0] < b.next[0] ? -1 : 1;
-                if (a.next[1] != b.next[1])
-                    return a.next[1] < b.next[1] ? -1 : 1;
+                if (a.next != b.next)
+                    return a.next < b.next ? -1 : 1;
                 if constexpr (W == 3)
                     return 0;
             }
@@ -811,7 +878,8 @@ private:
         {
             if constexpr (W == 3)
                 if (byWords)
-                    return a.word == ~0u || a.next[0] == ~0u || a.next[1] == ~0u;
+                    return a.word == ~0u || std::uint32_t(a.next >> 32) == ~0u ||
+                           std::uint32_t(a.next) == ~0u;
             return hasNaN<W>(lowKeys + std::ptrdiff_t(W) * a.index);
         }
 
