@@ -173,22 +173,63 @@ template <int W> bool hasNaN(const float* key)
     return nan;
 }
 
-// Hash of a NaN-free key that gives +0 and -0 the same value, as they are equal: one product
-// per component by a constant of its own, the products xor-ed. Tables take the top bits of the
-// hash, which every bit of every component reaches.
-template <int W> inline std::uint64_t hashKey(const float* key)
+// The bits of a key's floats with -0 made +0: two NaN-free keys are equal exactly when these
+// are. Returns whether the key holds a NaN.
+template <int W> inline bool keyBits(const float* key, std::uint32_t* bits)
+{
+    bool nan = false;
+    for (int k = 0; k < W; ++k)
+    {
+        const std::uint32_t b = std::bit_cast<std::uint32_t>(key[k]);
+        nan |= (b & 0x7FFFFFFFu) > 0x7F800000u;
+        bits[k] = (b << 1) == 0 ? 0 : b;
+    }
+    return nan;
+}
+
+// Hash of the bits of a NaN-free key (keyBits): one product per component by a constant of its
+// own, the products xor-ed. Tables take the top bits of the hash, which every bit of every
+// component reaches.
+template <int W> inline std::uint64_t hashBits(const std::uint32_t* bits)
 {
     static constexpr std::uint64_t mul[8] = {
         0x9E3779B97F4A7C15ull, 0xC2B2AE3D27D4EB4Full, 0x165667B19E3779F9ull, 0xD6E8FEB86659FD93ull,
         0xFF51AFD7ED558CCDull, 0xC4CEB9FE1A85EC53ull, 0x94D049BB133111EBull, 0xBF58476D1CE4E5B9ull};
     std::uint64_t h = 0;
     for (int k = 0; k < W; ++k)
-    {
-        std::uint32_t b = std::bit_cast<std::uint32_t>(key[k]);
-        b = (b << 1) == 0 ? 0 : b;
-        h ^= std::uint64_t(b) * mul[k];
-    }
+        h ^= std::uint64_t(bits[k]) * mul[k];
     return h;
+}
+
+// The same hash of a NaN-free key, which gives +0 and -0 the same value as they are equal.
+template <int W> inline std::uint64_t hashKey(const float* key)
+{
+    std::uint32_t bits[W];
+    keyBits<W>(key, bits);
+    return hashBits<W>(bits);
+}
+
+// Whether a NaN-free key's bits (keyBits) are those of a group's key, stored as such: eight
+// bytes at a time.
+template <int W> inline bool sameBits(const std::uint32_t* bits, const float* groupKey)
+{
+    std::uint64_t diff = 0;
+    for (int k = 0; k + 1 < W; k += 2)
+    {
+        // The key's half from registers: read from memory as one word, the two words just
+        // written would not be forwarded to the load.
+        const std::uint64_t a = bits[k] | std::uint64_t(bits[k + 1]) << 32;
+        std::uint64_t b;
+        std::memcpy(&b, groupKey + k, sizeof(b));
+        diff |= a ^ b;
+    }
+    if constexpr (W % 2 != 0)
+    {
+        std::uint32_t b;
+        std::memcpy(&b, groupKey + W - 1, sizeof(b));
+        diff |= bits[W - 1] ^ b;
+    }
+    return diff == 0;
 }
 
 // How many items ahead the hash-table loops ask for the memory they will read.
@@ -585,6 +626,8 @@ private:
             const int i = stream.vertex(j);
             float key[W];
             m_keys.load(i, key);
+            std::uint32_t bits[W];
+            const bool nan = keyBits<W>(key, bits);
             std::uint64_t hash;
             if constexpr (Prefetch)
             {
@@ -601,9 +644,9 @@ private:
                     hashes[j % ahead] = hashAhead(j + ahead);
             }
             else
-                hash = hashKey<W>(key);
+                hash = hashBits<W>(bits);
             int g = -1;
-            if (!hasNaN<W>(key))
+            if (!nan)
             {
                 for (std::size_t slot = hash >> shift;; slot = (slot + 1) & mask)
                 {
@@ -613,7 +656,7 @@ private:
                         table[slot] = count;
                         break;
                     }
-                    if (sameKey<W>(key, groupKeys + std::ptrdiff_t(W) * r))
+                    if (sameBits<W>(bits, groupKeys + std::ptrdiff_t(W) * r))
                     {
                         g = r;
                         break;
@@ -624,7 +667,8 @@ private:
             {
                 // A new group (a NaN key is one of its own, outside the table).
                 g = count++;
-                std::memcpy(groupKeys + std::ptrdiff_t(W) * g, key, sizeof(key));
+                for (int k = 0; k < W; ++k)
+                    groupKeys[std::ptrdiff_t(W) * g + k] = std::bit_cast<float>(bits[k]);
                 if (2 * std::size_t(count) > table.size())
                 {
                     grow();
