@@ -340,21 +340,28 @@ void sortItems(std::unique_ptr<KeyItem[]>& itemsArray, std::unique_ptr<KeyItem[]
         for (int d = 0; d < numDigits; ++d)
             ++counts[d][(w >> (d * DigitBits)) & digitMask];
     }
+    // A digit that is the same in every item needs no pass. The offsets of all digits are
+    // summed in one loop, as independent chains.
+    bool pass[numDigits];
+    for (int d = 0; d < numDigits; ++d)
+        pass[d] =
+            m > 1 && std::ptrdiff_t(counts[d][(items[0].word >> (d * DigitBits)) & digitMask]) != m;
+    std::uint32_t sums[numDigits] = {};
+    for (int b = 0; b < numBuckets; ++b)
+        for (int d = 0; d < numDigits; ++d)
+        {
+            const std::uint32_t c = counts[d][b];
+            counts[d][b] = sums[d];
+            sums[d] += c;
+        }
     Item* from = items;
     Item* to = scratch;
-    for (int digit = 0; digit < numDigits && m > 1; ++digit)
+    for (int digit = 0; digit < numDigits; ++digit)
     {
+        if (!pass[digit])
+            continue;
         std::uint32_t* offsets = counts[digit];
         const int shift = digit * DigitBits;
-        if (std::ptrdiff_t(offsets[(from[0].word >> shift) & digitMask]) == m)
-            continue;
-        std::uint32_t sum = 0;
-        for (int b = 0; b < numBuckets; ++b)
-        {
-            const std::uint32_t c = offsets[b];
-            offsets[b] = sum;
-            sum += c;
-        }
         for (std::ptrdiff_t i = 0; i < m; ++i)
             to[offsets[(from[i].word >> shift) & digitMask]++] = from[i];
         std::swap(from, to);
