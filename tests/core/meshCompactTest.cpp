@@ -589,6 +589,86 @@ TEST(MeshCompact, TheExactRouteWeldsSoupsAsTheSortAndScanDoesOnAnyThreadCount)
             }
 }
 
+TEST(MeshCompact, TheExactRouteOrdersKeysThatShareTheirFirstCoordinateAsTheSortAndScanDoes)
+{
+    // Runs of 1 to 11 positions that share x (one run of +0 and -0), whose y and z often tie
+    // within the run and hold +0, -0 or NaN; with normals and UVs, copies of a position differ
+    // in their normal or UV. Every key comes one to three times, in shuffled order. The group
+    // counts span the small and the large sort of the groups.
+    const float yz[] = {-1.0f, -0.0f, 0.0f, 0.25f, 0.25f, qnan, 3.0f};
+    CallerChecker sortAndScan;
+    for (int numRuns : {3, 40, 2000})
+        for (bool attributes : {false, true})
+        {
+            SCOPED_TRACE(testing::Message() << numRuns << " runs, attributes " << attributes);
+            std::mt19937 rng(unsigned(numRuns + attributes));
+            std::vector<float> xyz, nrm, uv;
+            for (int r = 0; r < numRuns; ++r)
+            {
+                const float x = r % 13 == 3 ? -0.0f : 0.5f * float(r % 29) - 7.0f;
+                for (int k = 0; k <= r % 11; ++k)
+                {
+                    const float p[3] = {x, yz[rng() % 7], yz[rng() % 7]};
+                    const unsigned copies = 1 + rng() % 3;
+                    for (unsigned c = 0; c < copies; ++c)
+                    {
+                        xyz.insert(xyz.end(), p, p + 3);
+                        // The second copy differs from the first in signed zeros only.
+                        const float n[3] = {0.0f, c == 1 ? -0.0f : 0.0f,
+                                            c == 2 && k % 2 ? -1.0f : 1.0f};
+                        nrm.insert(nrm.end(), n, n + 3);
+                        uv.push_back(k % 3 == 0 ? 0.5f : -0.0f);
+                        uv.push_back(k % 7 == 6 ? qnan : c == 1 ? -0.0f : 0.0f);
+                    }
+                }
+            }
+            const int n = int(xyz.size() / 3);
+            std::vector<int> order(std::size_t(n), 0);
+            for (int i = 0; i < n; ++i)
+                order[std::size_t(i)] = i;
+            std::shuffle(order.begin(), order.end(), rng);
+            std::vector<float> xyz2, nrm2, uv2;
+            for (int i : order)
+            {
+                xyz2.insert(xyz2.end(), &xyz[3 * std::size_t(i)], &xyz[3 * std::size_t(i)] + 3);
+                nrm2.insert(nrm2.end(), &nrm[3 * std::size_t(i)], &nrm[3 * std::size_t(i)] + 3);
+                uv2.insert(uv2.end(), &uv[2 * std::size_t(i)], &uv[2 * std::size_t(i)] + 2);
+            }
+            CompactMesh before(
+                n, reinterpret_cast<const qyGeom::MeshVertex*>(xyz2.data()),
+                attributes ? reinterpret_cast<const qyGeom::MeshNormal*>(nrm2.data()) : nullptr,
+                attributes ? reinterpret_cast<const qyGeom::MeshUV*>(uv2.data()) : nullptr);
+            before.setNormalsComputed(false);
+            std::vector<int> corners(std::size_t(n / 3 * 3));
+            for (std::size_t k = 0; k < corners.size(); ++k)
+                corners[k] = int(k);
+            before.copyTriangles(n / 3, corners.data());
+
+            CompactMesh reference = before;
+            Remap expected;
+            {
+                qyTest::ScopedThreadCount scope(1);
+                expected = weld(reference, &sortAndScan);
+            }
+            expectWeld(before, reference, expected);
+            ASSERT_FALSE(expected.isSequential());
+            const int size = reference.getNumVertices();
+            for (int threads : {1, 3})
+            {
+                qyTest::ScopedThreadCount scope(threads);
+                CompactMesh mesh = before;
+                const Remap remap = weld(mesh);
+                ASSERT_EQ(mesh.getNumVertices(), size) << threads;
+                EXPECT_EQ(entries(remap), entries(expected)) << threads;
+                EXPECT_TRUE(sameBits(mesh.getVerticesRaw(), reference.getVerticesRaw(), 3 * size));
+                EXPECT_TRUE(sameBits(mesh.getNormalsRaw(), reference.getNormalsRaw(), 3 * size));
+                EXPECT_TRUE(sameBits(mesh.getUVsRaw(), reference.getUVsRaw(), 2 * size));
+                EXPECT_EQ(values(mesh.getTrianglesRaw(), n / 3 * 3),
+                          values(reference.getTrianglesRaw(), n / 3 * 3));
+            }
+        }
+}
+
 TEST(MeshCompact, TwoTasksFindAPairThatStraddlesTheHalvesOfALargeMeshOfDistinctVertices)
 {
     // Large enough for two tasks, every position distinct: either nothing is welded, or only
