@@ -318,8 +318,10 @@ template <int N> bool sortRunByNext(KeyItem* run, int size)
 // two arrays may come back swapped, the sorted items always in `items`. Keys
 // rarely tie in their primary component, so a stable radix sort on it (digits of `DigitBits`
 // bits from the lowest; a digit that is the same in every item is skipped) leaves only short
-// runs of equal words, each then sorted by the full order, by insertion while it is short (the
-// items carry the next key words, so most comparisons do not read the keys). Eleven-bit digits
+// runs of equal words, each then sorted by the full order: up to eight by a sorting network on
+// the next key words that the items carry (a mirror-symmetric mesh has runs of two, four or
+// eight, whose order a branch would mispredict half the time), longer ones by insertion while
+// they are short, and only ties in the next words read the keys. Eleven-bit digits
 // take three passes; eight-bit ones take four, but their 256 buckets are written within the
 // first-level cache, which pays while the items are few.
 template <int DigitBits = 11, class Less>
@@ -453,10 +455,10 @@ struct RangeStream
 
 // Groups vertices by identical keys, numbering the groups in the order of their first vertex
 // (the vertices must come in increasing index order), and keeps each group's key in a dense
-// array and its highest vertex index. The groups are then sorted by key and given their new
-// indices. The table and every key read while grouping sit in small dense arrays, not spread
-// over the vertex array. A key with a NaN is equal to nothing: its vertex is a group of its
-// own and is not entered in the table.
+// array (as its first vertex's key with -0 made +0) and its highest vertex index. The groups are
+// then sorted by key and given their new indices. The table and every key read while grouping sit
+// in small dense arrays, not spread over the vertex array. A key with a NaN is equal to nothing:
+// its vertex is a group of its own and is not entered in the table.
 template <int W> class StreamGrouper
 {
     // Below this many groups the sort takes eight-bit digits.
