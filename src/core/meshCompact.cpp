@@ -635,8 +635,11 @@ private:
             const int i = stream.vertex(j);
             float key[W];
             m_keys.load(i, key);
+            // Where the table and keys are fetched ahead, the lookup waits on memory less than
+            // on its own instructions, and the floats are compared as they are; the bits of
+            // the key are made only for a new group.
             std::uint32_t bits[W];
-            const bool nan = keyBits<W>(key, bits);
+            const bool nan = Prefetch ? hasNaN<W>(key) : keyBits<W>(key, bits);
             std::uint64_t hash;
             if constexpr (Prefetch)
             {
@@ -666,7 +669,8 @@ private:
                         table[slot] = count;
                         break;
                     }
-                    if (sameBits<W>(bits, groupKeys + std::ptrdiff_t(W) * r))
+                    const float* groupKey = groupKeys + std::ptrdiff_t(W) * r;
+                    if (Prefetch ? sameKey<W>(key, groupKey) : sameBits<W>(bits, groupKey))
                     {
                         g = r;
                         break;
@@ -677,6 +681,8 @@ private:
             {
                 // A new group (a NaN key is one of its own, outside the table).
                 g = count++;
+                if constexpr (Prefetch)
+                    keyBits<W>(key, bits);
                 for (int k = 0; k < W; ++k)
                     groupKeys[std::ptrdiff_t(W) * g + k] = std::bit_cast<float>(bits[k]);
                 if (2 * std::size_t(count) > table.size())
