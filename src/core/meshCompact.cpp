@@ -646,12 +646,12 @@ private:
                 hash = hashes[j % ahead];
                 // Half way, the slot fetched for a vertex is there to be read: the key of the
                 // group that it names (the one that vertex most likely joins) is fetched too.
-                // An empty slot fetches the row before the keys, harmlessly: a test would be
-                // mispredicted for most new groups.
+                // An empty slot fetches row 0, harmlessly: a test would be mispredicted for most
+                // new groups.
                 if (j + ahead / 2 < m)
                 {
                     const int r = table[hashes[(j + ahead / 2) % ahead] >> shift];
-                    __builtin_prefetch(groupKeys + std::ptrdiff_t(W) * r);
+                    __builtin_prefetch(groupKeys + std::ptrdiff_t(W) * std::max(r, 0));
                 }
                 if (j + ahead < m)
                     hashes[j % ahead] = hashAhead(j + ahead);
