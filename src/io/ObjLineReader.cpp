@@ -8,6 +8,9 @@
 #include <cstring>
 #include <new>
 #include <sys/mman.h>
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 
 #include "base/StopWatch.h"
 #include "base/ThreadPool.h"
@@ -29,6 +32,25 @@ bool startsWith(const char* p, const char* end, const char* word, std::size_t n)
 bool isFaceBlank(char c)
 {
     return c == ' ' || c == '\t' || c == '\r';
+}
+
+/// Bit i set when the byte p[i] is not above ' ' (0x00 to 0x20), for i from 0 to 31.
+inline std::uint32_t lowBytes32(const char* p)
+{
+#if defined(__SSE2__)
+    const __m128i blank = _mm_set1_epi8(0x20);
+    const __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
+    const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 16));
+    // A byte is not above ' ' when the unsigned minimum of it and ' ' is the byte itself.
+    const auto la = std::uint32_t(_mm_movemask_epi8(_mm_cmpeq_epi8(_mm_min_epu8(a, blank), a)));
+    const auto lb = std::uint32_t(_mm_movemask_epi8(_mm_cmpeq_epi8(_mm_min_epu8(b, blank), b)));
+    return la | lb << 16;
+#else
+    std::uint32_t mask = 0;
+    for (int i = 0; i < 32; ++i)
+        mask |= std::uint32_t(static_cast<unsigned char>(p[i]) <= 0x20) << i;
+    return mask;
+#endif
 }
 
 /// The end of the corner at q: the first face blank at or after q, or `end`. Eight bytes are
@@ -236,8 +258,33 @@ bool ObjLineReader::readMemory(const char* data, unsigned int length)
 bool ObjLineReader::parseLines(const char* p, const char* end, bool last, bool limitLines)
 {
     m_readable = end;
+    // Each block starts by taking the face lines to have corners with a '/', and goes on
+    // without that from the first face line whose first corner is a plain index.
+    bool slashes = true;
+    const bool stopped = parseLineRun<true>(p, end, last, limitLines, slashes);
+    return slashes ? stopped : parseLineRun<false>(p, end, last, limitLines, slashes);
+}
+
+template <bool SlashFaces>
+bool ObjLineReader::parseLineRun(const char*& p, const char* end, bool last, bool limitLines,
+                                 bool& slashes)
+{
     while (p < end)
     {
+        // The face lines with a '/' in their corners are parsed without looking for their
+        // '\n' first: the parser stops at it and says where it is. A line that it cannot
+        // finish takes the general way below, from its start.
+        if (SlashFaces && *p == 'f' && end - p >= 2 && p[1] == ' ' && !m_firstLine)
+        {
+            const char* parsed = parseFaceLine(p, end, slashes);
+            if (parsed)
+            {
+                p = parsed + 1;
+                continue;
+            }
+            if (!slashes)
+                return false;
+        }
         const char* nl = static_cast<const char*>(std::memchr(p, '\n', std::size_t(end - p)));
         if (!nl && !last)
             return false;
@@ -276,7 +323,10 @@ bool ObjLineReader::parseLines(const char* p, const char* end, bool last, bool l
             parseLine(p, lineEnd);
         }
         if (!nl)
+        {
+            p = end;
             return false;
+        }
         p = nl + 1;
     }
     return false;
@@ -595,6 +645,74 @@ inline void ObjLineReader::readNumbers(const char* p, const char* end, int count
     }
 }
 
+const char* ObjLineReader::parseFaceLine(const char* line, const char* end, bool& slashes)
+{
+    // The corners are written in place and kept only when the line makes a face; a line of
+    // more corners takes the general way.
+    constexpr std::size_t maxCorners = 64;
+    int* const pos = m_cornerPos.extend(maxCorners);
+    const bool keepTex = m_keepTexCoords;
+    int* const texOut = keepTex ? m_cornerTex.extend(maxCorners) : nullptr;
+    int tex = -1;
+    int lo = 0x7fffffff, hi = -1, texHi = -1;
+    const char* p = line + 2;
+    std::size_t n = 0;
+    for (;; ++n)
+    {
+        while (p < end && isFaceBlank(*p))
+            ++p;
+        if (p == end)
+            return nullptr;
+        if (*p == '\n')
+            break;
+        // A corner ends at its first byte not above ' ', found at once among the 32 bytes
+        // from its start: the next corner's start does not wait for the parse of this one.
+        // Only corners of one to nine digits, each part followed by a '/' or the corner's
+        // end, and whose end is a face blank or the line's '\n', are read here.
+        if (n == maxCorners || m_readable - p < 32)
+            return nullptr;
+        const std::uint32_t low = lowBytes32(p);
+        if (low == 0)
+            return nullptr;
+        const char* const e = p + std::countr_zero(low);
+        if (!isFaceBlank(*e) && *e != '\n')
+            return nullptr;
+        std::uint64_t value;
+        const char* const q = detail::scanDigits(p, e, m_readable, value);
+        if (std::size_t(q - p) - 1 >= 9 || (q != e && *q != '/'))
+            return nullptr;
+        if (q == e && n == 0)
+        {
+            // Corners of plain indices end where their digits do: parseFace finds that
+            // sooner. The lines after this one go there too.
+            slashes = false;
+            return nullptr;
+        }
+        if (keepTex && q != e)
+        {
+            std::uint64_t texValue;
+            const char* t = detail::scanDigits(q + 1, e, m_readable, texValue);
+            if (std::size_t(t - q - 1) - 1 >= 9 || (t != e && *t != '/'))
+                return nullptr;
+            tex = int(texValue) - 1;
+            texHi = std::max(texHi, tex);
+        }
+        const int v = int(value) - 1;
+        pos[n] = v;
+        lo = std::min(lo, v);
+        hi = std::max(hi, v);
+        if (keepTex)
+            texOut[n] = tex;
+        p = e;
+    }
+    const std::size_t length = std::size_t(p - line);
+    if (length >= std::size_t(LineBufferSize))
+        return nullptr;
+    m_lineBytes[KindAll] += length;
+    addFace(pos, n, lo, hi, texHi);
+    return p;
+}
+
 void ObjLineReader::parseLine(const char* p, const char* end)
 {
     if (m_firstLine)
@@ -770,6 +888,11 @@ void ObjLineReader::parseFace(const char* p, const char* end)
         p = q;
     }
     m_sawRelativeIndex |= m_laterPiece && relative;
+    addFace(pos, n, lo, hi, texHi);
+}
+
+inline void ObjLineReader::addFace(const int* pos, std::size_t n, int lo, int hi, int texHi)
+{
     if (n < 3 || m_cornerPos.size() + n > std::size_t(0x7fffffff))
         return;
     m_cornerPos.resize(m_cornerPos.size() + n);

@@ -226,6 +226,10 @@ private:
     /// with `limitLines` a line of LineBufferSize bytes or more is cut to LineBufferSize - 1
     /// and ends the reading (true is returned then).
     bool parseLines(const char* p, const char* end, bool last, bool limitLines);
+    /// The line loop of parseLines from p on. With SlashFaces it returns at a face line whose
+    /// first corner is a plain index, with `slashes` cleared and p at that line.
+    template <bool SlashFaces>
+    bool parseLineRun(const char*& p, const char* end, bool last, bool limitLines, bool& slashes);
     /// Parses one line (without its '\n').
     void parseLine(const char* p, const char* end);
     /// Parses a regular file in pieces on the thread pool and keeps the pieces' results, in
@@ -256,6 +260,15 @@ private:
     /// One number in comma-decimal mode.
     const char* readCommaNumber(const char* p, const char* end, float& out);
     void parseFace(const char* p, const char* end);
+    /// Parses a face line whose corners have a '/', which starts at `line` with "f ", up to
+    /// the '\n' that ends it and returns where that is; nullptr, with nothing kept, for a
+    /// line that the general way of the line loop must parse (its text up to `end` may have
+    /// been read). A line whose first corner is a plain index sets `slashes` to false.
+    const char* parseFaceLine(const char* line, const char* end, bool& slashes);
+    /// Keeps the n corners written at the end of the corner arrays as a face when they make
+    /// one (at least 3 corners); lo and hi bound their position indices, texHi their texture
+    /// indices.
+    void addFace(const int* pos, std::size_t n, int lo, int hi, int texHi);
     void useMaterial(const char* p, const char* end);
     /// True when every face read names positions below numPositions only and no triangle
     /// repeats a corner: validation would keep every face as it is.

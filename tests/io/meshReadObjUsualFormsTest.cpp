@@ -1,6 +1,7 @@
 // The forgiving OBJ reader on the usual forms of numbers and face corners, at the limits of
 // their short conversions: every value must still be what strtod and atoi give.
 #include <clocale>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <random>
@@ -133,4 +134,67 @@ TEST(MeshReadObjUsualForms, CornersOfEveryLengthAndPlaceReadAsAtoi)
     ASSERT_TRUE(r.ok);
     ASSERT_EQ(r.uvs.size(), 1u);
     EXPECT_TRUE(r.uvs.front().empty());
+}
+
+TEST(MeshReadObjUsualForms, SlashCornersReadTheSameWhereverTheTextEnds)
+{
+    // Face lines of corners with a '/' are parsed up to their line end without a search for
+    // it first, looking up to 32 bytes ahead of each corner; within 32 bytes of the end of
+    // the text read (a file's block of 1 MiB and a line buffer, a small file, a memory block)
+    // they take the general way. The face lines here end at every place around those ends,
+    // in every corner form, with blanks, tabs and CRLF line ends.
+    std::mt19937 rng(11);
+    constexpr int numVerts = 3000;
+    std::string head;
+    for (int i = 0; i < numVerts; ++i)
+        head += "v " + std::to_string(i) + " 0 0\n";
+    head += "vt 0 0\nvn 0 0 1\n";
+    const char* const forms[] = {"%d/1/1", "%d//1", "%d/1", "%d", "%d/1/1"};
+    const char* const blanks[] = {" ", " ", " ", "\t", "  "};
+    auto faceLine = [&](std::vector<int>& expected)
+    {
+        const int a = 1 + int(rng() % (numVerts - 2));
+        const int corners[3] = {a, a + 1, a + 2};
+        const char* form = forms[rng() % 5];
+        // (A tab right after the keyword would make the line no face line.)
+        std::string line = "f";
+        for (int c : corners)
+        {
+            char corner[32];
+            std::snprintf(corner, sizeof corner, form, c);
+            line += line.size() == 1 ? " " : blanks[rng() % 5];
+            line += corner;
+            expected.push_back(c - 1);
+        }
+        return line;
+    };
+    CompactMesh mesh;
+    for (int pad = 0; pad < 40; ++pad)
+        for (const char* lineEnd : {"\n", "\r\n", ""})
+        {
+            SCOPED_TRACE(std::to_string(pad) + (*lineEnd ? " with a last line end" : ""));
+            std::vector<int> expected;
+            std::string text = head;
+            for (int i = 0; i < 4; ++i)
+                text += faceLine(expected) + "\n";
+            text += faceLine(expected) + std::string(std::size_t(pad), ' ') + lineEnd;
+            ASSERT_TRUE(meshReadObj(mesh, qyOS::Filename(writeFile("end.obj", text))));
+            EXPECT_EQ(triangles(mesh), expected);
+            // A memory block reads its last line only when a line end follows it.
+            const MemoryRead r = readMemory(text);
+            ASSERT_TRUE(r.ok);
+            if (!*lineEnd)
+                expected.resize(expected.size() - 3);
+            EXPECT_EQ(triangles(r.mesh), expected);
+        }
+    for (int pad = 0; pad < 8; ++pad)
+    {
+        SCOPED_TRACE("block end " + std::to_string(pad));
+        std::vector<int> expected;
+        std::string text = "# " + std::string(std::size_t(pad) * 5, 'x') + "\n" + head;
+        while (text.size() < (std::size_t(1) << 20) + 16384 + 4096)
+            text += faceLine(expected) + (rng() % 8 == 0 ? "\r\n" : "\n");
+        ASSERT_TRUE(meshReadObj(mesh, qyOS::Filename(writeFile("block.obj", text))));
+        EXPECT_EQ(triangles(mesh), expected);
+    }
 }
