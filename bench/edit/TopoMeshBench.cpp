@@ -20,6 +20,7 @@
 #include "qyGeom/meshAdjacency.h"
 #include "qyGeom/meshDuplicateTris.h"
 #include "testMeshes.h"
+#include "topoBuild.h"
 
 namespace
 {
@@ -32,27 +33,12 @@ const CompactMesh& uvSphere()
     return mesh;
 }
 
-// Vertices, then faces over the raw triangle indices, then twins: what a reader does.
-void buildTopo(const CompactMesh& mesh, TopoMesh& topo)
-{
-    const int numVerts = mesh.getNumVertices(), numTris = mesh.getNumTriangles();
-    topo.clear();
-    topo.reserve(numVerts, 3 * numTris, numTris);
-    const float* xyz = mesh.getVerticesRaw();
-    for (int v = 0; v < numVerts; ++v)
-        topo.allocVertex(xyz[3 * v], xyz[3 * v + 1], xyz[3 * v + 2]);
-    const int* tris = mesh.getTrianglesRaw();
-    for (int t = 0; t < numTris; ++t)
-        topo.allocFace(3, tris + 3 * std::ptrdiff_t(t));
-    topo.meshTwin();
-}
-
 const TopoMesh& sphereTopo()
 {
     static const TopoMesh topo = []
     {
         TopoMesh m;
-        buildTopo(uvSphere(), m);
+        qyBench::buildTopo(uvSphere(), m);
         return m;
     }();
     return topo;
@@ -102,13 +88,13 @@ void BM_TopoMeshBuild(benchmark::State& state)
         [&]
         {
             TopoMesh topo;
-            buildTopo(mesh, topo);
+            qyBench::buildTopo(mesh, topo);
         });
     std::size_t bytes = 0;
     for (auto _ : state)
     {
         TopoMesh topo;
-        buildTopo(mesh, topo);
+        qyBench::buildTopo(mesh, topo);
         bytes = topo.getSizeInBytes();
         benchmark::DoNotOptimize(topo.getHalfEdges());
     }
@@ -121,7 +107,7 @@ void BM_TopoMeshTwinOnly(benchmark::State& state)
 {
     const CompactMesh& mesh = uvSphere();
     TopoMesh topo;
-    buildTopo(mesh, topo);
+    qyBench::buildTopo(mesh, topo);
     for (auto _ : state)
     {
         state.PauseTiming();
