@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdint>
 #include <cstring>
 #include <limits>
 #include <map>
@@ -659,6 +660,78 @@ TEST(MeshCompact, TheExactRouteOrdersKeysThatShareTheirFirstCoordinateAsTheSortA
                 CompactMesh mesh = before;
                 const Remap remap = weld(mesh);
                 ASSERT_EQ(mesh.getNumVertices(), size) << threads;
+                EXPECT_EQ(entries(remap), entries(expected)) << threads;
+                EXPECT_TRUE(sameBits(mesh.getVerticesRaw(), reference.getVerticesRaw(), 3 * size));
+                EXPECT_TRUE(sameBits(mesh.getNormalsRaw(), reference.getNormalsRaw(), 3 * size));
+                EXPECT_TRUE(sameBits(mesh.getUVsRaw(), reference.getUVsRaw(), 2 * size));
+                EXPECT_EQ(values(mesh.getTrianglesRaw(), n / 3 * 3),
+                          values(reference.getTrianglesRaw(), n / 3 * 3));
+            }
+        }
+}
+
+TEST(MeshCompact, TheExactRouteWeldsAsTheSortAndScanDoesAroundItsSmallInputLimits)
+{
+    // Vertex counts on both sides of 4,096 (below it the grouping's arrays share one block)
+    // and group counts on both sides of 1,024 (below it the groups' items share one block with
+    // the sort's scratch), and few groups among many vertices, so the table grows or not. Keys
+    // tie in x or differ in its last bits, hold +0 and -0 (which weld) and NaN (which never
+    // does); with attributes, copies of a key differ in a signed zero of the normal or in a UV.
+    struct Size
+    {
+        int vertices, groups;
+    } sizes[] = {{300, 40},    {1023, 1023}, {1024, 1024}, {2047, 1025}, {3000, 1023}, {4095, 1024},
+                 {4095, 2100}, {4096, 1023}, {4096, 4096}, {4097, 1025}, {5000, 900}};
+    CallerChecker sortAndScan;
+    for (const Size& sz : sizes)
+        for (bool attributes : {false, true})
+        {
+            SCOPED_TRACE(testing::Message() << sz.vertices << " vertices, " << sz.groups
+                                            << " keys, attributes " << attributes);
+            const int n = sz.vertices;
+            std::vector<float> xyz, nrm, uv;
+            for (int i = 0; i < n; ++i)
+            {
+                const int k = int((std::int64_t(i) * 7919) % sz.groups);
+                const bool flip = (i / sz.groups) % 2 == 1;
+                const float zero = flip ? -0.0f : 0.0f;
+                // x a few units in the last place apart, on both sides of 0, so that keys
+                // differ in the low bits of x alone.
+                const float x = (1.0f + float(k % 37) * 0x1p-23f) * (k % 2 ? -1.0f : 1.0f);
+                xyz.push_back(k % 29 == 5 ? zero : x);
+                xyz.push_back(k % 5 == 0 ? zero : float(k / 37));
+                xyz.push_back(k % 101 == 7 ? qnan : k % 3 == 0 ? zero : 0.25f * float(k % 7));
+                nrm.push_back(0.0f);
+                nrm.push_back(k % 4 == 1 ? zero : 1.0f);
+                nrm.push_back(0.0f);
+                uv.push_back(k % 9 == 2 && flip ? 0.5f : 0.0f);
+                uv.push_back(zero);
+            }
+            CompactMesh before(
+                n, reinterpret_cast<const qyGeom::MeshVertex*>(xyz.data()),
+                attributes ? reinterpret_cast<const qyGeom::MeshNormal*>(nrm.data()) : nullptr,
+                attributes ? reinterpret_cast<const qyGeom::MeshUV*>(uv.data()) : nullptr);
+            before.setNormalsComputed(false);
+            std::vector<int> corners(std::size_t(n / 3 * 3));
+            for (std::size_t k = 0; k < corners.size(); ++k)
+                corners[k] = int(corners.size() - 1 - k);
+            before.copyTriangles(n / 3, corners.data());
+
+            CompactMesh reference = before;
+            Remap expected;
+            {
+                qyTest::ScopedThreadCount scope(1);
+                expected = weld(reference, &sortAndScan);
+            }
+            expectWeld(before, reference, expected);
+            const int size = reference.getNumVertices();
+            for (int threads : {1, 3})
+            {
+                qyTest::ScopedThreadCount scope(threads);
+                CompactMesh mesh = before;
+                const Remap remap = weld(mesh);
+                ASSERT_EQ(mesh.getNumVertices(), size) << threads;
+                ASSERT_EQ(remap.isSequential(), expected.isSequential()) << threads;
                 EXPECT_EQ(entries(remap), entries(expected)) << threads;
                 EXPECT_TRUE(sameBits(mesh.getVerticesRaw(), reference.getVerticesRaw(), 3 * size));
                 EXPECT_TRUE(sameBits(mesh.getNormalsRaw(), reference.getNormalsRaw(), 3 * size));
