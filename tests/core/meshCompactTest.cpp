@@ -590,6 +590,57 @@ TEST(MeshCompact, TheExactRouteWeldsSoupsAsTheSortAndScanDoesOnAnyThreadCount)
             }
 }
 
+namespace
+{
+
+// Welds `before` by the exact route on 1 and 3 threads and expects what the sort and scan gave:
+// the mesh `reference` and the remap `expected`, bit for bit.
+void expectExactWeldOnThreads(const CompactMesh& before, const CompactMesh& reference,
+                              const Remap& expected)
+{
+    const int size = reference.getNumVertices();
+    const int corners = 3 * before.getNumTriangles();
+    for (int threads : {1, 3})
+    {
+        qyTest::ScopedThreadCount scope(threads);
+        CompactMesh mesh = before;
+        const Remap remap = weld(mesh);
+        ASSERT_EQ(mesh.getNumVertices(), size) << threads;
+        ASSERT_EQ(remap.isSequential(), expected.isSequential()) << threads;
+        EXPECT_EQ(entries(remap), entries(expected)) << threads;
+        EXPECT_TRUE(sameBits(mesh.getVerticesRaw(), reference.getVerticesRaw(), 3 * size));
+        EXPECT_TRUE(sameBits(mesh.getNormalsRaw(), reference.getNormalsRaw(), 3 * size));
+        EXPECT_TRUE(sameBits(mesh.getUVsRaw(), reference.getUVsRaw(), 2 * size));
+        EXPECT_EQ(values(mesh.getTrianglesRaw(), corners),
+                  values(reference.getTrianglesRaw(), corners));
+    }
+}
+
+// Welds the mesh of n vertices (normals and UVs where given) and the triangles over `corners` by
+// the sort and scan (a caller's checker) and by the exact route on 1 and 3 threads, expects the
+// same result bit for bit and returns the remap.
+Remap expectExactWeldAsSortAndScan(const float* xyz, const float* nrm, const float* uv, int n,
+                                   const std::vector<int>& corners)
+{
+    CompactMesh before(n, reinterpret_cast<const qyGeom::MeshVertex*>(xyz),
+                       reinterpret_cast<const qyGeom::MeshNormal*>(nrm),
+                       reinterpret_cast<const qyGeom::MeshUV*>(uv));
+    before.setNormalsComputed(false);
+    before.copyTriangles(int(corners.size() / 3), corners.data());
+    CompactMesh reference = before;
+    Remap expected;
+    {
+        qyTest::ScopedThreadCount scope(1);
+        CallerChecker sortAndScan;
+        expected = weld(reference, &sortAndScan);
+    }
+    expectWeld(before, reference, expected);
+    expectExactWeldOnThreads(before, reference, expected);
+    return expected;
+}
+
+} // namespace
+
 TEST(MeshCompact, TheExactRouteOrdersKeysThatShareTheirFirstCoordinateAsTheSortAndScanDoes)
 {
     // Runs of 1 to 11 positions that share x (one run of +0 and -0), whose y and z often tie
@@ -597,7 +648,6 @@ TEST(MeshCompact, TheExactRouteOrdersKeysThatShareTheirFirstCoordinateAsTheSortA
     // in their normal or UV. Every key comes one to three times, in shuffled order. The group
     // counts span the small and the large sort of the groups.
     const float yz[] = {-1.0f, -0.0f, 0.0f, 0.25f, 0.25f, qnan, 3.0f};
-    CallerChecker sortAndScan;
     for (int numRuns : {3, 40, 2000})
         for (bool attributes : {false, true})
         {
@@ -635,38 +685,13 @@ TEST(MeshCompact, TheExactRouteOrdersKeysThatShareTheirFirstCoordinateAsTheSortA
                 nrm2.insert(nrm2.end(), &nrm[3 * std::size_t(i)], &nrm[3 * std::size_t(i)] + 3);
                 uv2.insert(uv2.end(), &uv[2 * std::size_t(i)], &uv[2 * std::size_t(i)] + 2);
             }
-            CompactMesh before(
-                n, reinterpret_cast<const qyGeom::MeshVertex*>(xyz2.data()),
-                attributes ? reinterpret_cast<const qyGeom::MeshNormal*>(nrm2.data()) : nullptr,
-                attributes ? reinterpret_cast<const qyGeom::MeshUV*>(uv2.data()) : nullptr);
-            before.setNormalsComputed(false);
             std::vector<int> corners(std::size_t(n / 3 * 3));
             for (std::size_t k = 0; k < corners.size(); ++k)
                 corners[k] = int(k);
-            before.copyTriangles(n / 3, corners.data());
-
-            CompactMesh reference = before;
-            Remap expected;
-            {
-                qyTest::ScopedThreadCount scope(1);
-                expected = weld(reference, &sortAndScan);
-            }
-            expectWeld(before, reference, expected);
-            ASSERT_FALSE(expected.isSequential());
-            const int size = reference.getNumVertices();
-            for (int threads : {1, 3})
-            {
-                qyTest::ScopedThreadCount scope(threads);
-                CompactMesh mesh = before;
-                const Remap remap = weld(mesh);
-                ASSERT_EQ(mesh.getNumVertices(), size) << threads;
-                EXPECT_EQ(entries(remap), entries(expected)) << threads;
-                EXPECT_TRUE(sameBits(mesh.getVerticesRaw(), reference.getVerticesRaw(), 3 * size));
-                EXPECT_TRUE(sameBits(mesh.getNormalsRaw(), reference.getNormalsRaw(), 3 * size));
-                EXPECT_TRUE(sameBits(mesh.getUVsRaw(), reference.getUVsRaw(), 2 * size));
-                EXPECT_EQ(values(mesh.getTrianglesRaw(), n / 3 * 3),
-                          values(reference.getTrianglesRaw(), n / 3 * 3));
-            }
+            const Remap expected =
+                expectExactWeldAsSortAndScan(xyz2.data(), attributes ? nrm2.data() : nullptr,
+                                             attributes ? uv2.data() : nullptr, n, corners);
+            EXPECT_FALSE(expected.isSequential());
         }
 }
 
@@ -682,7 +707,6 @@ TEST(MeshCompact, TheExactRouteWeldsAsTheSortAndScanDoesAroundItsSmallInputLimit
         int vertices, groups;
     } sizes[] = {{300, 40},    {1023, 1023}, {1024, 1024}, {2047, 1025}, {3000, 1023}, {4095, 1024},
                  {4095, 2100}, {4096, 1023}, {4096, 4096}, {4097, 1025}, {5000, 900}};
-    CallerChecker sortAndScan;
     for (const Size& sz : sizes)
         for (bool attributes : {false, true})
         {
@@ -707,38 +731,11 @@ TEST(MeshCompact, TheExactRouteWeldsAsTheSortAndScanDoesAroundItsSmallInputLimit
                 uv.push_back(k % 9 == 2 && flip ? 0.5f : 0.0f);
                 uv.push_back(zero);
             }
-            CompactMesh before(
-                n, reinterpret_cast<const qyGeom::MeshVertex*>(xyz.data()),
-                attributes ? reinterpret_cast<const qyGeom::MeshNormal*>(nrm.data()) : nullptr,
-                attributes ? reinterpret_cast<const qyGeom::MeshUV*>(uv.data()) : nullptr);
-            before.setNormalsComputed(false);
             std::vector<int> corners(std::size_t(n / 3 * 3));
             for (std::size_t k = 0; k < corners.size(); ++k)
                 corners[k] = int(corners.size() - 1 - k);
-            before.copyTriangles(n / 3, corners.data());
-
-            CompactMesh reference = before;
-            Remap expected;
-            {
-                qyTest::ScopedThreadCount scope(1);
-                expected = weld(reference, &sortAndScan);
-            }
-            expectWeld(before, reference, expected);
-            const int size = reference.getNumVertices();
-            for (int threads : {1, 3})
-            {
-                qyTest::ScopedThreadCount scope(threads);
-                CompactMesh mesh = before;
-                const Remap remap = weld(mesh);
-                ASSERT_EQ(mesh.getNumVertices(), size) << threads;
-                ASSERT_EQ(remap.isSequential(), expected.isSequential()) << threads;
-                EXPECT_EQ(entries(remap), entries(expected)) << threads;
-                EXPECT_TRUE(sameBits(mesh.getVerticesRaw(), reference.getVerticesRaw(), 3 * size));
-                EXPECT_TRUE(sameBits(mesh.getNormalsRaw(), reference.getNormalsRaw(), 3 * size));
-                EXPECT_TRUE(sameBits(mesh.getUVsRaw(), reference.getUVsRaw(), 2 * size));
-                EXPECT_EQ(values(mesh.getTrianglesRaw(), n / 3 * 3),
-                          values(reference.getTrianglesRaw(), n / 3 * 3));
-            }
+            expectExactWeldAsSortAndScan(xyz.data(), attributes ? nrm.data() : nullptr,
+                                         attributes ? uv.data() : nullptr, n, corners);
         }
 }
 
