@@ -314,8 +314,8 @@ template <int N> bool sortRunByNext(KeyItem* run, int size)
     return true;
 }
 
-// Sorts m items, given in increasing index order, by `less`, using `scratch` (m items), and
-// returns the array that holds them sorted: `items` or `scratch`. Keys
+// Sorts m items, given in increasing index order, by `less`, using `scratch` (m items); the
+// two arrays may come back swapped, the sorted items always in `items`. Keys
 // rarely tie in their primary component, so a stable radix sort on it (digits of `DigitBits`
 // bits from the lowest; a digit that is the same in every item is skipped) leaves only short
 // runs of equal words, each then sorted by the full order: up to eight by a sorting network on
@@ -324,88 +324,57 @@ template <int N> bool sortRunByNext(KeyItem* run, int size)
 // they are short, and only ties in the next words read the keys. Eleven-bit digits
 // take three passes; eight-bit ones take four, but their 256 buckets are written within the
 // first-level cache, which pays while the items are few.
-template <int DigitBits = 11, bool ByBucket = false, class Less>
-KeyItem* sortItems(KeyItem* items, KeyItem* scratch, std::ptrdiff_t m, Less less)
+template <int DigitBits = 11, class Less>
+void sortItems(std::unique_ptr<KeyItem[]>& itemsArray, std::unique_ptr<KeyItem[]>& scratchArray,
+               std::ptrdiff_t m, Less less)
 {
     using Item = KeyItem;
+    Item* items = itemsArray.get();
+    Item* scratch = scratchArray.get();
     constexpr int numBuckets = 1 << DigitBits;
     constexpr int numDigits = (32 + DigitBits - 1) / DigitBits;
     constexpr std::uint32_t digitMask = numBuckets - 1;
     // Counts fit in 32 bits: m is at most the vertex count, an int.
+    std::uint32_t counts[numDigits][numBuckets] = {};
+    for (std::ptrdiff_t i = 0; i < m; ++i)
+    {
+        const std::uint32_t w = items[i].word;
+        for (int d = 0; d < numDigits; ++d)
+            ++counts[d][(w >> (d * DigitBits)) & digitMask];
+    }
+    // A digit that is the same in every item needs no pass. The offsets of all digits are
+    // summed in one loop, as independent chains.
+    bool pass[numDigits];
+    for (int d = 0; d < numDigits; ++d)
+        pass[d] =
+            m > 1 && std::ptrdiff_t(counts[d][(items[0].word >> (d * DigitBits)) & digitMask]) != m;
+    std::uint32_t sums[numDigits] = {};
+    for (int b = 0; b < numBuckets; ++b)
+        for (int d = 0; d < numDigits; ++d)
+        {
+            const std::uint32_t c = counts[d][b];
+            counts[d][b] = sums[d];
+            sums[d] += c;
+        }
     Item* from = items;
     Item* to = scratch;
-    if constexpr (ByBucket)
+    for (int digit = 0; digit < numDigits; ++digit)
     {
-        // The four counts of a bucket side by side, so that the offsets of all digits are
-        // summed as one vector per bucket, which pays where the items are few.
-        static_assert(DigitBits == 8 && numDigits == 4);
-        using Lanes = std::uint32_t __attribute__((vector_size(4 * sizeof(std::uint32_t))));
-        std::uint32_t counts[numBuckets][numDigits] = {};
+        if (!pass[digit])
+            continue;
+        std::uint32_t* offsets = counts[digit];
+        const int shift = digit * DigitBits;
         for (std::ptrdiff_t i = 0; i < m; ++i)
-        {
-            const std::uint32_t w = items[i].word;
-            for (int d = 0; d < numDigits; ++d)
-                ++counts[(w >> (d * DigitBits)) & digitMask][d];
-        }
-        bool pass[numDigits];
-        for (int d = 0; d < numDigits; ++d)
-            pass[d] = m > 1 && std::ptrdiff_t(
-                                   counts[(items[0].word >> (d * DigitBits)) & digitMask][d]) != m;
-        Lanes sums = {};
-        for (int b = 0; b < numBuckets; ++b)
-        {
-            Lanes c;
-            std::memcpy(&c, counts[b], sizeof(c));
-            std::memcpy(counts[b], &sums, sizeof(sums));
-            sums += c;
-        }
-        for (int digit = 0; digit < numDigits; ++digit)
-        {
-            if (!pass[digit])
-                continue;
-            const int shift = digit * DigitBits;
-            for (std::ptrdiff_t i = 0; i < m; ++i)
-                to[counts[(from[i].word >> shift) & digitMask][digit]++] = from[i];
-            std::swap(from, to);
-        }
+            to[offsets[(from[i].word >> shift) & digitMask]++] = from[i];
+        std::swap(from, to);
     }
-    else
+    // After an odd number of passes the sorted items are in the scratch array, which then
+    // becomes the items' array rather than being copied back.
+    if (from != items)
     {
-        std::uint32_t counts[numDigits][numBuckets] = {};
-        for (std::ptrdiff_t i = 0; i < m; ++i)
-        {
-            const std::uint32_t w = items[i].word;
-            for (int d = 0; d < numDigits; ++d)
-                ++counts[d][(w >> (d * DigitBits)) & digitMask];
-        }
-        // A digit that is the same in every item needs no pass. The offsets of all digits are
-        // summed in one loop, as independent chains.
-        bool pass[numDigits];
-        for (int d = 0; d < numDigits; ++d)
-            pass[d] = m > 1 && std::ptrdiff_t(
-                                   counts[d][(items[0].word >> (d * DigitBits)) & digitMask]) != m;
-        std::uint32_t sums[numDigits] = {};
-        for (int b = 0; b < numBuckets; ++b)
-            for (int d = 0; d < numDigits; ++d)
-            {
-                const std::uint32_t c = counts[d][b];
-                counts[d][b] = sums[d];
-                sums[d] += c;
-            }
-        for (int digit = 0; digit < numDigits; ++digit)
-        {
-            if (!pass[digit])
-                continue;
-            std::uint32_t* offsets = counts[digit];
-            const int shift = digit * DigitBits;
-            for (std::ptrdiff_t i = 0; i < m; ++i)
-                to[offsets[(from[i].word >> shift) & digitMask]++] = from[i];
-            std::swap(from, to);
-        }
+        itemsArray.swap(scratchArray);
+        items = from;
     }
-    // After an odd number of passes the sorted items are in the scratch array, which is then
-    // returned rather than copied back.
-    items = from;
 
     constexpr std::ptrdiff_t shortRun = 16;
     for (std::ptrdiff_t i = 0; i < m;)
@@ -434,15 +403,7 @@ KeyItem* sortItems(KeyItem* items, KeyItem* scratch, std::ptrdiff_t m, Less less
             }
         i = j;
     }
-    return items;
 }
-
-// A StreamGrouper's groups in key order: `items`, within `block`.
-struct SortedGroups
-{
-    std::unique_ptr<KeyItem[]> block;
-    const KeyItem* items = nullptr;
-};
 
 template <class Order> struct KeyItemLess
 {
@@ -516,14 +477,6 @@ template <int W> class StreamGrouper
     // only cost instructions (4 to 7 % of soups of 48,384 and 118,800 in mesh order).
     static constexpr std::ptrdiff_t prefetchItems = std::ptrdiff_t(1) << 17;
 
-    // Below this many vertices the table, keys and highest vertices share one allocation, and
-    // the lookup loop is a function of its own (addFew).
-    static constexpr std::ptrdiff_t blockItems = std::ptrdiff_t(1) << 12;
-
-    // Below this many groups the items and the sort's scratch share one allocation, and the
-    // sort's counts are kept by bucket.
-    static constexpr std::ptrdiff_t fewGroups = std::ptrdiff_t(1) << 10;
-
 public:
     // For `m` vertices in all. The table doubles when groups fill half of it.
     StreamGrouper(const KeyReader<W>& keys, std::ptrdiff_t m)
@@ -534,41 +487,19 @@ public:
             ++bits;
         const std::size_t capacity = std::size_t(1) << bits;
         m_shift = 64 - bits;
-        // The keys and highest vertices are written only as far as groups are found.
-        const std::size_t numKeys = std::size_t(W) * std::size_t(m);
-        if (m < blockItems)
-        {
-            // One allocation for the table, the keys and the highest vertices: with a few
-            // hundred vertices, allocating each apart is a good part of the weld.
-            m_block = uninitialized<std::byte>(sizeof(int) * (capacity + std::size_t(m)) +
-                                               sizeof(float) * numKeys);
-            m_slots = reinterpret_cast<int*>(m_block.get());
-            std::fill_n(m_slots, capacity, -1);
-            m_lastData = m_slots + capacity;
-            m_keyData = reinterpret_cast<float*>(m_lastData + m);
-        }
-        else
-        {
-            m_table.reserve(capacity);
-            qy::adviseHugePages(m_table);
-            m_table.assign(capacity, -1);
-            m_slots = m_table.data();
-            m_groupKeys = uninitialized<float>(numKeys);
-            m_keyData = m_groupKeys.get();
-            m_last = uninitialized<int>(std::size_t(m));
-            m_lastData = m_last.get();
-        }
-        m_numSlots = capacity;
+        m_table.reserve(capacity);
+        qy::adviseHugePages(m_table);
+        m_table.assign(capacity, -1);
+        // Written only as far as groups are found.
+        m_groupKeys = uninitialized<float>(std::size_t(W) * std::size_t(m));
+        m_last = uninitialized<int>(std::size_t(m));
     }
 
     // Takes the m vertices of `stream`, whose indices are all above those taken before.
-    template <class Stream>
-    __attribute__((always_inline)) inline void add(const Stream& stream, std::ptrdiff_t m)
+    template <class Stream> void add(const Stream& stream, std::ptrdiff_t m)
     {
         if (m_prefetch)
             addAll<true>(stream, m);
-        else if (m < blockItems)
-            addFew(stream, m);
         else
             addAll<false>(stream, m);
     }
@@ -581,11 +512,11 @@ public:
     {
         if (hasNaN<W>(key))
             return false;
-        const std::size_t mask = m_numSlots - 1;
-        const float* groupKeys = m_keyData;
+        const std::size_t mask = m_table.size() - 1;
+        const float* groupKeys = m_groupKeys.get();
         for (std::size_t slot = hashKey<W>(key) >> m_shift;; slot = (slot + 1) & mask)
         {
-            const int r = m_slots[slot];
+            const int r = m_table[slot];
             if (r < 0)
                 return false;
             if (sameKey<W>(key, groupKeys + std::ptrdiff_t(W) * r))
@@ -594,29 +525,19 @@ public:
     }
 
     // Group g's key (W floats), until the keys are freed.
-    const float* key(int g) const { return m_keyData + std::ptrdiff_t(W) * g; }
+    const float* key(int g) const { return m_groupKeys.get() + std::ptrdiff_t(W) * g; }
 
     // Orders the groups by key, then number: the k-th item names the k-th group. Frees the
     // table; the keys stay. The items' words are those of the keys' components from
     // primary() on.
-    SortedGroups sortGroups()
+    std::unique_ptr<KeyItem[]> sortGroups()
     {
         std::vector<int>().swap(m_table);
-        m_slots = nullptr;
-        m_numSlots = 0;
         const std::ptrdiff_t count = m_count;
-        // Few groups take their items and the sort's scratch from one block; many free the
-        // scratch as soon as they are sorted.
-        const bool oneBlock = count < fewGroups;
-        SortedGroups sorted;
-        sorted.block = uninitialized<KeyItem>(std::size_t(oneBlock ? 2 * count : count));
-        KeyItem* items = sorted.block.get();
+        std::unique_ptr<KeyItem[]> items = uninitialized<KeyItem>(std::size_t(count));
         {
-            std::unique_ptr<KeyItem[]> scratchBlock;
-            if (!oneBlock)
-                scratchBlock = uninitialized<KeyItem>(std::size_t(count));
-            KeyItem* scratch = oneBlock ? items + count : scratchBlock.get();
-            const float* keys = m_keyData;
+            std::unique_ptr<KeyItem[]> scratch = uninitialized<KeyItem>(std::size_t(count));
+            const float* keys = m_groupKeys.get();
             auto build = [&](int primary)
             {
                 std::uint32_t differ = 0;
@@ -650,25 +571,18 @@ public:
             }
             // Keys that tie in the three words of their items are rare but for NaN keys.
             const KeyItemLess<DenseKeyOrder<W>> less{DenseKeyOrder<W>{keys}};
-            sorted.items = count < fewGroups   ? sortItems<8, true>(items, scratch, count, less)
-                           : count < smallSort ? sortItems<8>(items, scratch, count, less)
-                                               : sortItems(items, scratch, count, less);
-            if (sorted.items == scratch && !oneBlock)
-                sorted.block.swap(scratchBlock);
+            if (count < smallSort)
+                sortItems<8>(items, scratch, count, less);
+            else
+                sortItems(items, scratch, count, less);
         }
-        return sorted;
+        return items;
     }
 
     // The key component that the items of sortGroups() begin with.
     int primary() const { return m_primary; }
 
-    // Frees the keys where they have an allocation of their own.
-    void freeKeys()
-    {
-        m_groupKeys.reset();
-        if (!m_block)
-            m_keyData = nullptr;
-    }
+    void freeKeys() { m_groupKeys.reset(); }
 
     // Orders the groups by key, then number, and numbers them in that order from `offset`:
     // source[k] = the highest vertex of the k-th group, and newIndex() of the group is then
@@ -676,11 +590,10 @@ public:
     void sortAndNumber(int* source, int offset)
     {
         const std::ptrdiff_t count = m_count;
-        const SortedGroups sorted = sortGroups();
-        const KeyItem* items = sorted.items;
+        const std::unique_ptr<KeyItem[]> items = sortGroups();
         freeKeys();
         // The group's highest vertex supplies the data; its entry then holds its new index.
-        int* last = m_lastData;
+        int* last = m_last.get();
         for (std::ptrdiff_t k = 0; k < count; ++k)
         {
             const int g = items[k].index;
@@ -690,27 +603,17 @@ public:
     }
 
     // The new index of each group, after sortAndNumber(); before, its highest vertex.
-    const int* newIndex() const { return m_lastData; }
-    int* last() { return m_lastData; }
+    const int* newIndex() const { return m_last.get(); }
+    int* last() { return m_last.get(); }
 
 private:
-    // The lookup loop for few vertices in a function of its own: inlined into the weld, its
-    // variables are spilled to the stack, which costs the short loop a few percent of the weld.
-    template <class Stream>
-    __attribute__((noinline)) void addFew(const Stream& stream, std::ptrdiff_t m)
+    template <bool Prefetch, class Stream> void addAll(const Stream& stream, std::ptrdiff_t m)
     {
-        addAll<false>(stream, m);
-    }
-
-    // Inlined into add() as well as into addFew().
-    template <bool Prefetch, class Stream>
-    __attribute__((always_inline)) inline void addAll(const Stream& stream, std::ptrdiff_t m)
-    {
-        int* table = m_slots;
-        std::size_t mask = m_numSlots - 1;
+        std::vector<int>& table = m_table;
+        std::size_t mask = table.size() - 1;
         int shift = m_shift;
-        float* groupKeys = m_keyData;
-        int* last = m_lastData;
+        float* groupKeys = m_groupKeys.get();
+        int* last = m_last.get();
         int count = m_count;
 
         // With Prefetch, the slot of the vertex `ahead` places on is fetched early, its hash
@@ -721,7 +624,7 @@ private:
             float key[W];
             m_keys.load(stream.vertex(j), key);
             const std::uint64_t hash = hashKey<W>(key);
-            __builtin_prefetch(table + (hash >> shift));
+            __builtin_prefetch(table.data() + (hash >> shift));
             return hash;
         };
         if constexpr (Prefetch)
@@ -782,11 +685,10 @@ private:
                     keyBits<W>(key, bits);
                 for (int k = 0; k < W; ++k)
                     groupKeys[std::ptrdiff_t(W) * g + k] = std::bit_cast<float>(bits[k]);
-                if (2 * std::size_t(count) > m_numSlots)
+                if (2 * std::size_t(count) > table.size())
                 {
                     grow();
-                    table = m_slots;
-                    mask = m_numSlots - 1;
+                    mask = table.size() - 1;
                     shift = m_shift;
                 }
             }
@@ -797,42 +699,31 @@ private:
     }
 
     // Doubles the table; the groups in it are entered again (NaN keys' groups never are).
-    // The new table is a vector of its own, also where the first one was carved from a block.
     void grow()
     {
-        std::vector<int> table(m_numSlots * 2, -1);
+        std::vector<int> old(m_table.size() * 2, -1);
+        old.swap(m_table);
         --m_shift;
-        const std::size_t mask = table.size() - 1;
-        const float* groupKeys = m_keyData;
-        for (std::size_t s = 0; s < m_numSlots; ++s)
+        const std::size_t mask = m_table.size() - 1;
+        const float* groupKeys = m_groupKeys.get();
+        for (int g : old)
         {
-            const int g = m_slots[s];
             if (g < 0)
                 continue;
             std::size_t slot = hashKey<W>(groupKeys + std::ptrdiff_t(W) * g) >> m_shift;
-            while (table[slot] >= 0)
+            while (m_table[slot] >= 0)
                 slot = (slot + 1) & mask;
-            table[slot] = g;
+            m_table[slot] = g;
         }
-        m_table.swap(table);
-        m_slots = m_table.data();
-        m_numSlots = m_table.size();
     }
 
     KeyReader<W> m_keys;
     bool m_prefetch;
     int m_count = 0;
     int m_primary = 0;
-    // The table has m_numSlots = 2^(64 - m_shift) slots at m_slots; a key's first slot is its
-    // hash >> m_shift. They are in m_table, or at the start of m_block for few vertices.
-    int* m_slots = nullptr;
-    std::size_t m_numSlots = 0;
-    int m_shift = 0;
     std::vector<int> m_table;
-    // The group keys and highest vertices, in arrays of their own or in m_block.
-    float* m_keyData = nullptr;
-    int* m_lastData = nullptr;
-    std::unique_ptr<std::byte[]> m_block;
+    // The table has 2^(64 - m_shift) slots; a key's first slot is its hash >> m_shift.
+    int m_shift = 0;
     std::unique_ptr<float[]> m_groupKeys;
     std::unique_ptr<int[]> m_last;
 };
@@ -945,7 +836,7 @@ public:
         runTwoTasks(m_pool, true,
                     [&](int side) { m_items[side] = m_groupers[side]->sortGroups(); });
         // The first list's middle group splits the merge; equal keys go to task 1 in both.
-        const KeyItem* lists[2] = {m_items[0].items, m_items[1].items};
+        const KeyItem* lists[2] = {m_items[0].get(), m_items[1].get()};
         const GroupOrder order{low.key(0), high.key(0), low.primary() == 0 && high.primary() == 0};
         std::ptrdiff_t split[2] = {counts[0] / 2, 0};
         {
@@ -1137,7 +1028,7 @@ private:
     const std::ptrdiff_t m_middle;
     std::unique_ptr<int[]> m_ids;
     std::unique_ptr<StreamGrouper<W>> m_groupers[2];
-    SortedGroups m_items[2];
+    std::unique_ptr<KeyItem[]> m_items[2];
     // The number of new vertices that task 0 of the merge numbered.
     int m_offset = 0;
 };
