@@ -695,11 +695,10 @@ TEST(MeshCompact, TheExactRouteOrdersKeysThatShareTheirFirstCoordinateAsTheSortA
         }
 }
 
-TEST(MeshCompact, TheExactRouteWeldsAsTheSortAndScanDoesAroundItsSmallInputLimits)
+TEST(MeshCompact, TheExactRouteWeldsSmallInputsAsTheSortAndScanDoes)
 {
-    // Vertex counts on both sides of 4,096 (below it the grouping's arrays share one block)
-    // and group counts on both sides of 1,024 (below it the groups' items share one block with
-    // the sort's scratch), and few groups among many vertices, so the table grows or not. Keys
+    // Vertex counts around 4,096 and group counts around 1,024, and
+    // few groups among many vertices, so the table grows or not. Keys
     // tie in x or differ in its last bits, hold +0 and -0 (which weld) and NaN (which never
     // does); with attributes, copies of a key differ in a signed zero of the normal or in a UV.
     struct Size
