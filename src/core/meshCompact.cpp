@@ -285,8 +285,8 @@ struct KeyItem
 #endif
 }
 
-// Sorts a run of 2 to N items (N = 2, 4 or 8; N with Full) that share their word by their
-// next words, with no branch on the data: a sorting network over the run padded with items
+// Sorts a run of 2 to N items (N = 2, 4 or 8; exactly N with Full) that share their word by
+// their next words, with no branch on the data: a sorting network over the run padded with items
 // after every other (Batcher's odd-even merge sort for eight). Leaves the run as it was and
 // returns false when two of its items have the same next words (or the largest next words),
 // whose order only the keys decide.
