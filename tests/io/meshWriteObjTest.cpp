@@ -337,7 +337,7 @@ TEST(MeshWriteObjChecked, ReportsAWriteOrCloseThatFailsAndWritesTheSameText)
         EXPECT_TRUE(reported("meshWriteObjChecked"));
         EXPECT_FALSE(meshWriteChecked(mesh, full));
         EXPECT_TRUE(reported("meshWriteChecked"));
-        // The plain forms keep their contract: only an output that does not open fails.
+        // The plain forms still fail only where the output does not open.
         EXPECT_TRUE(meshWriteObj(mesh, full));
         EXPECT_TRUE(errors.empty());
     }
