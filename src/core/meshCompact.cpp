@@ -788,13 +788,26 @@ public:
         return count;
     }
 
-    // Gives every vertex its new index; only when some vertices were welded.
-    void number()
+    // Gives every vertex its new index; only when some vertices were welded. The leading
+    // corners that name their own position's vertex (all of them in a soup as a triangle file
+    // gives it) get their new index in the same pass, which then reads the map only once;
+    // returns how many did.
+    std::ptrdiff_t number(int* corners, std::ptrdiff_t numCorners)
     {
         const int* newIndex = m_grouper.newIndex();
         int* map = m_map;
-        for (std::ptrdiff_t i = 0; i < m_n; ++i)
+        const std::ptrdiff_t both = std::min<std::ptrdiff_t>(m_n, numCorners);
+        std::ptrdiff_t i = 0;
+        for (; i < both && corners[i] == i; ++i)
+        {
+            const int v = newIndex[map[i]];
+            map[i] = v;
+            corners[i] = v;
+        }
+        const std::ptrdiff_t renumbered = i;
+        for (; i < m_n; ++i)
             map[i] = newIndex[map[i]];
+        return renumbered;
     }
 
 private:
@@ -903,8 +916,9 @@ public:
         return found[0] + found[1];
     }
 
-    // Gives every vertex its new index; only when some vertices were welded.
-    void number()
+    // Gives every vertex its new index; only when some vertices were welded. Renumbers no
+    // corner (returns 0).
+    std::ptrdiff_t number(int*, std::ptrdiff_t)
     {
         int* map = m_map;
         const int offset = m_offset;
@@ -921,6 +935,7 @@ public:
                             map[i] = (v & ~tagged) + (offset & (v >> 31));
                         }
                     });
+        return 0;
     }
 
 private:
@@ -1190,10 +1205,13 @@ void renumber(int* indices, std::ptrdiff_t numIndices, const int* map, int n,
                 });
 }
 
+// Fills the remap and the sources; returns the new vertex count. The grouping route may give
+// the leading corners (numCorners in all) their new indices too: `renumbered` says how many.
 template <int W>
 int buildMap(const KeyReader<W>& keys, int n, Remap& remap, Sources& sources,
              IMeshVertexEqualityChecker* checker, qyUtil::ThreadPool& pool, bool parallel,
-             qyUtil::Progress& progress, qyUtil::Progress& child, PhaseTimer& watch)
+             qyUtil::Progress& progress, qyUtil::Progress& child, PhaseTimer& watch, int* corners,
+             std::ptrdiff_t numCorners, std::ptrdiff_t& renumbered)
 {
     auto run = [&](auto& grouping)
     {
@@ -1202,7 +1220,7 @@ int buildMap(const KeyReader<W>& keys, int n, Remap& remap, Sources& sources,
         watch.print("sorted vertices");
         progress.subPhase(0.2, child);
         if (count < n)
-            grouping.number();
+            renumbered = grouping.number(corners, numCorners);
         return count;
     };
     if (parallel && !checker)
@@ -1238,16 +1256,22 @@ void weld(CompactMesh& mesh, qyUtil::Progress& progress, Remap& remap,
     qyUtil::Progress child;
     progress.subPhase(0.8, child);
     Sources sources;
+    int* corners = mesh.getTrianglesRaw();
+    const std::ptrdiff_t numCorners = 3 * std::ptrdiff_t(mesh.getNumTriangles());
+    std::ptrdiff_t renumbered = 0;
     int count;
     if (useNormals && useUVs)
         count = buildMap<8>({mesh.getVerticesRaw(), mesh.getNormalsRaw(), mesh.getUVsRaw()}, n,
-                            remap, sources, checker, pool, parallel, progress, child, watch);
+                            remap, sources, checker, pool, parallel, progress, child, watch,
+                            corners, numCorners, renumbered);
     else if (useNormals)
         count = buildMap<6>({mesh.getVerticesRaw(), mesh.getNormalsRaw(), nullptr}, n, remap,
-                            sources, checker, pool, parallel, progress, child, watch);
+                            sources, checker, pool, parallel, progress, child, watch, corners,
+                            numCorners, renumbered);
     else
-        count = buildMap<3>({mesh.getVerticesRaw(), nullptr, nullptr}, n, remap, sources, checker,
-                            pool, parallel, progress, child, watch);
+        count =
+            buildMap<3>({mesh.getVerticesRaw(), nullptr, nullptr}, n, remap, sources, checker, pool,
+                        parallel, progress, child, watch, corners, numCorners, renumbered);
     child.set(1.0);
     watch.print("initialized remap");
 
@@ -1289,8 +1313,9 @@ void weld(CompactMesh& mesh, qyUtil::Progress& progress, Remap& remap,
     }
     mesh.resizeVertexArray(count);
 
-    const std::ptrdiff_t numIndices = 3 * std::ptrdiff_t(mesh.getNumTriangles());
-    renumber(mesh.getTrianglesRaw(), numIndices, map, n, pool,
+    // The corners that the grouping did not renumber.
+    const std::ptrdiff_t numIndices = numCorners - renumbered;
+    renumber(corners + renumbered, numIndices, map, n, pool,
              pool.getNumThreads() > 1 && (checker || numIndices >= parallelGroupingItems));
     change.triangleNormalsValid();
     mesh.modified(change);

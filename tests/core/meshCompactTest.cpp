@@ -471,7 +471,9 @@ namespace
 // The triangle soup of a mesh (one vertex per corner; the triangles shuffled first when asked),
 // with explicit normals and UVs when asked. Some corners at a zero coordinate get -0, a few get
 // a NaN, and some copies of a position get a normal or UV of their own, so that groups of one
-// position split and the sort must look past the position.
+// position split and the sort must look past the position. Unshuffled soups have two corners
+// (past the middle and at the end) name other corners' vertices, which the weld renumbers apart
+// from the soup's run of corners that name their own.
 CompactMesh markedSoup(CompactMesh mesh, bool shuffled, bool attributes)
 {
     if (shuffled)
@@ -506,6 +508,12 @@ CompactMesh markedSoup(CompactMesh mesh, bool shuffled, bool attributes)
             uv[2 * i] = i % 13 == 0 ? 0.5f : v[3 * i];
             uv[2 * i + 1] = i % 17 == 0 ? -0.0f : 0.0f;
         }
+    }
+    if (!shuffled && n > 6)
+    {
+        int* corners = soup.getTrianglesRaw();
+        corners[n / 2 + 1] = 0;
+        corners[n - 1] = n / 2;
     }
     return soup;
 }
