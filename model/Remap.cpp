@@ -21,11 +21,20 @@ void Remap::resize(int domainSize, int rangeSize)
     m_sequential = false;
 }
 
+void Remap::resizeForOverwrite(int domainSize, int rangeSize)
+{
+    m_domainSize = std::max(domainSize, 0);
+    m_rangeSize = std::max(rangeSize, 0);
+    m_map.clear();
+    m_map.resize(std::size_t(m_domainSize));
+    m_sequential = false;
+}
+
 void Remap::setSequential()
 {
     m_sequential = true;
     m_rangeSize = m_domainSize;
-    std::vector<int>().swap(m_map);
+    decltype(m_map)().swap(m_map);
 }
 
 void Remap::setDeleteMap(const BitVector& deleted)

@@ -3,7 +3,10 @@
 
 #include <algorithm>
 #include <cstring>
+#include <memory>
+#include <new>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
 #include "qyGeom/qyGeomExport.h"
@@ -12,6 +15,33 @@ namespace qyGeom
 {
 
 class BitVector;
+
+namespace detail
+{
+
+/// A std::allocator whose vectors leave the elements they add without a value unset (an int is
+/// then not written), for arrays that are written in full after they are sized.
+template <class T> struct DefaultInitAllocator : std::allocator<T>
+{
+    template <class U> struct rebind
+    {
+        using other = DefaultInitAllocator<U>;
+    };
+
+    DefaultInitAllocator() = default;
+    template <class U> DefaultInitAllocator(const DefaultInitAllocator<U>&) noexcept {}
+
+    template <class U> void construct(U* p) noexcept(std::is_nothrow_default_constructible_v<U>)
+    {
+        ::new (static_cast<void*>(p)) U;
+    }
+    template <class U, class... Args> void construct(U* p, Args&&... args)
+    {
+        ::new (static_cast<void*>(p)) U(std::forward<Args>(args)...);
+    }
+};
+
+} // namespace detail
 
 /// Maps the old indices [0, domainSize) to new indices [0, rangeSize); an entry of -1 means
 /// the element was removed. A sequential map is the identity: nothing was renumbered and
@@ -27,6 +57,8 @@ public:
 
     /// Resizes to domainSize entries, all -1, and clears the sequential mark.
     void resize(int domainSize, int rangeSize);
+    /// As resize(), but the entries are left unset: for a builder that writes every one of them.
+    void resizeForOverwrite(int domainSize, int rangeSize);
     /// @pre 0 <= from < getDomainSize()
     void set(int from, int to) { m_map[std::size_t(from)] = to; }
     /// Makes the map the identity of its domain (range = domain); frees the entries.
@@ -50,7 +82,7 @@ public:
     void operator()(int* indices, int n) const;
 
 private:
-    std::vector<int> m_map;
+    std::vector<int, detail::DefaultInitAllocator<int>> m_map;
     int m_domainSize = 0;
     int m_rangeSize = 0;
     bool m_sequential = false;

@@ -1228,7 +1228,11 @@ int buildMap(const KeyReader<W>& keys, int n, Remap& remap, Sources& sources,
         HalvesGrouping<W> grouping(keys, n, remap, pool);
         return run(grouping);
     }
-    remap.resize(n, n);
+    // The grouping writes every entry when it takes the vertices.
+    if (checker)
+        remap.resize(n, n);
+    else
+        remap.resizeForOverwrite(n, n);
     int* map = remap.getMap();
     if (checker)
         return sortAndScan<W>(keys, n, map, sources, *checker, pool, parallel, progress, child,
