@@ -87,6 +87,19 @@ int resolveIndex(int value, int count)
     return r < -1 || r > 0x7fffffff ? 0 : int(r);
 }
 
+/// Stores corner n of a face line: its 0-based position index v, and its texture index where
+/// the read keeps them (keepTex); lo and hi follow the line's smallest and largest position
+/// index.
+[[gnu::always_inline]] inline void storeCorner(int* pos, bool keepTex, int* texOut, std::size_t n,
+                                               int v, int tex, int& lo, int& hi)
+{
+    pos[n] = v;
+    lo = std::min(lo, v);
+    hi = std::max(hi, v);
+    if (keepTex)
+        texOut[n] = tex;
+}
+
 } // namespace
 
 namespace detail
@@ -697,12 +710,7 @@ const char* ObjLineReader::parseFaceLine(const char* line, const char* end, bool
             tex = int(texValue) - 1;
             texHi = std::max(texHi, tex);
         }
-        const int v = int(value) - 1;
-        pos[n] = v;
-        lo = std::min(lo, v);
-        hi = std::max(hi, v);
-        if (keepTex)
-            texOut[n] = tex;
+        storeCorner(pos, keepTex, texOut, n, int(value) - 1, tex, lo, hi);
         p = e;
     }
     const std::size_t length = std::size_t(p - line);
@@ -844,12 +852,7 @@ void ObjLineReader::parseFace(const char* p, const char* end)
             // Only a corner with a '/' has more to skip.
             if (q < end && *q == '/')
                 q = cornerEnd(q, end);
-            const int v = int(value) - 1;
-            pos[n] = v;
-            lo = std::min(lo, v);
-            hi = std::max(hi, v);
-            if (keepTex)
-                texOut[n] = tex;
+            storeCorner(pos, keepTex, texOut, n, int(value) - 1, tex, lo, hi);
             p = q;
             continue;
         }
