@@ -15,10 +15,8 @@ Remap::~Remap() = default;
 
 void Remap::resize(int domainSize, int rangeSize)
 {
-    m_domainSize = std::max(domainSize, 0);
-    m_rangeSize = std::max(rangeSize, 0);
-    m_map.assign(std::size_t(m_domainSize), -1);
-    m_sequential = false;
+    resizeForOverwrite(domainSize, rangeSize);
+    std::fill(m_map.begin(), m_map.end(), -1);
 }
 
 void Remap::resizeForOverwrite(int domainSize, int rangeSize)

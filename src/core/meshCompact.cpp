@@ -1263,19 +1263,16 @@ void weld(CompactMesh& mesh, qyUtil::Progress& progress, Remap& remap,
     int* corners = mesh.getTrianglesRaw();
     const std::ptrdiff_t numCorners = 3 * std::ptrdiff_t(mesh.getNumTriangles());
     std::ptrdiff_t renumbered = 0;
-    int count;
-    if (useNormals && useUVs)
-        count = buildMap<8>({mesh.getVerticesRaw(), mesh.getNormalsRaw(), mesh.getUVsRaw()}, n,
-                            remap, sources, checker, pool, parallel, progress, child, watch,
-                            corners, numCorners, renumbered);
-    else if (useNormals)
-        count = buildMap<6>({mesh.getVerticesRaw(), mesh.getNormalsRaw(), nullptr}, n, remap,
-                            sources, checker, pool, parallel, progress, child, watch, corners,
-                            numCorners, renumbered);
-    else
-        count =
-            buildMap<3>({mesh.getVerticesRaw(), nullptr, nullptr}, n, remap, sources, checker, pool,
-                        parallel, progress, child, watch, corners, numCorners, renumbered);
+    auto build = [&]<int W>(const KeyReader<W>& keys)
+    {
+        return buildMap<W>(keys, n, remap, sources, checker, pool, parallel, progress, child, watch,
+                           corners, numCorners, renumbered);
+    };
+    const float* vertices = mesh.getVerticesRaw();
+    const int count = useNormals && useUVs
+                          ? build(KeyReader<8>{vertices, mesh.getNormalsRaw(), mesh.getUVsRaw()})
+                      : useNormals ? build(KeyReader<6>{vertices, mesh.getNormalsRaw(), nullptr})
+                                   : build(KeyReader<3>{vertices, nullptr, nullptr});
     child.set(1.0);
     watch.print("initialized remap");
 
